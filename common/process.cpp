@@ -1,0 +1,378 @@
+// All seven calls are one mechanism in four steps; what they differ in is a row or a parameter.
+//
+//   1. open    the files and the pipe, as owned descriptors (Streams). On any failure the owners close all of
+//   it.
+//   2. prepare argument vector and environment, in the parent. The daemon has many threads, and one of them
+//   may hold
+//              the allocator's lock at the moment of the fork: a child that allocates can hang for ever.
+//   3. start   fork. The child sees only a ChildPlan and makes nothing but async-signal-safe calls: streams,
+//   signals,
+//              descriptor limit, execve, and _exit(127) when that returns.
+//   4. finish  the parent's owners close its copies; it waits (exec) or puts the stream on the list (popen).
+//
+// Every descriptor made here is close-on-exec from birth, pipe ends and input files included; dup2 in the
+// child makes the one copy that survives. A program that another thread starts at the same moment therefore
+// inherits none of them: it cannot keep a pipe open behind its reader's or writer's back, and no child needs
+// to walk the list of open pipes.
+//
+// The list of open pipes is the only state that calls share. Its mutex is held while a node is linked or
+// unlinked, never across a fork or a wait.
+#include "common/process.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <vector>
+
+#include "common/unique_fd.h"
+
+namespace {
+
+enum class Environment { kEmpty, kInherited };
+
+// What the two exec families differ in.
+struct ExecFamily {
+  Environment environment;
+  bool traces_input;
+};
+constexpr ExecFamily kExecCmd = {.environment = Environment::kEmpty, .traces_input = false};
+constexpr ExecFamily kExecCmdStdio = {.environment = Environment::kInherited, .traces_input = true};
+
+constexpr char kNull[] = "/dev/null";
+constexpr char kLibraryPath[] = "LD_LIBRARY_PATH=";
+constexpr int kCannotExecute = 127;  // the exit status that shells give a program that cannot be run
+
+// A stream of popen_cmd and its program. The list is a plain pointer, not a container: threads that are left
+// to the end of the process may still use it while static objects are being destroyed.
+struct OpenPipe {
+  OpenPipe* next;
+  FILE* stream;
+  pid_t pid;
+};
+std::mutex g_open_pipes_mutex;
+OpenPipe* g_open_pipes = nullptr;  // latest first
+
+// The limits that programs get back; null until the daemon raises its own.
+std::atomic<const rlimit*> g_program_limit{nullptr};
+
+// ---- The child
+// -------------------------------------------------------------------------------------------------
+
+// Everything the child needs; borrowed from the parent's frame.
+struct ChildPlan {
+  const char* path;
+  char* const* argv;
+  char* const* environment;
+  int streams[3];       // what becomes descriptor 0, 1 and 2; -1 leaves that one as it is
+  const rlimit* limit;  // null: keep the daemon's
+};
+
+bool place_streams(const ChildPlan& plan) {
+  int sources[3];
+  for (int target = 0; target < 3; ++target) {
+    const int source = plan.streams[target];
+    // A daemon without standard streams gets descriptors 0 to 2 for its files. Such a source must step aside
+    // before another stream takes its number.
+    const bool in_the_way = source >= 0 && source < 3 && source != target;
+    sources[target] = in_the_way ? fcntl(source, F_DUPFD_CLOEXEC, 3) : source;
+    if (in_the_way && sources[target] < 0) return false;
+  }
+  for (int target = 0; target < 3; ++target) {
+    const int source = sources[target];
+    if (source < 0) continue;
+    // dup2 onto itself would leave close-on-exec set.
+    const int result = source == target ? fcntl(target, F_SETFD, 0) : dup2(source, target);
+    if (result < 0) return false;
+  }
+  return true;
+}
+
+// Called with every signal blocked: the daemon's handlers are gone before one can run in here. Signals that
+// were ignored from outside (nohup) stay so; SIGPIPE is the daemon's own doing.
+void reset_signals() {
+  struct sigaction ordinary {};
+  ordinary.sa_handler = SIG_DFL;
+  for (int signal = 1; signal < NSIG; ++signal) {
+    struct sigaction current {};
+    if (sigaction(signal, nullptr, &current) != 0) continue;
+    if (current.sa_handler != SIG_IGN || signal == SIGPIPE) sigaction(signal, &ordinary, nullptr);
+  }
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+[[noreturn]] void become_program(const ChildPlan& plan) {
+  if (!place_streams(plan)) _exit(kCannotExecute);
+  reset_signals();
+  if (plan.limit != nullptr) setrlimit(RLIMIT_NOFILE, plan.limit);  // a bare system call, safe here
+  execve(plan.path, plan.argv, plan.environment);
+  _exit(kCannotExecute);
+}
+
+// ---- The parent
+// ------------------------------------------------------------------------------------------------
+
+std::vector<char*> make_environment(Environment policy) {
+  std::vector<char*> environment;
+  if (policy == Environment::kInherited) {
+    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+      if (std::strncmp(*entry, kLibraryPath, sizeof kLibraryPath - 1) != 0) environment.push_back(*entry);
+    }
+  }
+  environment.push_back(nullptr);
+  return environment;
+}
+
+// The vector of an _args call. The texts stay the caller's: execve promises not to change them.
+std::vector<char*> make_arguments(const char* path, va_list rest) {
+  const char* const slash = std::strrchr(path, '/');
+  std::vector<char*> arguments = {const_cast<char*>(slash != nullptr ? slash + 1 : path)};
+  do {
+    arguments.push_back(va_arg(rest, char*));
+  } while (arguments.back() != nullptr);
+  return arguments;
+}
+
+// What becomes the program's standard streams; an empty one is inherited.
+struct Streams {
+  UniqueFd input, output, error;
+};
+
+UniqueFd open_input(const char* path) {
+  return UniqueFd(open(path, O_RDONLY | O_CLOEXEC));
+}
+
+UniqueFd open_output(const char* path) {
+  if (path == nullptr) return UniqueFd(open(kNull, O_WRONLY | O_CLOEXEC));
+  return UniqueFd(open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0774));
+}
+
+// Both streams through one open file: with two, each would overwrite what the other wrote.
+UniqueFd share(const UniqueFd& output) {
+  return UniqueFd(fcntl(output.get(), F_DUPFD_CLOEXEC, 0));
+}
+
+bool same_file(const char* output, const char* error) {
+  return output != nullptr && error != nullptr && std::strcmp(output, error) == 0;
+}
+
+// Forks; returns the child's pid, or -1 with errno set.
+pid_t start(const char* path, char* const argv[], Environment policy, const Streams& streams) {
+  const std::vector<char*> environment = make_environment(policy);
+  const ChildPlan plan = {.path = path,
+                          .argv = argv,
+                          .environment = environment.data(),
+                          .streams = {streams.input.get(), streams.output.get(), streams.error.get()},
+                          .limit = g_program_limit.load()};
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  const pid_t pid = fork();
+  if (pid == 0) become_program(plan);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  return pid;
+}
+
+// The raw wait status, or -1. Signals meant for the daemon may arrive on any thread and must not end the
+// wait.
+int wait_for(pid_t pid) {
+  int status = 0;
+  pid_t result;
+  do {
+    result = waitpid(pid, &status, 0);
+  } while (result < 0 && errno == EINTR);
+  return result < 0 ? -1 : status;
+}
+
+// ---- exec: run and wait
+// ----------------------------------------------------------------------------------------
+
+// The account of one call; swallows everything when there is no file, or none that can be written.
+class Trace {
+ public:
+  explicit Trace(const char* path) : file_(path != nullptr ? std::fopen(path, "a+e") : nullptr) {}
+
+  __attribute__((format(printf, 2, 3))) void write(const char* fmt, ...) const {
+    if (!file_) return;
+    va_list arguments;
+    va_start(arguments, fmt);
+    std::vfprintf(file_.get(), fmt, arguments);
+    va_end(arguments);
+    std::fflush(file_.get());
+  }
+
+ private:
+  const UniqueStream file_;
+};
+
+const char* shown(const char* path) {
+  return path != nullptr ? path : "(null)";
+}
+
+void remove_outputs(const char* output, const char* error) {
+  for (const char* path : {output, error}) {
+    if (path != nullptr) unlink(path);
+  }
+}
+
+bool open_streams(const char* input, const char* output, const char* error, const Trace& trace,
+                  Streams* streams) {
+  streams->output = open_output(output);
+  if (!streams->output) {
+    trace.write("open %s failed: %d\n", shown(output), streams->output.get());
+    return false;
+  }
+  const bool shared = same_file(output, error);
+  streams->error = shared ? share(streams->output) : open_output(error);
+  if (!streams->error) {
+    trace.write("open %s failed: %d\n", shown(error), streams->error.get());
+    remove_outputs(output, error);
+    return false;
+  }
+  if (shared) trace.write("pipe stdout and stderr to the same file %s\n", output);
+  if (input == nullptr) return true;
+  streams->input = open_input(input);
+  if (!streams->input) {
+    trace.write("open %s failed\n", input);
+    remove_outputs(output, error);
+    return false;
+  }
+  return true;
+}
+
+int run(const ExecFamily& family, const char* input, const char* output, const char* error,
+        const char* trace_path, const char* path, char* const argv[]) {
+  Streams streams;
+  {
+    const Trace trace(trace_path);
+    trace.write("cmd=%s\n", shown(path));
+    if (family.traces_input) trace.write("stdin_file=%s\n", shown(input));
+    trace.write("stdout_file=%s\n", shown(output));
+    trace.write("stderr_file=%s\n", shown(error));
+    if (!open_streams(input, output, error, trace, &streams)) return -1;
+  }
+  const pid_t pid = start(path, argv, family.environment, streams);
+  // What callers have always been told when there is no process to be had; their replies depend on it.
+  if (pid < 0) return 0;
+  return wait_for(pid);
+}
+
+}  // namespace
+
+int exec_cmd(const char* output, const char* error, const char* trace, const char* path, char* const argv[]) {
+  return run(kExecCmd, nullptr, output, error, trace, path, argv);
+}
+
+int exec_cmd_args(const char* output, const char* error, const char* trace, const char* path, ...) {
+  va_list rest;
+  va_start(rest, path);
+  const std::vector<char*> arguments = make_arguments(path, rest);
+  va_end(rest);
+  return exec_cmd(output, error, trace, path, arguments.data());
+}
+
+int exec_cmd_stdio(const char* input, const char* output, const char* error, const char* trace,
+                   const char* path, char* const argv[]) {
+  return run(kExecCmdStdio, input, output, error, trace, path, argv);
+}
+
+int exec_cmd_stdio_args(const char* input, const char* output, const char* error, const char* trace,
+                        const char* path, ...) {
+  va_list rest;
+  va_start(rest, path);
+  const std::vector<char*> arguments = make_arguments(path, rest);
+  va_end(rest);
+  return exec_cmd_stdio(input, output, error, trace, path, arguments.data());
+}
+
+// ---- popen: run beside the caller
+// ------------------------------------------------------------------------------
+
+FILE* popen_cmd(const char* input, const char* output, const char* error, const char* mode, const char* path,
+                char* const argv[]) {
+  const bool reads = mode != nullptr && std::strcmp(mode, "r") == 0;
+  const bool writes = mode != nullptr && std::strcmp(mode, "w") == 0;
+  if (!reads && !writes) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  std::unique_ptr<OpenPipe> node(new (std::nothrow) OpenPipe{});
+  int ends[2];
+  if (!node || pipe2(ends, O_CLOEXEC) != 0) return nullptr;
+  UniqueFd ours(ends[reads ? 0 : 1]);
+  UniqueFd theirs(ends[reads ? 1 : 0]);
+
+  Streams streams;
+  if (reads) {
+    if (input != nullptr && !(streams.input = open_input(input))) return nullptr;
+    streams.output = std::move(theirs);
+  } else {
+    streams.input = std::move(theirs);
+    if (!(streams.output = open_output(output))) return nullptr;
+  }
+  streams.error = writes && same_file(output, error) ? share(streams.output) : open_output(error);
+  if (!streams.error) return nullptr;
+
+  // Before the fork: once the program runs, nothing may fail that would leave it without its stream.
+  UniqueStream stream(fdopen(ours.get(), mode));
+  if (!stream) return nullptr;
+  ours.release();
+  node->stream = stream.get();
+  node->pid = start(path, argv, Environment::kInherited, streams);
+  if (node->pid < 0) return nullptr;
+
+  const std::lock_guard lock(g_open_pipes_mutex);
+  node->next = g_open_pipes;
+  g_open_pipes = node.release();
+  return stream.release();
+}
+
+FILE* popen_cmd_args(const char* input, const char* output, const char* error, const char* mode,
+                     const char* path, ...) {
+  va_list rest;
+  va_start(rest, path);
+  const std::vector<char*> arguments = make_arguments(path, rest);
+  va_end(rest);
+  return popen_cmd(input, output, error, mode, path, arguments.data());
+}
+
+int pclose_cmd(FILE* stream) {
+  std::unique_ptr<OpenPipe> node;
+  {
+    const std::lock_guard lock(g_open_pipes_mutex);
+    OpenPipe** link = &g_open_pipes;
+    while (*link != nullptr && (*link)->stream != stream) link = &(*link)->next;
+    if (*link == nullptr) return -1;
+    node.reset(*link);
+    *link = node->next;
+  }
+  std::fclose(node->stream);
+  return wait_for(node->pid);
+}
+
+void raise_descriptor_limit(unsigned long wanted) {
+  static const rlimit original = [] {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    return limit;
+  }();
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  const rlim_t target = std::min<rlim_t>(wanted, limit.rlim_max);
+  if (limit.rlim_cur >= target) return;
+  limit.rlim_cur = target;
+  if (setrlimit(RLIMIT_NOFILE, &limit) == 0) g_program_limit.store(&original);
+}

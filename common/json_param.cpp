@@ -1,0 +1,67 @@
+#include "common/json_param.h"
+
+#include <json/reader.h>
+#include <json/writer.h>
+
+#include <cstdint>
+
+#include "common/log.h"
+
+void parser_param_from_json_str(const Json::Value& root, const std::string& key, void* out,
+                                const std::string& type, bool* error) {
+  const Json::Value& value = root[key];
+  if (value.isNull()) {
+    *error = true;
+  } else if (type == "string" && value.isString()) {
+    *static_cast<std::string*>(out) = value.asString();
+  } else if (type == "int" && value.isInt()) {
+    *static_cast<std::int32_t*>(out) = value.asInt();
+  } else if (type == "long" && value.isIntegral()) {
+    *static_cast<std::int64_t*>(out) = value.asInt64();
+  } else if (type == "bool" && value.isBool()) {
+    *static_cast<std::int32_t*>(out) = value.asBool() ? 1 : 0;
+  } else {
+    *error = true;
+    if (type != "bool") return;
+    std::string name;
+    json_value_type_name(root, key, &name);
+    LOG_AT("parser_param_from_json_str", "%s Type fail, this input value type is %s.", key.c_str(),
+           name.c_str());
+  }
+}
+
+void json_value_type_name(const Json::Value& root, const std::string& key, std::string* name) {
+  const Json::Value& value = root[key];
+  // The order counts: what fits 32 bits is integral too, and every number is a double to the library.
+  if (value.isString()) {
+    *name = "string";
+  } else if (value.isInt()) {
+    *name = "int";
+  } else if (value.isIntegral()) {
+    *name = "long";
+  } else if (value.isBool()) {
+    *name = "bool";
+  } else if (value.isDouble()) {
+    *name = "double";
+  } else {
+    *name = "Others";
+  }
+}
+
+// The library would rather have its builders used. Clients depend on what the classic pair accepts and on the
+// exact text it writes.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+
+bool json_parse(const std::string& text, Json::Value* root, std::string* errors) {
+  Json::Reader reader;
+  if (reader.parse(text, *root, true)) return true;
+  if (errors != nullptr) *errors = reader.getFormattedErrorMessages();
+  return false;
+}
+
+std::string json_write(const Json::Value& value) {
+  return Json::FastWriter().write(value);
+}
+
+#pragma GCC diagnostic pop

@@ -1,0 +1,34 @@
+// Parameters of a request, and the one door to the JSON library's classic reader and writer.
+//
+// The library throws (std::exception) where a text is nested beyond its limit, a member is asked of something
+// that is no object, or a conversion cannot be made. Nothing in here catches. All of it is safe on any thread
+// as long as nobody changes the values meanwhile.
+#pragma once
+
+#include <json/value.h>
+
+#include <string>
+
+// Takes the member `key` of `root`, an object or null, into `*out`. `type` names what the member must be and
+// what `out` points at:
+//   "string"  std::string
+//   "int"     std::int32_t; any number without a fraction that fits
+//   "long"    std::int64_t; any number without a fraction (one beyond the type throws)
+//   "bool"    std::int32_t, set to 1 or 0
+// A member that is absent, null or of another type, and any other `type`, sets `*error` and leaves `*out`
+// alone.
+// `*error` is never cleared, so that one flag serves all parameters of a request. Only a member that should
+// have been a bool is logged as well.
+void parser_param_from_json_str(const Json::Value& root, const std::string& key, void* out,
+                                const std::string& type, bool* error);
+
+// Sets `*name` to what the member `key` of `root` is: "string", "int" (fits 32 bits), "long" (any other
+// number without a fraction), "bool", "double" or "Others" (absent, null, array, object).
+void json_value_type_name(const Json::Value& root, const std::string& key, std::string* name);
+
+// Parses `text`, comments allowed and collected, into `*root`. False when it is not JSON; `*errors`, when
+// given, is then the reader's account for people.
+bool json_parse(const std::string& text, Json::Value* root, std::string* errors = nullptr);
+
+// The text of `value` on one line, members sorted by name, ending in a newline.
+std::string json_write(const Json::Value& value);

@@ -1,9 +1,9 @@
 // The service framework: named local services on one machine.
 //
 // A service is a name, an exec callback and a number of workers. A client sends it one request at a time: a
-// request name of at most 256 characters, a body of any length and, if it likes, one descriptor. Body and reply
-// never pass through the socket. They live in an anonymous memory file which the client hands over; the service
-// reads the body there, empties the file, writes its reply into it and says done.
+// request name of at most 256 characters, a body of any length and, if it likes, one descriptor. Body and
+// reply never pass through the socket. They live in an anonymous memory file which the client hands over; the
+// service reads the body there, empties the file, writes its reply into it and says done.
 //
 //     void answer(const char* request_name, ks_io* io, int extra_fd) {   // one worker runs this per request
 //       if (ks_io_alive(io)) {
@@ -14,7 +14,8 @@
 //       ks_io_free(io);                                                  // the callback owns io ...
 //       if (extra_fd >= 0) close(extra_fd);                              // ... and the descriptor
 //     }
-//     ks_start(ks_create("greeter", KS_PTHREAD_MODE, 2, answer));        // returns when somebody calls ks_stop
+//     ks_start(ks_create("greeter", KS_PTHREAD_MODE, 2, answer));        // returns when somebody calls
+//     ks_stop
 //
 //     void* reply = NULL; uint64_t size = 0;                             // in another process
 //     int status = ks_ez_call("greeter", "world", NULL, 0, &reply, &size, 5, -1);
@@ -23,8 +24,8 @@
 // resource that the process cannot do without, ends the process: one line on standard error that begins with
 // [ABORT] and names the operation and the failed condition, then abort().
 //
-// Threads. There are no locks in here. Each function says who may call it; without a word: one thread at a time
-// per record, any number of threads with records of their own.
+// Threads. There are no locks in here. Each function says who may call it; without a word: one thread at a
+// time per record, any number of threads with records of their own.
 //
 // Usable from C11 and from C++.
 #pragma once
@@ -48,21 +49,22 @@ extern "C" {
 #define KS_HANDLE_MAGIC 0x6B53562Du
 #define KS_EPOLL_MAGIC 0x6B45562Du
 
-// ---- Requests ------------------------------------------------------------------------------------------------
+// ---- Requests
+// ------------------------------------------------------------------------------------------------
 
-// One request in flight. On the service side it arrives filled; on the client side ks_io_create makes an empty
-// one. The fields are for reading; the operations below change them.
+// One request in flight. On the service side it arrives filled; on the client side ks_io_create makes an
+// empty one. The fields are for reading; the operations below change them.
 typedef struct ks_io {
-  uint32_t magic;                                // KS_IO_MAGIC
-  int32_t memfd;                                 // the memory file, -1 until an operation needs one; owned
-  int32_t sockfd;                                // the connection to the other side, -1 when none; owned
-  int32_t extra_fd;                              // descriptor that travels beside the body, or -1; the caller's
-  char request_name[KS_REQUEST_NAME_SIZE + 1];   // NUL-terminated
-  uint64_t user_data;                            // the owner's, see ks_io_set
-  void* shared_data;                             // the whole memory file as it was when mapped, or null
-  uint64_t shared_size;                          // length of that mapping in bytes, 0 when unmapped
-  int32_t peer_pid;                              // who sent the request (service side); all three 0 on the
-  uint32_t peer_uid;                             // client side; together they form one struct ucred
+  uint32_t magic;    // KS_IO_MAGIC
+  int32_t memfd;     // the memory file, -1 until an operation needs one; owned
+  int32_t sockfd;    // the connection to the other side, -1 when none; owned
+  int32_t extra_fd;  // descriptor that travels beside the body, or -1; the caller's
+  char request_name[KS_REQUEST_NAME_SIZE + 1];  // NUL-terminated
+  uint64_t user_data;                           // the owner's, see ks_io_set
+  void* shared_data;                            // the whole memory file as it was when mapped, or null
+  uint64_t shared_size;                         // length of that mapping in bytes, 0 when unmapped
+  int32_t peer_pid;                             // who sent the request (service side); all three 0 on the
+  uint32_t peer_uid;                            // client side; together they form one struct ucred
   uint32_t peer_gid;
 } ks_io;
 
@@ -75,17 +77,17 @@ void ks_io_free(ks_io* io);
 
 // Maps the whole memory file as it is now and returns its first byte, or null for an empty or absent file.
 // *size (bytes) is stored when `size` is not null. The pointer is good until the next operation that maps or
-// resizes. There is no NUL behind the last byte. The other side can still shrink the file, and touching what was
-// cut off raises SIGBUS: code that must survive a hostile peer reads through ks_io_fd instead.
+// resizes. There is no NUL behind the last byte. The other side can still shrink the file, and touching what
+// was cut off raises SIGBUS: code that must survive a hostile peer reads through ks_io_fd instead.
 void* ks_io_read(ks_io* io, uint64_t* size);
 
 // Makes the memory file exactly `size` bytes long, creating it if absent, and returns its mapping; null when
 // `size` is 0, and then nothing is mapped. Earlier pointers are void.
 void* ks_io_realloc(ks_io* io, uint64_t size);
 
-// Append to the memory file, creating it if absent. ks_io_write writes once and returns what write(2) returned.
-// ks_io_splice moves at most `len` bytes from the descriptor `fdin`, one end of which must be a pipe, without
-// waiting, and returns what splice(2) returned. A failed ks_io_printf is not reported.
+// Append to the memory file, creating it if absent. ks_io_write writes once and returns what write(2)
+// returned. ks_io_splice moves at most `len` bytes from the descriptor `fdin`, one end of which must be a
+// pipe, without waiting, and returns what splice(2) returned. A failed ks_io_printf is not reported.
 int64_t ks_io_write(ks_io* io, const void* buf, uint64_t len);
 void ks_io_printf(ks_io* io, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 int64_t ks_io_splice(ks_io* io, int32_t fdin, uint64_t len);
@@ -101,8 +103,8 @@ int32_t ks_io_pid(ks_io* io);
 uint32_t ks_io_uid(ks_io* io);
 uint32_t ks_io_gid(ks_io* io);
 
-// Whether the client still waits for its reply. False once its end is closed or has sent anything more (a client
-// has nothing to say after its request). Always true on the client side.
+// Whether the client still waits for its reply. False once its end is closed or has sent anything more (a
+// client has nothing to say after its request). Always true on the client side.
 bool ks_io_alive(ks_io* io);
 
 // A word of the owner's choosing that travels with the record; the framework never looks at it.
@@ -110,9 +112,9 @@ void ks_io_set(ks_io* io, uint64_t value);
 uint64_t ks_io_get(ks_io* io);
 
 // The memory file as a descriptor or a stream, created if absent; these test no magic. ks_io_fd lends the
-// record's own descriptor. The three dup forms return a new one with the results of dup(2), dup2(2) and dup3(2).
-// ks_io_fopen opens an independent stream on the same file, ks_io_freopen turns `stream` into one; null on
-// failure, and the caller closes it.
+// record's own descriptor. The three dup forms return a new one with the results of dup(2), dup2(2) and
+// dup3(2). ks_io_fopen opens an independent stream on the same file, ks_io_freopen turns `stream` into one;
+// null on failure, and the caller closes it.
 int ks_io_fd(ks_io* io);
 int ks_io_dup(ks_io* io);
 int ks_io_dup2(ks_io* io, int newfd);
@@ -120,16 +122,17 @@ int ks_io_dup3(ks_io* io, int newfd, int flags);
 FILE* ks_io_fopen(ks_io* io, const char* mode);
 FILE* ks_io_freopen(ks_io* io, const char* mode, FILE* stream);
 
-// ---- Services ------------------------------------------------------------------------------------------------
+// ---- Services
+// ------------------------------------------------------------------------------------------------
 
 // Mode bits: exactly one of the two kinds of worker, with or without KS_STANDALONE.
 #define KS_STANDALONE 1u    // ks_start puts the producer on a thread of its own and returns at once
 #define KS_PROCESS_MODE 2u  // workers are child processes; one that dies is replaced
 #define KS_PTHREAD_MODE 4u  // workers are threads
 
-// Called once per request, in a worker. It owns `io` (ks_io_free) and `extra_fd` (-1 or a descriptor to close).
-// `request_name` points into `io`. In KS_PTHREAD_MODE several workers are in it at once; in KS_PROCESS_MODE it
-// runs with the client's environment.
+// Called once per request, in a worker. It owns `io` (ks_io_free) and `extra_fd` (-1 or a descriptor to
+// close). `request_name` points into `io`. In KS_PTHREAD_MODE several workers are in it at once; in
+// KS_PROCESS_MODE it runs with the client's environment.
 typedef void (*ks_exec_fn)(const char* request_name, ks_io* io, int extra_fd);
 
 // Called in each worker before its first and after its last request.
@@ -146,13 +149,13 @@ typedef struct ks_handle {
   char sockfile[MAXIMUM_NAME_SIZE + 1];  // path of the socket file, at most 63 characters
   char name[MAXIMUM_NAME_SIZE + 1];      // the service name, its first 63 characters
   uint32_t mode;
-  uint64_t service_size;                 // number of workers
+  uint64_t service_size;  // number of workers
   ks_exec_fn exec;
   ks_hook_fn init_hook;
   void* init_arg;
   ks_hook_fn fini_hook;
   void* fini_arg;
-  struct ks_worker* worker;              // the workers, then the producer; null unless running
+  struct ks_worker* worker;  // the workers, then the producer; null unless running
 } ks_handle;
 
 // Makes a service of `workers` workers; nothing is started and no file is touched. `name` has at most 64
@@ -165,8 +168,8 @@ void ks_worker_init(ks_handle* handle, ks_hook_fn fn, void* arg);
 void ks_worker_fini(ks_handle* handle, ks_hook_fn fn, void* arg);
 
 // Publishes the socket and starts the workers. SIGPIPE is ignored in the whole process from here on. With
-// KS_STANDALONE returns at once; otherwise this thread is the producer until the service ends. `worker` becomes
-// non-null once the service can be stopped, and null again when all of it is gone.
+// KS_STANDALONE returns at once; otherwise this thread is the producer until the service ends. `worker`
+// becomes non-null once the service can be stopped, and null again when all of it is gone.
 void ks_start(ks_handle* handle);
 
 // Refuse and accept new connections; clients already waiting are served all the same. Any thread.
@@ -174,18 +177,19 @@ void ks_pause(ks_handle* handle);
 void ks_resume(ks_handle* handle);
 
 // Removes the socket file, drops the clients that still wait, and returns when every worker has finished the
-// request it was in. No effect on a service that is not running. Any thread but the service's own; when several
-// call it, one does the work.
+// request it was in. No effect on a service that is not running. Any thread but the service's own; when
+// several call it, one does the work.
 void ks_stop(ks_handle* handle);
 
 // ks_stop, then waits until ks_start has let go of the handle, and releases it.
 void ks_free(ks_handle* handle);
 
-// Service side, last step: tells the client that the reply is in the memory file, and ends the conversation on
-// the socket for every process that may hold a copy of it. Returns 0.
+// Service side, last step: tells the client that the reply is in the memory file, and ends the conversation
+// on the socket for every process that may hold a copy of it. Returns 0.
 int ks_reply(ks_io* io);
 
-// ---- Clients -------------------------------------------------------------------------------------------------
+// ---- Clients
+// -------------------------------------------------------------------------------------------------
 
 enum {
   KS_STATUS_OK = 0,       // reply received (from ks_epoll_perform also: sent, still pending)
@@ -198,14 +202,14 @@ enum {
   KS_STATUS_ARGS = 7,     // a name is missing or too long
 };
 
-// One request on a record of the caller's, from start to reply. Waits max(timeout_s, 5) seconds at most. On 0 the
-// reply is mapped in `io` (shared_data, shared_size); when the time ran out after the request was sent, 0 comes
-// with nothing mapped. On any other status `io` holds no descriptors and can be used again. `extra_fd` (-1 for
-// none) is lent: the service gets a copy.
+// One request on a record of the caller's, from start to reply. Waits max(timeout_s, 5) seconds at most. On 0
+// the reply is mapped in `io` (shared_data, shared_size); when the time ran out after the request was sent, 0
+// comes with nothing mapped. On any other status `io` holds no descriptors and can be used again. `extra_fd`
+// (-1 for none) is lent: the service gets a copy.
 int ks_call(const char* name, const char* request_name, ks_io* io, uint32_t timeout_s, int extra_fd);
 
-// The same on plain buffers. `*recv` must be null; on 0 it becomes a malloc'ed buffer of `*rsize` bytes (no NUL
-// behind them; not null, even for an empty reply) that the caller frees. `recv` and `rsize` may be null.
+// The same on plain buffers. `*recv` must be null; on 0 it becomes a malloc'ed buffer of `*rsize` bytes (no
+// NUL behind them; not null, even for an empty reply) that the caller frees. `recv` and `rsize` may be null.
 int ks_ez_call(const char* name, const char* request_name, const void* data, uint64_t dsize, void** recv,
                uint64_t* rsize, uint32_t timeout_s, int extra_fd);
 
@@ -216,19 +220,20 @@ typedef struct ks_epoll {
 } ks_epoll;
 
 ks_epoll* ks_epoll_create(void);
-// Connects and starts one request; returns a status. The poll set keeps a pointer to `io` until it is finished
-// or cancelled.
+// Connects and starts one request; returns a status. The poll set keeps a pointer to `io` until it is
+// finished or cancelled.
 int ks_epoll_call(ks_epoll* epoll, const char* name, const char* request_name, ks_io* io, int extra_fd);
 // Advances the requests by one event, waiting at most `timeout_ms`. Returns the record that has finished, or
-// null while none has. `*status`, when given, holds the code: for a finished request its own, for a pending one 0,
-// and 1 when nothing happened.
+// null while none has. `*status`, when given, holds the code: for a finished request its own, for a pending
+// one 0, and 1 when nothing happened.
 ks_io* ks_epoll_perform(ks_epoll* epoll, uint32_t timeout_ms, int* status);
 // Gives one request up; the record and its memory file stay the caller's.
 void ks_epoll_cancel(ks_epoll* epoll, ks_io* io);
 // Releases the poll set; the records stay the caller's.
 void ks_epoll_free(ks_epoll* epoll);
 
-// ---- Signals -------------------------------------------------------------------------------------------------
+// ---- Signals
+// -------------------------------------------------------------------------------------------------
 
 // Signal numbers are 1 to MAX_SIGNAL_SIZE - 1.
 #define MAX_SIGNAL_SIZE 32
@@ -245,9 +250,9 @@ void ks_crash_install(void);
 // Writes the signal's name to standard error and a numbered backtrace to /dev/kmsg, then _exit(1).
 void ks_crash_report(int signum) __attribute__((noreturn));
 
-// Programs that a screening of callers would refuse: shells and script interpreters, as a POSIX extended regular
-// expression on a path. Compiled before main by ks_init; nobody is screened today.
-#define BLOCKED_PROGRAM_LIST                                                                                 \
+// Programs that a screening of callers would refuse: shells and script interpreters, as a POSIX extended
+// regular expression on a path. Compiled before main by ks_init; nobody is screened today.
+#define BLOCKED_PROGRAM_LIST \
   "(\\b|/)(ash|bash|csh|jsh|ksh|ksh93|pfcsh|pfksh|pfsh|pfsh|rbash|rksh93|sh|tcsh|zsh|busybox|php|python.*)$"
 void ks_init(void) __attribute__((constructor));
 

@@ -1,0 +1,109 @@
+#include "service/directive.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+
+namespace {
+
+// Room for one descriptor by the rules of alignment; on 64-bit machines that admits a second one.
+constexpr std::size_t kControlSize = CMSG_SPACE(sizeof(int));
+static_assert(kControlSize == 24);
+// The least control length that can hold a header.
+constexpr std::size_t kControlMinimum = 16;
+
+bool wait_readable(int sockfd, int timeout_ms) {
+  pollfd watched{.fd = sockfd, .events = POLLIN, .revents = 0};
+  int ready;
+  do {
+    ready = poll(&watched, 1, timeout_ms);
+  } while (ready < 0 && errno == EINTR);
+  return ready > 0;
+}
+
+// Keeps the first descriptor of all that `message` carries and closes the others.
+int take_first_descriptor(msghdr* message) {
+  int first = -1;
+  for (cmsghdr* header = CMSG_FIRSTHDR(message); header != nullptr; header = CMSG_NXTHDR(message, header)) {
+    if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) continue;
+    const std::size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    for (std::size_t i = 0; i < count; ++i) {
+      int fd;
+      std::memcpy(&fd, CMSG_DATA(header) + i * sizeof(int), sizeof(int));
+      if (first < 0) {
+        first = fd;
+      } else {
+        close(fd);
+      }
+    }
+  }
+  return first;
+}
+
+}  // namespace
+
+directive make_directive(ks_directive_type type) {
+  directive record{};
+  record.type = type;
+  return record;
+}
+
+bool send_directive(int sockfd, const directive& record) {
+  return send(sockfd, &record, sizeof(record), MSG_DONTWAIT | MSG_NOSIGNAL) == sizeof(record);
+}
+
+bool send_directive(int sockfd, ks_directive_type type) {
+  return send_directive(sockfd, make_directive(type));
+}
+
+bool read_directive(int sockfd, directive* record) {
+  ssize_t got;
+  do {
+    got = read(sockfd, record, sizeof(*record));
+  } while (got < 0 && errno == EINTR);
+  return got == sizeof(*record);
+}
+
+bool send_descriptor(int sockfd, int fd) {
+  char byte = 0;
+  iovec payload{.iov_base = &byte, .iov_len = 1};
+  alignas(cmsghdr) char control[kControlSize] = {};
+  msghdr message{};
+  message.msg_iov = &payload;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = CMSG_LEN(sizeof(int));
+  cmsghdr* header = CMSG_FIRSTHDR(&message);
+  header->cmsg_level = SOL_SOCKET;
+  header->cmsg_type = SCM_RIGHTS;
+  header->cmsg_len = CMSG_LEN(sizeof(int));
+  std::memcpy(CMSG_DATA(header), &fd, sizeof(fd));
+  return sendmsg(sockfd, &message, MSG_NOSIGNAL) == 1;
+}
+
+int receive_descriptor(int sockfd, int timeout_ms) {
+  if (!wait_readable(sockfd, timeout_ms)) return -1;
+  char byte = 0;
+  iovec payload{.iov_base = &byte, .iov_len = 1};
+  alignas(cmsghdr) char control[kControlSize] = {};
+  msghdr message{};
+  message.msg_iov = &payload;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof(control);
+  ssize_t got;
+  do {
+    got = recvmsg(sockfd, &message, 0);
+  } while (got < 0 && errno == EINTR);
+  if (got < 1 || message.msg_controllen < kControlMinimum) return -1;
+  const int fd = take_first_descriptor(&message);
+  if ((message.msg_flags & MSG_CTRUNC) != 0) {
+    if (fd >= 0) close(fd);
+    return -1;
+  }
+  return fd;
+}

@@ -1,0 +1,244 @@
+// The client's side. A pending request is a ks_io whose socket is registered in a poll set. The service
+// speaks first (ask, or busy, or paused); the client answers an ask with its request name and its memory
+// file, and then waits for done. A request that fails leaves its record empty: no socket, no memory file, no
+// mapping.
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "service/ks_internal.h"
+
+namespace {
+
+// A shorter time limit counts as this one.
+constexpr std::uint32_t kLeastTimeoutSeconds = 5;
+constexpr std::int64_t kMillisecondsPerSecond = 1000;
+
+#define VERIFY_EPOLL(epoll, operation, description)                    \
+  do {                                                                 \
+    if (!ks_has_magic(epoll, KS_EPOLL_MAGIC)) {                        \
+      ks_abort(operation, kEpollCondition, description, (void*)epoll); \
+    }                                                                  \
+  } while (false)
+
+bool fits(const char* text, std::size_t limit) {
+  return text != nullptr && strnlen(text, limit + 1) <= limit;
+}
+
+// Leaves the record reusable, with no descriptors open. extra_fd is the caller's and stays open.
+void empty_record(ks_io* io) {
+  close_and_forget(&io->sockfd);
+  ks_io_drop_shm(io);
+  io->extra_fd = -1;
+}
+
+void store(int* status, int code) {
+  if (status != nullptr) *status = code;
+}
+
+ks_io* tear_down(ks_epoll* epoll, ks_io* io, int code, int* status) {
+  ks_epoll_cancel(epoll, io);
+  empty_record(io);
+  store(status, code);
+  return io;
+}
+
+// A number that is no open descriptor counts as none.
+bool usable_descriptor(int fd) {
+  return fd >= 0 && (fcntl(fd, F_GETFD) != -1 || errno != EBADF);
+}
+
+void send_request(ks_io* io) {
+  const bool with_extra = usable_descriptor(io->extra_fd);
+  directive request = make_directive(KS_DIR_REQUEST);
+  request.flag = with_extra ? 1 : 0;
+  ks_copy_text(reinterpret_cast<char*>(request.data), sizeof(request.data), io->request_name);
+  // A service that has gone meanwhile shows as a hang-up at the next event.
+  send_directive(io->sockfd, request);
+  send_descriptor(io->sockfd, io->memfd);
+  if (with_extra) send_descriptor(io->sockfd, io->extra_fd);
+}
+
+// Waits for one event; null when there was none. An interrupted wait starts again.
+ks_io* wait_for_event(ks_epoll* epoll, std::uint32_t timeout_ms, std::uint32_t* events) {
+  const int timeout = static_cast<int>(std::min<std::uint32_t>(timeout_ms, INT_MAX));
+  epoll_event event{};
+  int ready;
+  while ((ready = epoll_wait(epoll->fd, &event, 1, timeout)) < 0 && errno == EINTR) errno = 0;
+  if (ready < 1) return nullptr;
+  *events = event.events;
+  return static_cast<ks_io*>(event.data.ptr);
+}
+
+std::int64_t now_ms() {
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  return std::int64_t{now.tv_sec} * kMillisecondsPerSecond + now.tv_usec / 1000;
+}
+
+// Repeats ks_epoll_perform until the request has finished or its time is over. What is subtracted is each
+// time the whole time since the start, so the budget shrinks faster than the clock runs; callers know it so.
+int perform_within(ks_epoll* epoll, std::int64_t start, std::int64_t budget) {
+  int status = KS_STATUS_OK;
+  while (true) {
+    const auto limit = static_cast<std::uint32_t>(std::min<std::int64_t>(budget, UINT32_MAX));
+    if (ks_epoll_perform(epoll, limit, &status) != nullptr) return status;
+    const std::int64_t elapsed = now_ms() - start;
+    if (elapsed >= budget) return status;
+    budget -= elapsed;
+  }
+}
+
+}  // namespace
+
+ks_epoll* ks_epoll_create(void) {
+  auto* epoll = static_cast<ks_epoll*>(std::calloc(1, sizeof(ks_epoll)));
+  if (epoll == nullptr) {
+    ks_abort("ks_epoll_create", "(epoll = calloc(1, sizeof(ks_epoll)))", "alloc epoll memory fail");
+  }
+  epoll->fd = epoll_create(1);
+  if (epoll->fd < 0 || !set_fd_cloexec(epoll->fd)) {
+    ks_abort("ks_epoll_create", "((epoll->fd = epoll_create(1)) >= 0 && set_fd_cloexec(epoll->fd))",
+             "create request epoll fail");
+  }
+  epoll->magic = KS_EPOLL_MAGIC;
+  return epoll;
+}
+
+int ks_epoll_call(ks_epoll* epoll, const char* name, const char* request_name, ks_io* io, int extra_fd) {
+  VERIFY_EPOLL(epoll, "ks_epoll_call", "cannot call incorrect ks_epoll %p");
+  if (!ks_has_magic(io, KS_IO_MAGIC)) {
+    ks_abort("ks_epoll_call", kIoCondition, "cannot make incorrect ks_io %p request", static_cast<void*>(io));
+  }
+  if (!fits(name, MAXIMUM_NAME_SIZE) || !fits(request_name, KS_REQUEST_NAME_SIZE)) return KS_STATUS_ARGS;
+  char path[kSockFileSize];
+  ks_socket_path(name, path, "ks_epoll_call", "request ");
+  io->sockfd = socket(AF_UNIX, SOCK_STREAM, 0);
+  if (io->sockfd < 0 || !set_fd_cloexec(io->sockfd)) {
+    ks_abort("ks_epoll_call",
+             "(io->sockfd = socket(AF_UNIX, SOCK_STREAM, 0)) >= 0 && set_fd_cloexec(io->sockfd)",
+             "create request socket fail");
+  }
+  const sockaddr_un address = ks_socket_address(path);
+  if (connect(io->sockfd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    return KS_STATUS_CONNECT;
+  }
+  if (!ks_poll_add(epoll->fd, io->sockfd, kWatchEvents, {.ptr = io})) {
+    ks_abort("ks_epoll_call", "epoll_ctl(epoll->fd, EPOLL_CTL_ADD, io->sockfd, ev) == 0",
+             "epoll add request sockfd fail");
+  }
+  ks_io_shm(io);
+  io->extra_fd = extra_fd;
+  ks_copy_text(io->request_name, sizeof(io->request_name), request_name);
+  return KS_STATUS_OK;
+}
+
+ks_io* ks_epoll_perform(ks_epoll* epoll, uint32_t timeout_ms, int* status) {
+  VERIFY_EPOLL(epoll, "ks_epoll_perform", "cannot perform incorrect ks_epoll %p");
+  ks_io* skipped = nullptr;
+  while (true) {
+    std::uint32_t events = 0;
+    ks_io* io = wait_for_event(epoll, timeout_ms, &events);
+    if (io == nullptr) {
+      if (skipped != nullptr) return tear_down(epoll, skipped, KS_STATUS_OK, status);
+      store(status, KS_STATUS_TIMEOUT);
+      return nullptr;
+    }
+    const bool lost = (events & (EPOLLERR | EPOLLHUP)) != 0 && (events & EPOLLRDHUP) == 0;
+    directive record;
+    if (lost || !read_directive(io->sockfd, &record)) return tear_down(epoll, io, KS_STATUS_BROKEN, status);
+    switch (record.type) {
+      case KS_DIR_BUSY:
+        return tear_down(epoll, io, KS_STATUS_BUSY, status);
+      case KS_DIR_PAUSED:
+        return tear_down(epoll, io, KS_STATUS_PAUSED, status);
+      case KS_DIR_REFUSED:
+        return tear_down(epoll, io, KS_STATUS_REFUSED, status);
+      case KS_DIR_DONE:
+        ks_epoll_cancel(epoll, io);
+        ks_io_sync(io);
+        store(status, KS_STATUS_OK);
+        return io;
+      case KS_DIR_ASK:
+        send_request(io);
+        store(status, KS_STATUS_OK);
+        return nullptr;
+      default:
+        skipped = io;
+    }
+  }
+}
+
+void ks_epoll_cancel(ks_epoll* epoll, ks_io* io) {
+  VERIFY_EPOLL(epoll, "ks_epoll_cancel", "cannot cancel incorrect ks_epoll %p");
+  if (!ks_has_magic(io, KS_IO_MAGIC)) {
+    ks_abort("ks_epoll_cancel", kIoCondition, "cannot cancel incorrect ks_io %p", static_cast<void*>(io));
+  }
+  if (io->sockfd == -1) return;
+  epoll_ctl(epoll->fd, EPOLL_CTL_DEL, io->sockfd, nullptr);
+  shutdown_and_forget(&io->sockfd);
+}
+
+void ks_epoll_free(ks_epoll* epoll) {
+  VERIFY_EPOLL(epoll, "ks_epoll_free", "cannot free incorrect ks_epoll %p");
+  epoll->magic = 0;
+  close_and_forget(&epoll->fd);
+  std::free(epoll);
+}
+
+int ks_call(const char* name, const char* request_name, ks_io* io, uint32_t timeout_s, int extra_fd) {
+  ks_epoll* epoll = ks_epoll_create();
+  const std::int64_t start = now_ms();
+  int status = ks_epoll_call(epoll, name, request_name, io, extra_fd);
+  if (status == KS_STATUS_OK) {
+    const std::int64_t budget = std::max(timeout_s, kLeastTimeoutSeconds) * kMillisecondsPerSecond;
+    status = perform_within(epoll, start, budget);
+  }
+  if (status != KS_STATUS_OK) empty_record(io);
+  ks_epoll_free(epoll);
+  return status;
+}
+
+int ks_ez_call(const char* name, const char* request_name, const void* data, uint64_t dsize, void** recv,
+               uint64_t* rsize, uint32_t timeout_s, int extra_fd) {
+  if (data == nullptr && dsize != 0) {
+    ks_abort("ks_ez_call", "data != NULL || (data == NULL && dsize == 0U)",
+             "data memory access violation with size (%zu)", static_cast<std::size_t>(dsize));
+  }
+  if (recv != nullptr && *recv != nullptr) {
+    ks_abort("ks_ez_call", "(recv == NULL || *recv == NULL)", "recv memory access violation");
+  }
+  ks_io* io = ks_io_create();
+  if (data != nullptr && dsize > 0) ks_io_write(io, data, dsize);
+  const int status = ks_call(name, request_name, io, timeout_s, extra_fd);
+  if (recv != nullptr && status == KS_STATUS_OK) {
+    // At least one byte, so that an empty reply is not mistaken for a failed allocation.
+    *recv = std::malloc(std::max<std::uint64_t>(io->shared_size, 1));
+    if (*recv == nullptr) {
+      ks_abort("ks_ez_call", "(*recv = realloc(*recv, io->shared_size))", "cannot realloc recv memory");
+    }
+    if (io->shared_size > 0) std::memcpy(*recv, io->shared_data, io->shared_size);
+    if (rsize != nullptr) *rsize = io->shared_size;
+  }
+  ks_io_free(io);
+  return status;
+}
+
+int ks_reply(ks_io* io) {
+  if (!ks_has_magic(io, KS_IO_MAGIC)) {
+    ks_abort("ks_reply", kIoCondition, "cannot response incorrect ks_io %p", static_cast<void*>(io));
+  }
+  static const directive kDone = make_directive(KS_DIR_DONE);
+  send_directive(io->sockfd, kDone);
+  shutdown(io->sockfd, SHUT_RDWR);
+  return 0;
+}

@@ -1,0 +1,166 @@
+// What the framework's own files share. Nothing outside service/ includes this.
+#pragma once
+
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/types.h>
+#include <sys/un.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+
+#include "service/directive.h"
+#include "service/ks.h"
+
+// ---- Fatal errors
+// --------------------------------------------------------------------------------------------
+
+// Prints "[ABORT] @<operation>() <description>: `<condition>'" as one line on standard error and aborts.
+[[noreturn]] void ks_abort(const char* operation, const char* condition, const char* description, ...)
+    __attribute__((format(printf, 3, 4)));
+
+// The conditions that many operations share, as they are printed.
+inline constexpr char kIoCondition[] = "io && (*(u_int32_t*) io == KS_IO_MAGIC)";
+inline constexpr char kEpollCondition[] = "epoll && (*(u_int32_t*) epoll == KS_EPOLL_MAGIC)";
+inline constexpr char kHandleCondition[] =
+    "service_handle && (*(u_int32_t*) service_handle == KS_HANDLE_MAGIC)";
+
+// Whether `record` is non-null and begins with `magic`. Reads the first four bytes only.
+bool ks_has_magic(const void* record, std::uint32_t magic);
+
+// ---- Descriptors
+// ---------------------------------------------------------------------------------------------
+
+// Sets bit 1 of the descriptor's status flags; false when fcntl fails. In spite of its name it leaves the
+// descriptor inheritable: programs that the process starts see the framework's sockets, and always have.
+bool set_fd_cloexec(int fd);
+
+// Owner of a descriptor until somebody else takes it over.
+class unique_fd {
+ public:
+  explicit unique_fd(int fd = -1) : fd_(fd) {}
+  unique_fd(unique_fd&& other) noexcept : fd_(other.release()) {}
+  unique_fd& operator=(unique_fd&& other) noexcept {
+    reset(other.release());
+    return *this;
+  }
+  ~unique_fd() { reset(); }
+
+  int get() const { return fd_; }
+  explicit operator bool() const { return fd_ >= 0; }
+  int release() { return std::exchange(fd_, -1); }
+  void reset(int fd = -1);
+
+ private:
+  int fd_;
+};
+
+// close(*fd) unless it is -1, and *fd = -1.
+void close_and_forget(int* fd);
+// The same after shutdown(SHUT_RDWR): the conversation ends even if another process holds a copy.
+void shutdown_and_forget(int* fd);
+
+// ---- Names
+// ---------------------------------------------------------------------------------------------------
+
+// Copies `text` into a buffer of `size` bytes, cutting what does not fit; always ends it with a NUL.
+void ks_copy_text(char* buffer, std::size_t size, const char* text);
+
+// Bytes of a socket path or stored service name, its NUL included.
+inline constexpr std::size_t kSockFileSize = 64;
+
+// Writes the socket path of service `name` (at most 64 characters): the rest of a name that begins with "@",
+// else the path made of the first SHA-1 word. A failing digest aborts under `operation` with "generate
+// <what>[name] SHA1 fail".
+void ks_socket_path(const char* name, char (&path)[kSockFileSize], const char* operation, const char* what);
+
+// The address of a socket path; bind and connect take the whole structure.
+sockaddr_un ks_socket_address(const char* path);
+
+// ---- Requests
+// ------------------------------------------------------------------------------------------------
+
+// Seeks the memory file to its end and maps all of it (nothing for an empty file). False when it cannot be
+// mapped; then nothing is.
+bool ks_io_try_sync(ks_io* io);
+// The same, but a failed map aborts. No effect without a memory file.
+void ks_io_sync(ks_io* io);
+// Creates the memory file if the record has none.
+void ks_io_shm(ks_io* io);
+// Unmaps, closes the memory file and forgets it.
+void ks_io_drop_shm(ks_io* io);
+
+// ---- Workers
+// -------------------------------------------------------------------------------------------------
+
+// What the producer's poll set hands back with an event: the listening socket, a consumer or a waiting
+// client.
+enum ks_queue_type : std::uint32_t { LISTEN_SOCK = 1, WORKER_SOCK = 2, CLIENT_SOCK = 3 };
+
+// An entry of the producer's poll set and, for clients, of its queue. A list is a ring through its head. A
+// socket number of 0 marks an entry that has been released while its batch of events is still worked through.
+struct ks_queue {
+  std::uint32_t type;
+  std::int32_t sockfd;
+  ks_queue* next;
+  ks_queue* prev;
+};
+static_assert(sizeof(ks_queue) == 8 + 2 * sizeof(void*), "a waiting client costs one small entry");
+
+union ks_worker_id {
+  pid_t pid;
+  pthread_t tid;
+};
+
+// One consumer, or the producer as the last element of the handle's array.
+struct ks_worker {
+  std::uint8_t ready;   // consumer: may receive a client. Touched atomically
+  std::int32_t pollfd;  // its own poll set, -1 when closed
+  std::int32_t
+      sockfd[2];  // [0] the consumer's end, [1] the producer's; producer: [1] is the listening socket
+  std::uint64_t index;
+  ks_worker_id id;
+  std::uint32_t
+      type;  // consumer: the handle's mode; producer: 4 on a thread of its own, 2 in ks_start's caller
+  ks_exec_fn exec;
+  ks_hook_fn init_hook;
+  void* init_arg;
+  ks_hook_fn fini_hook;
+  void* fini_arg;
+  ks_queue queue;  // producer: also the head of the client queue
+
+  // Beyond the record that workers are described by: what it takes to stop and restart without a leak.
+  std::int32_t transfer_fd;  // consumer: the client handed over and not yet echoed, -1 when none
+  std::int32_t spare_fd;     // producer: given up for a moment when descriptors run out, so as to answer busy
+  std::uint32_t phase;       // producer: ks_producer_phase. Touched atomically
+};
+
+// How far the end of a service has got. The producer's thread and the stopping thread wait for one another
+// through this word.
+enum ks_producer_phase : std::uint32_t {
+  kProducerRunning = 0,
+  kProducerLeft = 1,    // the loop has ended and touches nothing any more
+  kWorkersStopped = 2,  // every consumer has ended and every descriptor is closed
+};
+
+// (Re)creates one consumer of `handle`. Called while the service starts and, for a consumer process that has
+// died, by the producer.
+void ks_consumer_worker_init(ks_handle* handle, ks_worker* worker);
+// The consumer's loop. Closes the consumer's end of the control socket; the other end is the producer's.
+void ks_consumer_worker(ks_worker* worker);
+// The producer's loop; `workers` is the whole array. Leaves an empty client queue.
+void ks_producer_worker(ks_handle* handle, ks_worker* workers);
+
+// The one way to create a worker thread; false on failure.
+bool ks_create_thread(pthread_t* tid, void* (*start)(void*), void* arg);
+
+// Adds `fd` to the poll set `pollfd`.
+bool ks_poll_add(int pollfd, int fd, std::uint32_t events, epoll_data_t data);
+
+inline constexpr std::uint32_t kWatchEvents = EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLRDHUP;
+// A waiting client is watched for loss, not for data.
+inline constexpr std::uint32_t kWatchLoss = EPOLLERR | EPOLLHUP;
+inline constexpr std::uint32_t kPeerClosed = EPOLLIN | EPOLLHUP | EPOLLRDHUP;

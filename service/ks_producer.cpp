@@ -1,0 +1,252 @@
+// The producer. One loop owns the listening socket, the producer's ends of the control sockets and the queue
+// of waiting clients; it moves descriptors and 259-byte records and never waits for anybody but its poll set.
+//
+//   new connection   -> paused, busy (1000 wait already) or to the tail of the queue
+//   ready consumer   -> the client at the head of the queue is handed over; consumers take turns
+//   lost client      -> out of the queue
+//   dead process     -> found and replaced when a client is to be handed over
+//
+// Events come in batches. What an event does can make a later one of the same batch stale: a client's entry
+// is therefore released only after the batch, its socket number 0 until then, and a worker's socket, which
+// may have been replaced, is read without waiting.
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "service/ks_internal.h"
+
+namespace {
+
+constexpr int kBatchSize = 64;
+// With more than this many clients waiting, the next one is told that the service is busy.
+constexpr std::uint16_t kMostWaiting = 999;
+
+void append(ks_queue* head, ks_queue* entry) {
+  entry->next = head;
+  entry->prev = head->prev;
+  head->prev->next = entry;
+  head->prev = entry;
+}
+
+void unlink_entry(ks_queue* entry) {
+  entry->prev->next = entry->next;
+  entry->next->prev = entry->prev;
+}
+
+struct Producer {
+  ks_handle* handle;
+  ks_worker* workers;
+  ks_worker* self;        // the last of the workers; its queue entry is the head of the clients
+  std::uint16_t waiting;  // clients in the queue; wraps
+  std::uint64_t cursor;   // the consumer to look at first
+  ks_queue released;      // entries of this batch that are no longer in use
+};
+
+// Takes a client out of the queue and the poll set. Its socket is then the caller's; its entry stays readable
+// until the batch ends.
+int detach_client(Producer& p, ks_queue* client) {
+  const int sockfd = client->sockfd;
+  epoll_ctl(p.self->pollfd, EPOLL_CTL_DEL, sockfd, nullptr);
+  unlink_entry(client);
+  client->sockfd = 0;
+  append(&p.released, client);
+  --p.waiting;
+  return sockfd;
+}
+
+void drop_client(Producer& p, ks_queue* client) {
+  int sockfd = detach_client(p, client);
+  shutdown_and_forget(&sockfd);
+}
+
+void free_entries(ks_queue* head) {
+  while (head->next != head) {
+    ks_queue* entry = head->next;
+    unlink_entry(entry);
+    std::free(entry);
+  }
+}
+
+// Says why a consumer process is replaced, as its wait status tells it.
+void print_restart(const ks_handle* handle, const ks_worker* worker, int status) {
+  const char* how = "WIFSTOPPED";
+  int value = (status >> 8) & 0xff;
+  if ((status & 0x7f) == 0) {
+    how = "WIFEXITED";
+  } else if ((status & 0xff) != 0x7f) {
+    how = "WIFSIGNALED";
+    value = status & 0x7f;
+  }
+  std::fprintf(stderr, "[KService] [WARN] [%s] consumer-worker[%zu].pid=%d %s=%d, restart it.\n",
+               handle->name, static_cast<std::size_t>(worker->index), static_cast<int>(worker->id.pid), how,
+               value);
+}
+
+// A process that has ended, or cannot be waited for, is replaced on the spot; the new one is ready.
+void replace_if_dead(Producer& p, ks_worker* worker) {
+  if ((worker->type & KS_PROCESS_MODE) == 0) return;
+  int status = 0;
+  if (waitpid(worker->id.pid, &status, WNOHANG) == 0) return;
+  print_restart(p.handle, worker, status);
+  ks_consumer_worker_init(p.handle, worker);
+}
+
+// The next consumer in turn that may receive a client, or null.
+ks_worker* find_ready(Producer& p) {
+  const std::uint64_t size = p.handle->service_size;
+  for (std::uint64_t step = 0; step < size; ++step) {
+    const std::uint64_t i = (p.cursor + step) % size;
+    replace_if_dead(p, &p.workers[i]);
+    if (std::atomic_ref(p.workers[i].ready).load() == 0) continue;
+    p.cursor = (i + 1) % size;
+    return &p.workers[i];
+  }
+  return nullptr;
+}
+
+// Hands the client at the head of the queue to a ready consumer, if there are both. This side's copy of the
+// socket stays open until the consumer's echo.
+void dispatch(Producer& p) {
+  ks_queue* client = p.self->queue.next;
+  if (client == &p.self->queue) return;
+  ks_worker* worker = find_ready(p);
+  if (worker == nullptr) return;
+  directive transfer = make_directive(KS_DIR_TRANSFER);
+  std::memcpy(transfer.data, &client->sockfd, sizeof(client->sockfd));
+  send_directive(worker->sockfd[1], transfer);
+  send_descriptor(worker->sockfd[1], client->sockfd);
+  std::atomic_ref(worker->ready).store(0);
+  worker->transfer_fd = detach_client(p, client);
+}
+
+void turn_away(int client, ks_directive_type why) {
+  send_directive(client, why);
+  shutdown_and_forget(&client);
+}
+
+// Out of descriptors: the waiting connection would wake the loop for ever. The spare one is given up to let
+// it in and say busy.
+void turn_away_on_spare(Producer& p) {
+  close_and_forget(&p.self->spare_fd);
+  const int client = accept(p.self->queue.sockfd, nullptr, nullptr);
+  if (client >= 0) turn_away(client, KS_DIR_BUSY);
+  p.self->spare_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
+void queue_client(Producer& p, int client) {
+  auto* entry = static_cast<ks_queue*>(std::malloc(sizeof(ks_queue)));
+  if (entry == nullptr) return shutdown_and_forget(&client);
+  entry->type = CLIENT_SOCK;
+  entry->sockfd = client;
+  if (!ks_poll_add(p.self->pollfd, client, kWatchLoss, {.ptr = entry})) {
+    std::free(entry);
+    return shutdown_and_forget(&client);
+  }
+  append(&p.self->queue, entry);
+  ++p.waiting;
+  dispatch(p);
+}
+
+void accept_client(Producer& p) {
+  const int client = accept(p.self->queue.sockfd, nullptr, nullptr);
+  if (client < 0) {
+    if (errno == EMFILE || errno == ENFILE) turn_away_on_spare(p);
+    return;
+  }
+  if (std::atomic_ref(p.handle->paused).load() != 0) return turn_away(client, KS_DIR_PAUSED);
+  if (p.waiting > kMostWaiting) return turn_away(client, KS_DIR_BUSY);
+  queue_client(p, client);
+}
+
+void finish_transfer(ks_worker* worker, const directive& echo) {
+  std::int32_t sockfd;
+  std::memcpy(&sockfd, echo.data, sizeof(sockfd));
+  if (sockfd < 0) {
+    ks_abort("ks_producer_worker", "*((int*)&directive.data) >= 0",
+             "producer-worker transfer client sockfd fail");
+  }
+  // Only the number handed over is ours to close, whatever a consumer process may claim.
+  if (sockfd == worker->transfer_fd) close_and_forget(&worker->transfer_fd);
+}
+
+void serve_worker(Producer& p, ks_queue* entry) {
+  directive record;
+  const ssize_t got = recv(entry->sockfd, &record, sizeof(record), MSG_DONTWAIT);
+  // The event was of a socket that has been replaced since.
+  if (got < 0 && (errno == EAGAIN || errno == EINTR)) return;
+  if (got != sizeof(record)) {
+    ks_abort("ks_producer_worker",
+             "read(event_queue->sockfd, &directive, sizeof(directive)) == sizeof(directive)",
+             "producer-worker receive consumer_worker directive fail");
+  }
+  if (record.type == KS_DIR_TRANSFER) {
+    auto* worker = reinterpret_cast<ks_worker*>(reinterpret_cast<char*>(entry) - offsetof(ks_worker, queue));
+    return finish_transfer(worker, record);
+  }
+  if (record.type == KS_DIR_READY) {
+    std::uint64_t index;
+    std::memcpy(&index, record.data, sizeof(index));
+    if (index >= p.handle->service_size) return;
+    std::atomic_ref(p.workers[index].ready).store(1);
+  }
+  dispatch(p);
+}
+
+void serve_event(Producer& p, ks_queue* entry, std::uint32_t events) {
+  if (entry->sockfd == 0) return;
+  if (entry->type == CLIENT_SOCK) {
+    // Watched for loss alone, so any event is one.
+    drop_client(p, entry);
+  } else if (events == kPeerClosed) {
+    close_and_forget(&p.self->pollfd);
+  } else if ((events & (EPOLLERR | EPOLLHUP)) != 0 || (events & EPOLLIN) == 0) {
+    ks_abort("ks_producer_worker", "event_queue->type == CLIENT_SOCK", "get non-client socket execption %d",
+             static_cast<int>(entry->type));
+  } else if (entry->type == LISTEN_SOCK) {
+    accept_client(p);
+  } else {
+    serve_worker(p, entry);
+  }
+}
+
+void drop_waiting_clients(Producer& p) {
+  ks_queue* head = &p.self->queue;
+  for (ks_queue* client = head->next; client != head; client = client->next)
+    close_and_forget(&client->sockfd);
+  free_entries(head);
+}
+
+}  // namespace
+
+void ks_producer_worker(ks_handle* handle, ks_worker* workers) {
+  Producer p{.handle = handle,
+             .workers = workers,
+             .self = &workers[handle->service_size],
+             .waiting = 0,
+             .cursor = 0,
+             .released = {}};
+  p.released.next = p.released.prev = &p.released;
+  while (p.self->pollfd >= 0) {
+    epoll_event events[kBatchSize];
+    const int count = epoll_wait(p.self->pollfd, events, kBatchSize, -1);
+    if (std::atomic_ref(handle->stopping).load() != 0) break;
+    if (count < 0 && errno == EINTR) {
+      errno = 0;
+      continue;
+    }
+    if (count < 1) break;
+    for (int i = 0; i < count && p.self->pollfd >= 0; ++i) {
+      serve_event(p, static_cast<ks_queue*>(events[i].data.ptr), events[i].events);
+    }
+    free_entries(&p.released);
+  }
+  free_entries(&p.released);
+  drop_waiting_clients(p);
+}

@@ -1,0 +1,286 @@
+// Consumers. A consumer, thread or process, serves one client at a time:
+//
+//   control socket: TRANSFER + descriptor  ->  echo TRANSFER, ask the client
+//   client:         REQUEST + memory file (+ extra descriptor)  ->  exec  ->  READY on the control socket
+//
+// Who owns what. The control socket is a pair: the consumer's loop closes its end ([0]), the producer's side
+// closes the other ([1]). A client handed over is open twice, here and in the producer, until the echo tells
+// the producer that its copy is no longer needed. From REQUEST on, socket, memory file and extra descriptor
+// belong to the exec callback. A consumer process holds nothing but descriptors 0 to 3, 3 being its control
+// socket.
+//
+// Everything a client sends is a stranger's word: it may be short, of any type, without descriptors, or with
+// a memory file that cannot serve. Each of these costs that client its connection, and nothing waits for it
+// longer than kHandoverTimeoutMs.
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "service/ks_internal.h"
+
+namespace {
+
+// How long a message that belongs to a record already read may take. A conforming sender sends both at once.
+constexpr int kHandoverTimeoutMs = 5000;
+
+// The number under which a consumer process keeps its control socket.
+constexpr int kChildControlFd = 3;
+
+void report_ready(ks_worker* worker) {
+  directive ready = make_directive(KS_DIR_READY);
+  std::memcpy(ready.data, &worker->index, sizeof(worker->index));
+  send_directive(worker->sockfd[0], ready);
+}
+
+void leave_loop(ks_worker* worker) {
+  close_and_forget(&worker->pollfd);
+}
+
+void drop_client(ks_worker* worker, int client) {
+  epoll_ctl(worker->pollfd, EPOLL_CTL_DEL, client, nullptr);
+  shutdown_and_forget(&client);
+  report_ready(worker);
+}
+
+// Whether requests can be served from this file without it failing under our hands: a regular file in shared
+// memory, open for reading and writing, which nobody forbids us to shrink, grow or write, now or later.
+bool can_serve(int memfd) {
+  const int flags = fcntl(memfd, F_GETFL);
+  if (flags == -1 || (flags & O_ACCMODE) != O_RDWR) return false;
+  struct stat status {};
+  struct statfs system {};
+  if (fstat(memfd, &status) != 0 || !S_ISREG(status.st_mode)) return false;
+  if (fstatfs(memfd, &system) != 0 || system.f_type != TMPFS_MAGIC) return false;
+  // Sealed against further seals first, so that what is read next stays true. Fails harmlessly if it is
+  // already.
+  fcntl(memfd, F_ADD_SEALS, F_SEAL_SEAL);
+  const int seals = fcntl(memfd, F_GET_SEALS);
+  constexpr int kForbidding = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_FUTURE_WRITE;
+  return seals != -1 && (seals & F_SEAL_SEAL) != 0 && (seals & kForbidding) == 0;
+}
+
+// Takes over the environment of the client, as far as its first newline: each name up to an equals sign, each
+// value up to its NUL.
+void take_over_environment(pid_t peer) {
+  char path[32];
+  std::snprintf(path, sizeof(path), "/proc/%d/environ", static_cast<int>(peer));
+  FILE* file = std::fopen(path, "r");
+  if (file == nullptr) return;
+  char* text = nullptr;
+  std::size_t capacity = 0;
+  const ssize_t length = getdelim(&text, &capacity, '\n', file);
+  std::fclose(file);
+  if (length > 0) {
+    clearenv();
+    char* name = text;
+    char* const end = text + length;
+    while (char* equals = static_cast<char*>(std::memchr(name, '=', static_cast<std::size_t>(end - name)))) {
+      *equals = '\0';
+      char* value = equals + 1;
+      setenv(name, value, 1);
+      name = value + std::strlen(value) + 1;
+      if (name >= end) break;
+    }
+  }
+  std::free(text);
+}
+
+// The request record of a client whose descriptors have arrived; takes the memory file and the socket over.
+// Null, and both closed, when the memory file cannot be mapped.
+ks_io* make_request(ks_worker* worker, int client, unique_fd memfd, const directive& record) {
+  ks_io* io = ks_io_create();
+  io->memfd = memfd.release();
+  io->sockfd = client;
+  ks_copy_text(io->request_name, sizeof(io->request_name), reinterpret_cast<const char*>(record.data));
+  if (!ks_io_try_sync(io)) {
+    shutdown(client, SHUT_RDWR);
+    ks_io_free(io);
+    return nullptr;
+  }
+  ucred peer{};
+  socklen_t size = sizeof(peer);
+  if (getsockopt(client, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0) {
+    io->peer_pid = peer.pid;
+    io->peer_uid = peer.uid;
+    io->peer_gid = peer.gid;
+    if ((worker->type & KS_PROCESS_MODE) != 0) take_over_environment(peer.pid);
+  }
+  return io;
+}
+
+void serve_request(ks_worker* worker, int client, const directive& record) {
+  unique_fd memfd(receive_descriptor(client, kHandoverTimeoutMs));
+  if (!memfd) return drop_client(worker, client);
+  unique_fd extra;
+  if ((record.flag & 1) != 0) {
+    extra.reset(receive_descriptor(client, kHandoverTimeoutMs));
+    if (!extra) return drop_client(worker, client);
+  }
+  if (!can_serve(memfd.get())) return drop_client(worker, client);
+  epoll_ctl(worker->pollfd, EPOLL_CTL_DEL, client, nullptr);
+  ks_io* io = make_request(worker, client, std::move(memfd), record);
+  if (io != nullptr) worker->exec(io->request_name, io, extra.release());
+  report_ready(worker);
+}
+
+// A client comes over the control socket. It is asked for its request and watched; ready is reported only
+// once it is done with or could not be taken.
+void accept_transfer(ks_worker* worker, const directive& record) {
+  unique_fd client(receive_descriptor(worker->sockfd[0], kHandoverTimeoutMs));
+  // The echo tells the producer that its copy of the client is no longer needed.
+  send_directive(worker->sockfd[0], record);
+  if (!client) return report_ready(worker);
+  if (send_directive(client.get(), KS_DIR_ASK) &&
+      ks_poll_add(worker->pollfd, client.get(), kWatchEvents, {.fd = client.get()})) {
+    client.release();
+    return;
+  }
+  shutdown(client.get(), SHUT_RDWR);
+  client.reset();
+  report_ready(worker);
+}
+
+void serve_control(ks_worker* worker, std::uint32_t events) {
+  directive record;
+  if (events == kPeerClosed) return leave_loop(worker);
+  if (!read_directive(worker->sockfd[0], &record)) {
+    // Nothing to read and nobody there: the producer is gone in a way that also set an error.
+    if ((events & (EPOLLHUP | EPOLLERR)) != 0) return leave_loop(worker);
+    return report_ready(worker);
+  }
+  if (record.type == KS_DIR_TRANSFER) return accept_transfer(worker, record);
+  // Quit, or something that no producer sends: without its control socket a consumer has nothing to do
+  // either.
+  leave_loop(worker);
+}
+
+// Only a request is a client's to send; a hand-over or a quit from this side is a forgery.
+void serve_client(ks_worker* worker, int client, std::uint32_t events) {
+  directive record;
+  if (events == kPeerClosed || !read_directive(client, &record) || record.type != KS_DIR_REQUEST) {
+    return drop_client(worker, client);
+  }
+  serve_request(worker, client, record);
+}
+
+// Closes every descriptor above the control socket: what other clients and workers of the parent hold is not
+// this process's.
+void close_inherited_descriptors() {
+  DIR* directory = opendir("/proc/self/fd");
+  if (directory == nullptr) return;
+  const int own = dirfd(directory);
+  while (const dirent* entry = readdir(directory)) {
+    const int fd = std::atoi(entry->d_name);
+    if (fd > kChildControlFd && fd != own) close(fd);
+  }
+  closedir(directory);
+}
+
+[[noreturn]] void run_consumer_process(ks_worker* worker, pid_t parent) {
+  if (worker->sockfd[0] != kChildControlFd) dup2(worker->sockfd[0], kChildControlFd);
+  worker->sockfd[0] = kChildControlFd;
+  worker->sockfd[1] = -1;  // the producer's end; closed with all the others
+  close_inherited_descriptors();
+  std::signal(SIGINT, SIG_IGN);
+  std::signal(SIGTERM, SIG_IGN);
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  // A parent that ended before that call will send nothing.
+  if (getppid() == parent) ks_consumer_worker(worker);
+  _exit(0);
+}
+
+void* consumer_thread(void* arg) {
+  ks_consumer_worker(static_cast<ks_worker*>(arg));
+  return nullptr;
+}
+
+void open_control_pair(ks_worker* worker) {
+  if (socketpair(AF_UNIX, SOCK_STREAM, 0, worker->sockfd) < 0 || !set_fd_cloexec(worker->sockfd[0]) ||
+      !set_fd_cloexec(worker->sockfd[1])) {
+    ks_abort(
+        "ks_consumer_worker_init",
+        "socketpair(AF_UNIX, SOCK_STREAM, 0, worker->sockfd) >= 0 && set_fd_cloexec(worker->sockfd[0]) && "
+        "set_fd_cloexec(worker->sockfd[1])",
+        "consumer-worker create sockets fail");
+  }
+}
+
+}  // namespace
+
+void ks_consumer_worker_init(ks_handle* handle, ks_worker* worker) {
+  constexpr char kOperation[] = "ks_consumer_worker_init";
+  // The array, not handle->worker: that one is published only when all of it stands.
+  ks_worker* producer = worker - worker->index + handle->service_size;
+  std::atomic_ref(worker->ready).store(1);
+  worker->pollfd = -1;
+  // Taken out by hand: a program started meanwhile may hold a copy that would keep it registered.
+  if (worker->sockfd[1] >= 0) epoll_ctl(producer->pollfd, EPOLL_CTL_DEL, worker->sockfd[1], nullptr);
+  close_and_forget(&worker->sockfd[0]);
+  close_and_forget(&worker->sockfd[1]);
+  close_and_forget(&worker->transfer_fd);
+  open_control_pair(worker);
+  if ((worker->type & KS_PTHREAD_MODE) != 0) {
+    if (!ks_create_thread(&worker->id.tid, consumer_thread, worker)) {
+      ks_abort(kOperation, "pthread_create(&worker->id.tid, &attr, ks_consumer_worker, (void*) worker) == 0",
+               "consumer-worker create thread fail");
+    }
+  } else {
+    const pid_t parent = getpid();
+    worker->id.pid = fork();
+    if (worker->id.pid < 0) {
+      ks_abort(kOperation, "(worker->id.pid = fork()) >= 0", "consumer-worker create process fail");
+    }
+    if (worker->id.pid == 0) run_consumer_process(worker, parent);
+  }
+  worker->queue = {
+      .type = WORKER_SOCK, .sockfd = worker->sockfd[1], .next = &worker->queue, .prev = &worker->queue};
+  if (!ks_poll_add(producer->pollfd, worker->queue.sockfd, kWatchEvents, {.ptr = &worker->queue})) {
+    ks_abort(kOperation, "epoll_ctl(producer_worker->pollfd, EPOLL_CTL_ADD, worker->queue.sockfd, ev) == 0",
+             "producer-worker epoll add consumer-worker sockfd fail");
+  }
+}
+
+void ks_consumer_worker(ks_worker* worker) {
+  constexpr char kOperation[] = "ks_consumer_worker";
+  if (worker->init_hook != nullptr) worker->init_hook(worker->init_arg);
+  worker->pollfd = epoll_create(1);
+  if (worker->pollfd < 0 || !set_fd_cloexec(worker->pollfd)) {
+    ks_abort(kOperation,
+             "(consumer_worker->pollfd = epoll_create(1)) >= 0 && set_fd_cloexec(consumer_worker->pollfd)",
+             "consumer-worker create epoll fail");
+  }
+  if (!ks_poll_add(worker->pollfd, worker->sockfd[0], kWatchEvents, {.fd = worker->sockfd[0]})) {
+    ks_abort(kOperation,
+             "epoll_ctl(consumer_worker->pollfd, EPOLL_CTL_ADD, consumer_worker->sockfd[0], ev) == 0",
+             "consumer-worker epoll add sockfd fail");
+  }
+  while (worker->pollfd >= 0) {
+    epoll_event event{};
+    const int ready = epoll_wait(worker->pollfd, &event, 1, -1);
+    if (ready < 0 && errno == EINTR) {
+      errno = 0;
+      continue;
+    }
+    if (ready < 1) break;
+    if (event.data.fd == worker->sockfd[0]) {
+      serve_control(worker, event.events);
+    } else {
+      serve_client(worker, event.data.fd, event.events);
+    }
+  }
+  shutdown_and_forget(&worker->sockfd[0]);
+  close_and_forget(&worker->pollfd);
+  if (worker->fini_hook != nullptr) worker->fini_hook(worker->fini_arg);
+}

@@ -1,0 +1,72 @@
+#include "daemon/command_tables.h"
+
+#include "handlers/handlers.h"
+
+namespace {
+
+constexpr CommandRow kMailCommands[] = {
+    {.name = "test", .handler = nos_test_sendmail_srv_handler},
+    {.name = "sendmail", .handler = nullptr},
+};
+
+constexpr CommandRow kMainCommands[] = {
+    {.name = "test", .handler = test_handler},
+    {.name = "exec_cli", .handler = exec_cli_handler},
+    {.name = "get_dispdeck_status", .handler = nullptr},
+    {.name = "system_call_evrec_tool", .handler = nullptr},
+    {.name = "system_connrec_tool", .handler = nullptr},
+    {.name = "get_sess_id", .handler = nullptr},
+    {.name = "system_call_share_guard_add", .handler = nos_tool_command_handler},
+    {.name = "system_call_share_guard_remove", .handler = nos_tool_command_handler},
+    {.name = "system_call_vistalpro_disable", .handler = nos_tool_command_handler},
+    {.name = "get_vpd_productnamed", .handler = nullptr},
+    {.name = "get_vpd_eepkey", .handler = nullptr},
+    {.name = "get_vpd_channel", .handler = nullptr},
+    {.name = "get_vpd_ext_area", .handler = nullptr},
+    {.name = "is_generic_model", .handler = nullptr},
+    {.name = "get_platform_display_name", .handler = nullptr},
+    {.name = "system_call_cloud_analysis_register", .handler = nullptr},
+    {.name = "system_call_cloud_analysis_send", .handler = nullptr},
+    {.name = "system_call_cloud_analysis_flush", .handler = nos_tool_command_handler},
+    {.name = "system_call_cloud_analysis_unregister", .handler = nos_tool_command_handler},
+    {.name = "system_trn_smb_setfolder_priv", .handler = nos_tool_command_handler},
+    {.name = "system_call_share_folder_renew", .handler = nos_tool_command_handler},
+    {.name = "system_call_kseek_list_add", .handler = nos_tool_command_handler},
+    {.name = "vistal_auth_add_session", .handler = nullptr},
+    {.name = "vistal_auth_get_session", .handler = nullptr},
+    {.name = "get_sms_config", .handler = nullptr},
+    {.name = "get_all_users", .handler = nullptr},
+    {.name = "get_all_groups", .handler = nullptr},
+    {.name = "get_group_members", .handler = nullptr},
+    {.name = "system_call_nc_notify", .handler = nullptr},
+    {.name = "system_get_tiermount_cloud_usage", .handler = nullptr},
+    {.name = "is_trn_model", .handler = nullptr},
+    {.name = "update_ip_ban_list", .handler = nullptr},
+    {.name = "notify_return", .handler = nullptr},
+    {.name = "read_hwsn", .handler = nullptr},
+    {.name = "system_call_cloud_get_device_list", .handler = nullptr},
+    {.name = "system_call_cloud_get_kid_service", .handler = nullptr},
+    {.name = "system_call_cloud_get_user_token", .handler = nullptr},
+    {.name = "system_call_cloud_get_host_endpoint", .handler = nullptr},
+    {.name = "system_call_cloud_get_host_site", .handler = nullptr},
+    {.name = "system_call_cloud_get_access_token", .handler = nullptr},
+    {.name = "system_call_cloud_kcm_tunnel_agent", .handler = nullptr},
+    {.name = "reverse_proxy", .handler = nullptr},
+    {.name = "web_booth", .handler = nullptr},
+    {.name = "install_app", .handler = nullptr},
+    {.name = "cmv_cli", .handler = nullptr},
+    {.name = "system_call_cloud_get_device_info", .handler = nullptr},
+    {.name = "vistal_agent_cli", .handler = nullptr},
+    {.name = "system_call_cloud_get_device_status", .handler = nullptr},
+};
+static_assert(std::size(kMainCommands) == 48 && std::size(kMailCommands) == 2);
+
+}  // namespace
+
+std::span<const CommandRow> main_commands() {
+  return kMainCommands;
+}
+
+std::span<const CommandRow> mail_commands() {
+  return kMailCommands;
+}

@@ -1,0 +1,205 @@
+// The daemon's life: prepare, publish both services, wait for a stop signal, take down what is its own.
+//
+// Threads: this one only waits. Each service has a detached thread that runs its producer loop (its workers
+// are threads of the framework); a last one receives the stop signals. Every other thread blocks them, so no
+// system call of a handler is ever interrupted, and the handler of a stop signal never interrupts a thread
+// that holds the mutex it takes.
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cctype>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "common/log.h"
+#include "common/process.h"
+#include "common/rdconf.h"
+#include "common/text.h"
+#include "daemon/crash_handler.h"
+#include "daemon/dispatch.h"
+#include "daemon/reentry.h"
+#include "handlers/service_names.h"
+#include "service/ks.h"
+
+namespace {
+
+constexpr char kPackageConfig[] = "/etc/config/kpkg.conf";
+constexpr char kPackageSection[] = "VistalServer";
+constexpr char kInstallPathKey[] = "Install_Path";
+constexpr std::size_t kLogDirSize = 256;
+
+constexpr std::uint64_t kMainWorkers = 2;
+constexpr std::uint64_t KS_SEND_MAIL_SERVER_THREAD_NUM = 5;
+
+constexpr int kExitRefused = -1;  // no install path, or already running
+constexpr int kExitNoService = -2;
+constexpr time_t kWaitSliceSeconds = 10;
+
+// Two services with 1000 waiting clients each, and room for the requests being served.
+constexpr unsigned long kWantedDescriptors = 4096;
+
+ks_handle* ks_service_handle = nullptr;
+ks_handle* ks_send_mail_service_handle = nullptr;
+std::atomic<int> is_terminate{0};
+int is_daemon = 0;
+pthread_mutex_t terminate_mutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t terminate_cond = PTHREAD_COND_INITIALIZER;
+
+void terminate_handler(int) {
+  is_terminate = 1;
+  pthread_mutex_lock(&terminate_mutex);
+  pthread_cond_signal(&terminate_cond);
+  pthread_mutex_unlock(&terminate_mutex);
+}
+
+// A number below 3 that is free would be given to the first socket, and then be closed as somebody's output.
+void occupy_standard_descriptors() {
+  int fd;
+  do {
+    fd = open("/dev/null", O_RDWR);
+  } while (fd >= 0 && fd <= STDERR_FILENO);
+  if (fd > STDERR_FILENO) close(fd);
+}
+
+sigset_t stop_signals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  return signals;
+}
+
+void install_signal_handlers() {
+  const sigset_t signals = stop_signals();
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);  // until receive_stop_signals runs, they wait
+  ks_signal(SIGINT, terminate_handler);
+  ks_signal(SIGTERM, terminate_handler);
+  ks_signal(SIGSEGV, crash_handler);
+  ks_signal(SIGABRT, crash_handler);
+}
+
+void* receive_stop_signals(void*) {
+  const sigset_t signals = stop_signals();
+  pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+  while (true) pause();
+}
+
+void* pthread_ks_start(void*) {
+  LOG_AT("pthread_ks_start", "ks_start.");
+  ks_start(ks_service_handle);
+  return nullptr;
+}
+
+void* pthread_ks_send_mail_start(void*) {
+  LOG_AT("pthread_ks_send_mail_start", "ks_send_mail_start.");
+  ks_start(ks_send_mail_service_handle);
+  return nullptr;
+}
+
+void start_detached(void* (*entry)(void*)) {
+  pthread_t thread;
+  if (pthread_create(&thread, nullptr, entry, nullptr) == 0) pthread_detach(thread);
+}
+
+void set_up_log() {
+  std::string install_path;
+  if (!rdconf_value(kPackageConfig, kPackageSection, kInstallPathKey, &install_path)) {
+    std::fprintf(stderr, "[%s][%d] get Install_Path fail.", "main", __LINE__);
+    std::exit(kExitRefused);
+  }
+  log_set_dir(format_bounded(kLogDirSize, "%s/.log", install_path.c_str()).c_str());
+}
+
+void parse_options(int argc, char** argv) {
+  opterr = 0;  // the lines below are all that is said about an unknown option
+  int option;
+  while ((option = getopt(argc, argv, "dt")) != -1) {
+    switch (option) {
+      case 'd':
+        is_daemon = 1;
+        break;
+      case 't':
+        is_terminate = 1;
+        break;
+      case '?':
+        std::fprintf(stderr, "Illegal option:-%c\n", std::isprint(optopt) != 0 ? optopt : '#');
+        break;
+      default:
+        std::fprintf(stderr, "Not supported option\n");
+    }
+  }
+}
+
+void create_services() {
+  ks_service_handle = ks_create(kMainServiceName, KS_PTHREAD_MODE, kMainWorkers, main_service_exec);
+  if (ks_service_handle == nullptr) {
+    LOG_AT("main", "ks_service_handle is NULL.");
+    std::exit(kExitNoService);
+  }
+  LOG_AT("main", "sock_name:%s.", ks_service_handle->sockfile);
+  ks_send_mail_service_handle =
+      ks_create(kMailServiceName, KS_PTHREAD_MODE, KS_SEND_MAIL_SERVER_THREAD_NUM, mail_service_exec);
+  if (ks_send_mail_service_handle == nullptr) {
+    LOG_AT("main", "ks_send_mail_service_handle is NULL.");
+    std::exit(kExitNoService);
+  }
+  LOG_AT("main", "send_mail_sock_name:%s, KS_SEND_MAIL_SERVER_THREAD_NUM:%d.",
+         ks_send_mail_service_handle->sockfile, static_cast<int>(KS_SEND_MAIL_SERVER_THREAD_NUM));
+}
+
+void wait_for_stop() {
+  while (is_terminate == 0) {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    const timespec deadline{.tv_sec = now.tv_sec + kWaitSliceSeconds, .tv_nsec = now.tv_usec * 1000};
+    pthread_mutex_lock(&terminate_mutex);
+    // The flag is set before the mutex is taken: either it shows here, or the signal comes during the wait.
+    if (is_terminate == 0) pthread_cond_timedwait(&terminate_cond, &terminate_mutex, &deadline);
+    pthread_mutex_unlock(&terminate_mutex);
+  }
+}
+
+// A stop has no effect on a service whose thread has not got round to starting it yet.
+void wait_until_started(ks_handle* handle) {
+  const std::atomic_ref<ks_worker*> worker(handle->worker);
+  while (worker.load() == nullptr) worker.wait(nullptr);
+}
+
+void free_all_obj() {
+  LOG_AT("free_all_obj", "is_terminate");
+  ks_free(ks_service_handle);
+  ks_service_handle = nullptr;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  unsetenv("LD_LIBRARY_PATH");  // the package's libraries are not for the platform's programs
+  occupy_standard_descriptors();
+  set_up_log();
+  LOG_AT("main", "nxe-ks-vistalprod start, Server:%s.", kMainServiceName);
+  if (check_reentry(argv[0])) {
+    LOG_AT("main", "warning: re-entry.");
+    std::exit(kExitRefused);
+  }
+  install_signal_handlers();
+  parse_options(argc, argv);
+  if (is_daemon != 0 && daemon(0, 0) != 0) LOG_AT("main", "daemon failed.");
+  raise_descriptor_limit(kWantedDescriptors);
+  start_detached(receive_stop_signals);
+  create_services();
+  start_detached(pthread_ks_start);
+  start_detached(pthread_ks_send_mail_start);
+  wait_for_stop();
+
+  wait_until_started(ks_service_handle);
+  ks_stop(ks_service_handle);
+  free_all_obj();
+  // The mail service goes with the process: a mail on its way does not hold up the stop.
+  std::exit(0);
+}

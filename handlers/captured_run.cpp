@@ -1,0 +1,51 @@
+#include "handlers/captured_run.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "common/process.h"
+#include "common/unique_fd.h"
+
+namespace {
+
+constexpr std::size_t kReadSize = 16 * 1024;
+
+// The texts as the runner wants them: pointers into `arguments`, ending with a null.
+std::vector<char*> pointers_to(std::vector<std::string>& arguments) {
+  std::vector<char*> pointers;
+  pointers.reserve(arguments.size() + 1);
+  for (std::string& argument : arguments) pointers.push_back(argument.data());
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+}  // namespace
+
+std::string base_name(const std::string& path) {
+  return path.substr(path.rfind('/') + 1);
+}
+
+int run_quietly(const std::string& path, std::vector<std::string> arguments) {
+  return exec_cmd(nullptr, nullptr, nullptr, path.c_str(), pointers_to(arguments).data());
+}
+
+CapturedRun::CapturedRun(const std::string& path, std::vector<std::string> arguments) {
+  if (!file_.valid()) return;
+  status_ = exec_cmd(file_.path().c_str(), nullptr, nullptr, path.c_str(), pointers_to(arguments).data());
+}
+
+std::string CapturedRun::output(std::size_t limit) const {
+  std::string text;
+  const UniqueFd fd(open(file_.path().c_str(), O_RDONLY | O_CLOEXEC));
+  char chunk[kReadSize];
+  while (fd && text.size() < limit) {
+    const ssize_t got = read(fd.get(), chunk, std::min(sizeof(chunk), limit - text.size()));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;
+    text.append(chunk, static_cast<std::size_t>(got));
+  }
+  return text;
+}

@@ -1,0 +1,92 @@
+#include "handlers/handler.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <stdexcept>
+
+#include "common/json_param.h"
+#include "common/log.h"
+
+namespace {
+
+// Longer bodies are cut here, so that no client can make the daemon hold more than this and its parsed form.
+constexpr std::size_t kMaxRequestText = 16 * 1024 * 1024;
+constexpr std::size_t kReadSize = 16 * 1024;
+
+void refuse(Json::Value& reply, const char* message) {
+  reply["error_msg"] = message;
+  reply["error_code"] = -1;
+}
+
+// Fills the parameters, or the reply with the reason why not.
+bool parse_request(const std::string& text, const char* log_name, const Params& params, Json::Value& reply) {
+  Json::Value root;
+  if (!json_parse(text, &root)) {
+    LOG_AT(log_name, "ks_io input fail.");
+    refuse(reply, "input error");
+    return false;
+  }
+  bool error = false;
+  for (const Param& param : params)
+    parser_param_from_json_str(root, param.key, param.value, param.type, &error);
+  if (error) refuse(reply, "paser fail");
+  return !error;
+}
+
+void act(const char* log_name, const Action& action, Json::Value& reply) {
+  switch (action(reply)) {
+    case Outcome::success:
+      reply["result"] = 0;
+      break;
+    case Outcome::failure:
+      reply["error_msg"] = std::string(log_name) + " fail";
+      reply["result"] = -1;
+      break;
+    case Outcome::own:
+      break;
+  }
+}
+
+}  // namespace
+
+std::string read_request_text(ks_io* io) {
+  std::string text;
+  char chunk[kReadSize];
+  while (text.size() < kMaxRequestText) {
+    const ssize_t got = pread(ks_io_fd(io), chunk, sizeof(chunk), static_cast<off_t>(text.size()));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;
+    const auto size = static_cast<std::size_t>(got);
+    const std::size_t length = strnlen(chunk, size);
+    text.append(chunk, length);
+    if (length < size) return text;
+  }
+  if (text.empty()) throw std::logic_error("basic_string: construction from null is not valid");
+  return text;
+}
+
+void handle_request(ks_io* io, const char* log_name, const Params& params, const Action& action) {
+  Json::Value reply;
+  if (parse_request(read_request_text(io), log_name, params, reply)) act(log_name, action, reply);
+  reply_json(reply, io);
+}
+
+void handle_bare_request(ks_io* io, const char* log_name, const Action& action) {
+  Json::Value reply;
+  act(log_name, action, reply);
+  reply_json(reply, io);
+}
+
+void reply_json_string(const std::string& text, ks_io* io) {
+  if (!ks_io_alive(io)) return;
+  ks_io_realloc(io, 0);
+  ks_io_printf(io, "%s", text.c_str());
+  ks_reply(io);
+}
+
+void reply_json(const Json::Value& reply, ks_io* io) {
+  reply_json_string(json_write(reply), io);
+}

@@ -1,0 +1,65 @@
+// The one skeleton of all command handlers: request text -> JSON -> typed parameters -> action -> reply.
+//
+// A handler is a function that the dispatcher calls on a thread of its own with the request and the client's
+// descriptor (whose number is closed by then: standard output stands for it). It is written as
+//
+//     void nos_get_something_handler(ks_io* io, int) {
+//       std::string user;
+//       std::int32_t type = 0;
+//       handle_request(io, "nos_get_something_handler", {{"user", &user}, {"type", &type}}, [&](Json::Value&
+//       reply) {
+//         ...                                     // act on user and type; add what the reply carries besides
+//         return Outcome::success;
+//       });
+//     }
+//
+// and the skeleton sends, one line of JSON each:
+//   the body is not JSON                 {"error_code":-1,"error_msg":"input error"}     and one log line
+//   a parameter is missing or mistyped   {"error_code":-1,"error_msg":"paser fail"}
+//   Outcome::failure                     {"error_msg":"<log name> fail","result":-1}
+//   Outcome::success                     {"result":0} and what the action has set
+//   Outcome::own                         what the action has set
+// A request without any body raises std::logic_error out of the handler, as does JSON that is not an object
+// (Json::LogicError); the dispatcher catches.
+#pragma once
+
+#include <json/value.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "service/ks.h"
+
+enum class Outcome { success, failure, own };
+
+// One parameter of a request: its member name and the variable that receives it, which says what type it must
+// be.
+struct Param {
+  Param(const char* name, std::string* out) : key(name), type("string"), value(out) {}
+  Param(const char* name, std::int32_t* out) : key(name), type("int"), value(out) {}
+  const char* key;
+  const char* type;
+  void* value;
+};
+
+using Params = std::vector<Param>;
+using Action = std::function<Outcome(Json::Value& reply)>;
+
+// Runs a handler that reads its request. `log_name` stands in its log lines and is the stem of its failure
+// message. The action runs only when every parameter is there.
+void handle_request(ks_io* io, const char* log_name, const Params& params, const Action& action);
+
+// Runs a handler without parameters: the body is not looked at.
+void handle_bare_request(ks_io* io, const char* log_name, const Action& action);
+
+// The request's body up to its first NUL, and at most its first 16 MiB (kMaxRequestText). Throws
+// std::logic_error when there is no body. Reads through the descriptor: the client can shrink the file under
+// a mapping.
+std::string read_request_text(ks_io* io);
+
+// Puts `text`, or `reply` on one line, in place of the request's body and tells the client; does nothing when
+// the client has gone.
+void reply_json_string(const std::string& text, ks_io* io);
+void reply_json(const Json::Value& reply, ks_io* io);

@@ -1,0 +1,16 @@
+// Every command handler, by the source file that holds it. All have the same shape: the request, and the
+// client's descriptor, whose number is closed by the time the handler runs. The request belongs to the
+// dispatcher.
+#pragma once
+
+#include "service/ks.h"
+
+// test_commands.cpp
+void test_handler(ks_io* io, int extra_fd);
+void nos_test_sendmail_srv_handler(ks_io* io, int extra_fd);
+
+// exec_cli.cpp
+void exec_cli_handler(ks_io* io, int extra_fd);
+
+// tool_commands.cpp: every command that does nothing but run one platform tool
+void nos_tool_command_handler(ks_io* io, int extra_fd);

@@ -48,13 +48,12 @@ TEST_F(LogTest, MovesAFullFileAside) {
   write_file(path, std::string(kFull - 1, 'x'));
   log_write_to(path.c_str(), "fits");
   EXPECT_FALSE(exists(backup));
-  const std::string full = contents(path);
-  EXPECT_THAT(full, ::testing::EndsWith("] fits\n"));
+  EXPECT_THAT(contents(path), ::testing::EndsWith("] fits\n"));
 
+  const std::string full(kFull, 'y');
+  write_file(path, full);
   write_file(backup, "an older one");
-  errno = ENOTTY;
   log_write_to(path.c_str(), "fresh");
-  EXPECT_EQ(errno, ENOTTY);
   EXPECT_EQ(contents(backup), full);
   EXPECT_EQ(contents(path).size(), prefix_length() + 6);
 
@@ -72,7 +71,9 @@ TEST_F(LogTest, SaysSoWhenItHasNowhereToWrite) {
   testing::internal::CaptureStdout();
   EXPECT_EQ(log_set_dir(impossible.c_str()), 0);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "Error mkdir [" + impossible + "] failed ret=-1\n");
+  errno = ENOTTY;
   log_write("%s", "lost");
+  EXPECT_EQ(errno, ENOTTY) << "logging a failure changed it";
 }
 
 TEST(LogUnsetDeathTest, DropsTheMessage) {

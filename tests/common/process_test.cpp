@@ -243,21 +243,48 @@ TEST_F(ProcessTest, StartsProgramsInTheOrdinaryState) {
   EXPECT_EQ(sigismember(&after, SIGTERM), 1) << "the caller's mask was changed";
 }
 
+TEST_F(ProcessTest, WaitsThroughSignals) {
+  struct sigaction interrupts {};
+  struct sigaction old {};
+  interrupts.sa_handler = [](int) {};
+  sigaction(SIGUSR1, &interrupts, &old);
+  EXPECT_EQ(exec_cmd_args(nullptr, nullptr, nullptr, "/bin/sh", "-c",
+                          "i=0; while [ $i -lt 200 ]; do kill -USR1 $PPID; i=$((i+1)); done", nullptr),
+            0);
+  sigaction(SIGUSR1, &old, nullptr);
+}
+
 using ProcessDeathTest = ProcessTest;
 
-// With its standard streams closed, the daemon gets their numbers for the files of the call, in the wrong
-// order.
+// With standard streams closed, the daemon gets their numbers for the files of the call, in the wrong order
+// or the right one.
 TEST_F(ProcessDeathTest, SortsOutLowDescriptors) {
   const std::string in = in_dir("in");
   write_file(in, "input\n");
-  const auto run = [&] {
-    for (const int fd : {0, 1, 2}) close(fd);
+  const auto run_without = [&](const std::vector<int>& closed) {
+    for (const int fd : closed) close(fd);
     _exit(exec_cmd_stdio_args(in.c_str(), out_.c_str(), err_.c_str(), nullptr, "/bin/sh", "-c",
                               "cat; echo err >&2", nullptr));
   };
+  for (const auto& closed : {std::vector{0, 1, 2}, std::vector{1, 2}, std::vector{0}}) {
+    EXPECT_EXIT(run_without(closed), ::testing::ExitedWithCode(0), "");
+    EXPECT_EQ(contents(out_), "input\n");
+    EXPECT_EQ(contents(err_), "err\n");
+    write_file(out_, "");
+    write_file(err_, "");
+  }
+}
+
+TEST_F(ProcessDeathTest, TakesNoProcessForSuccess) {
+  const auto run = [] {
+    const rlimit none{};
+    setrlimit(RLIMIT_NPROC, &none);
+    if (getuid() == 0 && setuid(65534) != 0) _exit(9);  // the limit does not hold for root
+    const int status = exec_cmd_args(nullptr, nullptr, nullptr, "/bin/false", nullptr);
+    FILE* const stream = popen_cmd_args(nullptr, nullptr, nullptr, "r", "/bin/true", nullptr);
+    _exit(status == 0 && stream == nullptr && errno == EAGAIN ? 0 : 1);
+  };
   EXPECT_EXIT(run(), ::testing::ExitedWithCode(0), "");
-  EXPECT_EQ(contents(out_), "input\n");
-  EXPECT_EQ(contents(err_), "err\n");
 }
 
 }  // namespace

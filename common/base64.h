@@ -8,7 +8,6 @@
 int base64_encode(const std::string& in, std::string* out);
 
 // Decodes `in` up to its end or to the first character outside the alphabet, "=" included, and appends the
-// bytes to
-// `*out`; returns the new length of `*out`. Never fails: two or three characters of an unfinished group give
-// one or two bytes, a single one gives none. `out` may be `&in`.
+// bytes to `*out`; returns the new length of `*out`. Never fails: two or three characters of an unfinished
+// group give one or two bytes, a single one gives none. `out` may be `&in`.
 std::size_t base64_decode(const std::string& in, std::string* out);

@@ -16,9 +16,8 @@
 //   "long"    std::int64_t; any number without a fraction (one beyond the type throws)
 //   "bool"    std::int32_t, set to 1 or 0
 // A member that is absent, null or of another type, and any other `type`, sets `*error` and leaves `*out`
-// alone.
-// `*error` is never cleared, so that one flag serves all parameters of a request. Only a member that should
-// have been a bool is logged as well.
+// alone. `*error` is never cleared, so that one flag serves all parameters of a request. Only a member that
+// should have been a bool is logged as well.
 void parser_param_from_json_str(const Json::Value& root, const std::string& key, void* out,
                                 const std::string& type, bool* error);
 

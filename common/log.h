@@ -16,8 +16,7 @@
 int log_set_dir(const char* dir);
 
 // Adds one line with the formatted message, of which at most 2046 characters are kept; a line beyond 2047
-// characters is cut, newline and all. Before log_set_dir the message is dropped, with a word on standard
-// error.
+// characters is cut, newline and all. Before log_set_dir the message is dropped, with a word on stderr.
 void log_write(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 
 // The same, to the file `path`.

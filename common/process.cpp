@@ -1,13 +1,10 @@
 // All seven calls are one mechanism in four steps; what they differ in is a row or a parameter.
 //
-//   1. open    the files and the pipe, as owned descriptors (Streams). On any failure the owners close all of
-//   it.
+//   1. open    the files and the pipe, as owned descriptors (Streams). On any failure the owners close them.
 //   2. prepare argument vector and environment, in the parent. The daemon has many threads, and one of them
-//   may hold
-//              the allocator's lock at the moment of the fork: a child that allocates can hang for ever.
+//              may hold the allocator's lock at the fork: a child that allocates can hang for ever.
 //   3. start   fork. The child sees only a ChildPlan and makes nothing but async-signal-safe calls: streams,
-//   signals,
-//              descriptor limit, execve, and _exit(127) when that returns.
+//              signals, descriptor limit, execve, and _exit(127) when that returns.
 //   4. finish  the parent's owners close its copies; it waits (exec) or puts the stream on the list (popen).
 //
 // Every descriptor made here is close-on-exec from birth, pipe ends and input files included; dup2 in the
@@ -66,8 +63,7 @@ OpenPipe* g_open_pipes = nullptr;  // latest first
 // The limits that programs get back; null until the daemon raises its own.
 std::atomic<const rlimit*> g_program_limit{nullptr};
 
-// ---- The child
-// -------------------------------------------------------------------------------------------------
+// ---- The child ----------------------------------------------------------------------------------------
 
 // Everything the child needs; borrowed from the parent's frame.
 struct ChildPlan {
@@ -121,8 +117,7 @@ void reset_signals() {
   _exit(kCannotExecute);
 }
 
-// ---- The parent
-// ------------------------------------------------------------------------------------------------
+// ---- The parent ---------------------------------------------------------------------------------------
 
 std::vector<char*> make_environment(Environment policy) {
   std::vector<char*> environment;
@@ -186,8 +181,7 @@ pid_t start(const char* path, char* const argv[], Environment policy, const Stre
   return pid;
 }
 
-// The raw wait status, or -1. Signals meant for the daemon may arrive on any thread and must not end the
-// wait.
+// The raw wait status, or -1. Signals meant for the daemon may arrive here and must not end the wait.
 int wait_for(pid_t pid) {
   int status = 0;
   pid_t result;
@@ -197,8 +191,7 @@ int wait_for(pid_t pid) {
   return result < 0 ? -1 : status;
 }
 
-// ---- exec: run and wait
-// ----------------------------------------------------------------------------------------
+// ---- exec: run and wait -------------------------------------------------------------------------------
 
 // The account of one call; swallows everything when there is no file, or none that can be written.
 class Trace {
@@ -298,8 +291,7 @@ int exec_cmd_stdio_args(const char* input, const char* output, const char* error
   return exec_cmd_stdio(input, output, error, trace, path, arguments.data());
 }
 
-// ---- popen: run beside the caller
-// ------------------------------------------------------------------------------
+// ---- popen: run beside the caller ---------------------------------------------------------------------
 
 FILE* popen_cmd(const char* input, const char* output, const char* error, const char* mode, const char* path,
                 char* const argv[]) {

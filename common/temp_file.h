@@ -20,8 +20,7 @@ class TempFile {
   // Leaves the file in place for good.
   void release() { owned_ = false; }
 
-  // Removes the file now, released or not, and returns whether that worked. The destructor does not try
-  // again.
+  // Removes the file now, released or not, and returns whether that worked. The destructor tries no more.
   bool remove();
 
  private:

@@ -5,6 +5,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
 
 #include "common/process.h"
 #include "common/unique_fd.h"
@@ -21,6 +24,13 @@ std::vector<char*> pointers_to(std::vector<std::string>& arguments) {
   pointers.push_back(nullptr);
   return pointers;
 }
+
+struct ProgramWaiter {
+  void operator()(FILE* stream) const { pclose_cmd(stream); }
+};
+
+// Holds a stream of popen_cmd.
+using UniqueProgram = std::unique_ptr<FILE, ProgramWaiter>;
 
 }  // namespace
 
@@ -48,4 +58,18 @@ std::string CapturedRun::output(std::size_t limit) const {
     text.append(chunk, static_cast<std::size_t>(got));
   }
   return text;
+}
+
+std::optional<std::string> piped_output(const std::string& path, std::vector<std::string> arguments,
+                                        std::size_t chunk_size) {
+  const UniqueProgram program(
+      popen_cmd(nullptr, nullptr, nullptr, "r", path.c_str(), pointers_to(arguments).data()));
+  if (!program) return std::nullopt;
+  std::string text;
+  std::string chunk(chunk_size, '\0');
+  for (;;) {
+    const std::size_t got = std::fread(chunk.data(), 1, chunk_size, program.get());
+    text.append(chunk, 0, strnlen(chunk.data(), got));
+    if (got < chunk_size) return text;
+  }
 }

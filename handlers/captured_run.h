@@ -1,7 +1,9 @@
-// Running a program for a command: quietly, or with what it prints captured in a temporary file.
+// Running a program for a command: quietly, or with what it prints captured, in a temporary file or through a
+// pipe.
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,8 +13,8 @@
 // called.
 std::string base_name(const std::string& path);
 
-// Run the program at `path` with an empty environment, input left alone. `arguments` is the whole argument
-// vector, the program's name for itself first. Thread-safe.
+// Run the program at `path`, input left alone, and wait for its end. `arguments` is the whole argument
+// vector, the program's name for itself first. The environment is empty, but for piped_output. Thread-safe.
 
 // Its output is discarded. Returns the raw wait status, -1 when nothing could be run.
 int run_quietly(const std::string& path, std::vector<std::string> arguments);
@@ -35,3 +37,10 @@ class CapturedRun {
   TempFile file_;
   int status_ = -1;
 };
+
+// Its standard output comes through a pipe, all of it, in pieces of `chunk_size` bytes (the last one may be
+// shorter); of each piece only what stands before its first NUL is kept, as tools print texts. Standard error
+// is discarded, the environment is the daemon's, and how the program ends is not looked at: one that cannot
+// be executed has printed nothing. Nothing, with errno set, when no program can be started at all.
+std::optional<std::string> piped_output(const std::string& path, std::vector<std::string> arguments,
+                                        std::size_t chunk_size);

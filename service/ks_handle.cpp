@@ -118,6 +118,7 @@ void ks_producer_worker_init(ks_handle* handle, ks_worker* producer) {
   producer->index = handle->service_size;
   producer->sockfd[0] = -1;
   producer->transfer_fd = -1;
+  producer->client_fd = -1;
   producer->phase = kProducerRunning;
   producer->type = KS_PTHREAD_MODE;
   listen_on(producer, handle->sockfile);
@@ -156,6 +157,7 @@ void start_consumer(ks_handle* handle, ks_worker* worker, std::uint64_t index) {
   worker->sockfd[0] = -1;
   worker->sockfd[1] = -1;
   worker->transfer_fd = -1;
+  worker->client_fd = -1;
   worker->spare_fd = -1;
   ks_consumer_worker_init(handle, worker);
 }

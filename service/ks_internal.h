@@ -134,8 +134,10 @@ struct ks_worker {
 
   // Beyond the record that workers are described by: what it takes to stop and restart without a leak.
   std::int32_t transfer_fd;  // consumer: the client handed over and not yet echoed, -1 when none
-  std::int32_t spare_fd;     // producer: given up for a moment when descriptors run out, so as to answer busy
-  std::uint32_t phase;       // producer: ks_producer_phase. Touched atomically
+  std::int32_t
+      client_fd;  // consumer: the client that has been asked and whose request is awaited, -1 when none
+  std::int32_t spare_fd;  // producer: given up for a moment when descriptors run out, so as to answer busy
+  std::uint32_t phase;    // producer: ks_producer_phase. Touched atomically
 };
 
 // How far the end of a service has got. The producer's thread and the stopping thread wait for one another

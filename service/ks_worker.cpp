@@ -48,9 +48,9 @@ void leave_loop(ks_worker* worker) {
   close_and_forget(&worker->pollfd);
 }
 
-void drop_client(ks_worker* worker, int client) {
-  epoll_ctl(worker->pollfd, EPOLL_CTL_DEL, client, nullptr);
-  shutdown_and_forget(&client);
+void drop_client(ks_worker* worker) {
+  epoll_ctl(worker->pollfd, EPOLL_CTL_DEL, worker->client_fd, nullptr);
+  shutdown_and_forget(&worker->client_fd);
   report_ready(worker);
 }
 
@@ -99,19 +99,19 @@ void take_over_environment(pid_t peer) {
 
 // The request record of a client whose descriptors have arrived; takes the memory file and the socket over.
 // Null, and both closed, when the memory file cannot be mapped.
-ks_io* make_request(ks_worker* worker, int client, unique_fd memfd, const directive& record) {
+ks_io* make_request(ks_worker* worker, unique_fd memfd, const directive& record) {
   ks_io* io = ks_io_create();
   io->memfd = memfd.release();
-  io->sockfd = client;
+  io->sockfd = std::exchange(worker->client_fd, -1);
   ks_copy_text(io->request_name, sizeof(io->request_name), reinterpret_cast<const char*>(record.data));
   if (!ks_io_try_sync(io)) {
-    shutdown(client, SHUT_RDWR);
+    shutdown(io->sockfd, SHUT_RDWR);
     ks_io_free(io);
     return nullptr;
   }
   ucred peer{};
   socklen_t size = sizeof(peer);
-  if (getsockopt(client, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0) {
+  if (getsockopt(io->sockfd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0) {
     io->peer_pid = peer.pid;
     io->peer_uid = peer.uid;
     io->peer_gid = peer.gid;
@@ -120,17 +120,17 @@ ks_io* make_request(ks_worker* worker, int client, unique_fd memfd, const direct
   return io;
 }
 
-void serve_request(ks_worker* worker, int client, const directive& record) {
-  unique_fd memfd(receive_descriptor(client, kHandoverTimeoutMs));
-  if (!memfd) return drop_client(worker, client);
+void serve_request(ks_worker* worker, const directive& record) {
+  unique_fd memfd(receive_descriptor(worker->client_fd, kHandoverTimeoutMs));
+  if (!memfd) return drop_client(worker);
   unique_fd extra;
   if ((record.flag & 1) != 0) {
-    extra.reset(receive_descriptor(client, kHandoverTimeoutMs));
-    if (!extra) return drop_client(worker, client);
+    extra.reset(receive_descriptor(worker->client_fd, kHandoverTimeoutMs));
+    if (!extra) return drop_client(worker);
   }
-  if (!can_serve(memfd.get())) return drop_client(worker, client);
-  epoll_ctl(worker->pollfd, EPOLL_CTL_DEL, client, nullptr);
-  ks_io* io = make_request(worker, client, std::move(memfd), record);
+  if (!can_serve(memfd.get())) return drop_client(worker);
+  epoll_ctl(worker->pollfd, EPOLL_CTL_DEL, worker->client_fd, nullptr);
+  ks_io* io = make_request(worker, std::move(memfd), record);
   if (io != nullptr) worker->exec(io->request_name, io, extra.release());
   report_ready(worker);
 }
@@ -144,7 +144,7 @@ void accept_transfer(ks_worker* worker, const directive& record) {
   if (!client) return report_ready(worker);
   if (send_directive(client.get(), KS_DIR_ASK) &&
       ks_poll_add(worker->pollfd, client.get(), kWatchEvents, {.fd = client.get()})) {
-    client.release();
+    worker->client_fd = client.release();
     return;
   }
   shutdown(client.get(), SHUT_RDWR);
@@ -167,12 +167,12 @@ void serve_control(ks_worker* worker, std::uint32_t events) {
 }
 
 // Only a request is a client's to send; a hand-over or a quit from this side is a forgery.
-void serve_client(ks_worker* worker, int client, std::uint32_t events) {
+void serve_client(ks_worker* worker, std::uint32_t events) {
   directive record;
-  if (events == kPeerClosed || !read_directive(client, &record) || record.type != KS_DIR_REQUEST) {
-    return drop_client(worker, client);
+  if (events == kPeerClosed || !read_directive(worker->client_fd, &record) || record.type != KS_DIR_REQUEST) {
+    return drop_client(worker);
   }
-  serve_request(worker, client, record);
+  serve_request(worker, record);
 }
 
 // Closes every descriptor above the control socket: what other clients and workers of the parent hold is not
@@ -277,9 +277,10 @@ void ks_consumer_worker(ks_worker* worker) {
     if (event.data.fd == worker->sockfd[0]) {
       serve_control(worker, event.events);
     } else {
-      serve_client(worker, event.data.fd, event.events);
+      serve_client(worker, event.events);
     }
   }
+  shutdown_and_forget(&worker->client_fd);  // asked, and stopped before it has said anything
   shutdown_and_forget(&worker->sockfd[0]);
   close_and_forget(&worker->pollfd);
   if (worker->fini_hook != nullptr) worker->fini_hook(worker->fini_arg);

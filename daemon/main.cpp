@@ -1,9 +1,9 @@
 // The daemon's life: prepare, publish both services, wait for a stop signal, take down what is its own.
 //
 // Threads: this one only waits. Each service has a detached thread that runs its producer loop (its workers
-// are threads of the framework); a last one receives the stop signals. Every other thread blocks them, so no
-// system call of a handler is ever interrupted, and the handler of a stop signal never interrupts a thread
-// that holds the mutex it takes.
+// are threads of the framework); each message queue has one that relays its records; a last one receives the
+// stop signals. Every other thread blocks them, so no system call of a handler is ever interrupted, and the
+// handler of a stop signal never interrupts a thread that holds the mutex it takes.
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/time.h>
@@ -14,6 +14,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
 
 #include "common/log.h"
@@ -22,6 +23,9 @@
 #include "common/text.h"
 #include "daemon/crash_handler.h"
 #include "daemon/dispatch.h"
+#include "daemon/event_records.h"
+#include "daemon/event_relay.h"
+#include "daemon/msg_queue_listener.h"
 #include "daemon/reentry.h"
 #include "handlers/service_names.h"
 #include "service/ks.h"
@@ -45,6 +49,8 @@ constexpr unsigned long kWantedDescriptors = 4096;
 
 ks_handle* ks_service_handle = nullptr;
 ks_handle* ks_send_mail_service_handle = nullptr;
+std::unique_ptr<MsgQueueListener> event_listener;
+std::unique_ptr<MsgQueueListener> log_listener;
 std::atomic<int> is_terminate{0};
 int is_daemon = 0;
 pthread_mutex_t terminate_mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -152,6 +158,18 @@ void create_services() {
          ks_send_mail_service_handle->sockfile, static_cast<int>(KS_SEND_MAIL_SERVER_THREAD_NUM));
 }
 
+void start_listeners() {
+  event_listener = std::make_unique<MsgQueueListener>(kEventQueueKey, notify_handler, kNotifyMessageSize);
+  event_listener->Start();
+  log_listener = std::make_unique<MsgQueueListener>(kLogQueueKey, eventlog_handler, kLogMessageSize);
+  log_listener->Start();
+}
+
+void stop_listener(std::unique_ptr<MsgQueueListener>& listener) {
+  if (listener != nullptr) listener->Stop();
+  listener.reset();
+}
+
 void wait_for_stop() {
   while (is_terminate == 0) {
     timeval now{};
@@ -172,6 +190,8 @@ void wait_until_started(ks_handle* handle) {
 
 void free_all_obj() {
   LOG_AT("free_all_obj", "is_terminate");
+  stop_listener(event_listener);
+  stop_listener(log_listener);
   ks_free(ks_service_handle);
   ks_service_handle = nullptr;
 }
@@ -193,6 +213,7 @@ int main(int argc, char** argv) {
   raise_descriptor_limit(kWantedDescriptors);
   start_detached(receive_stop_signals);
   create_services();
+  start_listeners();
   start_detached(pthread_ks_start);
   start_detached(pthread_ks_send_mail_start);
   wait_for_stop();

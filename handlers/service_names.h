@@ -1,5 +1,6 @@
-// The names under which the daemon publishes its two services.
+// The names under which the daemon publishes its two services, and of the one that it calls.
 #pragma once
 
 inline constexpr char kMainServiceName[] = "VistalServer-vistalprod";
 inline constexpr char kMailServiceName[] = "VistalServer_send_mail-vistalprod";
+inline constexpr char kNotifyServiceName[] = "VistalServer_notify-vistalprod";

@@ -1,0 +1,14 @@
+// From message-queue records to the package's notification service.
+#pragma once
+
+// Callbacks of the listeners of kEventQueueKey and kLogQueueKey: turn the record at `message`
+// (event_records.h; the byte behind it is a NUL) into one JSON request to the service kNotifyServiceName and
+// wait for its answer, at most five seconds. A request that fails is one line in the log; it is not tried
+// again. Each on one thread at a time.
+//
+//   notify_handler     any message                   "notify_event"
+//   eventlog_handler   type 1, an event record       "notify_log"
+//                      type 2, a connection record   "notify_conn"
+//                      any other type                nothing
+int notify_handler(void* message);
+int eventlog_handler(void* message);

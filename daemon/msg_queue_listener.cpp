@@ -1,0 +1,71 @@
+#include "daemon/msg_queue_listener.h"
+
+#include <sys/ipc.h>
+#include <sys/msg.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+constexpr int kQueueMode = 0644;
+
+constexpr int kNoQueue = 101;
+constexpr int kUnusableQueue = 100;
+constexpr int kNotSent = 102;
+
+}  // namespace
+
+MsgQueueListener::MsgQueueListener(std::uint32_t key, Callback callback, std::uint64_t msg_size)
+    : msg_size_(msg_size),
+      queue_id_(msgget(static_cast<key_t>(key), IPC_CREAT | kQueueMode)),
+      key_(key),
+      callback_(callback) {}
+
+int MsgQueueListener::Start() {
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_JOINABLE);
+  if (pthread_create(&thread_, &attributes, run, this) != 0) thread_ = 0;
+  pthread_attr_destroy(&attributes);
+  return 0;
+}
+
+int MsgQueueListener::Stop() {
+  stop_ = true;
+  if (queue_id_ != -1) msgctl(queue_id_, IPC_RMID, nullptr);
+  if (thread_ != 0) pthread_join(thread_, nullptr);
+  thread_ = 0;
+  return 0;
+}
+
+void* MsgQueueListener::run(void* self) {
+  static_cast<MsgQueueListener*>(self)->receive();
+  return nullptr;
+}
+
+void MsgQueueListener::receive() {
+  std::vector<char> block(sizeof(long) + msg_size_ + 1);  // and a NUL behind it
+  while (!stop_) {
+    const ssize_t received = msgrcv(queue_id_, block.data(), msg_size_, 0, 0);
+    if (received >= 0) {
+      std::memset(block.data() + sizeof(long) + received, 0, msg_size_ - static_cast<std::size_t>(received));
+      callback_(block.data());
+      continue;
+    }
+    // An identifier that was good and is no longer known: the queue went while nobody waited on it.
+    if (errno == EIDRM || (errno == EINVAL && queue_id_ != -1)) return;
+    const int error = errno;
+    char text[128];
+    std::fprintf(stderr, "msgrcv Error：%s(%d), msgid:%d\n", strerror_r(error, text, sizeof(text)), error,
+                 queue_id_);
+  }
+}
+
+int msg_queue_send(std::uint32_t key, const void* msgp, std::size_t msgsz) {
+  const int queue = msgget(static_cast<key_t>(key), 0);
+  if (queue == -1) return errno == ENOENT ? kNoQueue : kUnusableQueue;
+  return msgsnd(queue, msgp, msgsz, IPC_NOWAIT) == 0 ? 0 : kNotSent;
+}

@@ -1,0 +1,50 @@
+// System V message queues: a receiver with a thread of its own, and the sender's side.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+// Receives the messages of one queue, one at a time, and passes each to a callback on its own thread.
+//
+// The queue is created or opened by the constructor and removed by Stop(), with whatever it still holds. A
+// queue that somebody else removes ends the thread in silence. Any other failure to receive (among them a
+// message longer than `msg_size`, which stays in the queue) is one line on standard error and another try at
+// once.
+//
+// The thread that makes the object starts and stops it.
+class MsgQueueListener {
+ public:
+  // Gets the whole block: 8 bytes of message type, then `msg_size` bytes of payload. What a shorter message
+  // lacks is zero, and the byte behind the block is a NUL, so that a text in it always ends. The block is the
+  // listener's; it holds the next message after the callback has returned. The result is ignored.
+  using Callback = int (*)(void* message);
+
+  // A failure to open the queue is not reported here; the thread will say so.
+  MsgQueueListener(std::uint32_t key, Callback callback, std::uint64_t msg_size);
+  MsgQueueListener(const MsgQueueListener&) = delete;
+  MsgQueueListener& operator=(const MsgQueueListener&) = delete;
+
+  // Starts the thread. Always 0.
+  int Start();
+  // Removes the queue and waits until the callback that may be running has returned. Always 0.
+  int Stop();
+
+ private:
+  static void* run(void* self);
+  void receive();
+
+  pthread_t thread_ = 0;  // 0: none
+  std::uint64_t msg_size_;
+  std::int32_t queue_id_;  // -1: the queue could not be had
+  std::uint32_t key_;
+  std::atomic<bool> stop_{false};
+  Callback callback_;
+};
+
+// Puts a message into the queue `key` without waiting. `msgp` points at a long, the message type, and `msgsz`
+// bytes of payload behind it. 0, or why not: 101 no such queue, 100 the queue cannot be used, 102 the message
+// cannot be put there (the queue is full, or the size is wrong). Any thread.
+int msg_queue_send(std::uint32_t key, const void* msgp, std::size_t msgsz);

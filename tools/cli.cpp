@@ -60,6 +60,15 @@ bool parse_number(std::string_view text, unsigned max, unsigned* value) {
   return true;
 }
 
+bool parse_signed(std::string_view text, std::int64_t min, std::int64_t max, std::int64_t* value) {
+  std::int64_t number = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, number);
+  if (error != std::errc() || stop != end || number < min || number > max) return false;
+  *value = number;
+  return true;
+}
+
 const char* service_name(const char* name) {
   for (const ShortName& row : kShortNames)
     if (std::strcmp(row.name, name) == 0) return row.service;
@@ -95,4 +104,18 @@ void occupy_standard_descriptors() {
   const int modes[] = {O_WRONLY, O_RDONLY, O_RDONLY};
   for (int fd = 0; fd < static_cast<int>(std::size(modes)); ++fd)
     if (fcntl(fd, F_GETFD) == -1) (void)open("/dev/null", modes[fd]);
+}
+
+const char* only_service(const Subcommand& command, int operands, char** operand) {
+  if (operands != 1) {
+    wrong_usage(command, operands < 1 ? "a service is needed" : "too many arguments");
+    return nullptr;
+  }
+  const char* name = service_name(*operand);
+  if (!can_name_socket(name)) {
+    wrong_usage(command, "not a service name (at most " + std::to_string(MAXIMUM_NAME_SIZE) +
+                             " characters; \"@\" begins an absolute path): " + name);
+    return nullptr;
+  }
+  return name;
 }

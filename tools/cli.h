@@ -4,6 +4,7 @@
 
 #include <climits>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -27,6 +28,9 @@ struct Subcommand {
 // The subcommands. Each may be called once per process, because getopt(3) keeps its place.
 extern const Subcommand kCallCommand;
 extern const Subcommand kPathCommand;
+extern const Subcommand kPostLogCommand;
+extern const Subcommand kPostNotifyCommand;
+extern const Subcommand kServeCommand;
 extern const Subcommand kWaitCommand;
 
 // Writes "ksctl: " and the text as one line to standard error; control characters, which arguments may hold,
@@ -41,6 +45,13 @@ int wrong_option(const Subcommand& command, int result, char** argv);
 
 // Stores the whole of `text` as a decimal number from 0 to `max`; false leaves *value alone.
 bool parse_number(std::string_view text, unsigned max, unsigned* value);
+
+// The same for numbers that may be negative.
+bool parse_signed(std::string_view text, std::int64_t min, std::int64_t max, std::int64_t* value);
+
+// The one operand of a subcommand as a full service name for which can_name_socket holds; null after a
+// complaint.
+const char* only_service(const Subcommand& command, int operands, char** operand);
 
 // The service that a name on the command line means: the short names "main", "mail" and "notify" are
 // replaced, any other is taken as it is. The result points to a constant or is `name` itself.

@@ -9,7 +9,8 @@
 
 namespace {
 
-const Subcommand* const kSubcommands[] = {&kCallCommand, &kWaitCommand, &kPathCommand};
+const Subcommand* const kSubcommands[] = {&kCallCommand,  &kWaitCommand,       &kPathCommand,
+                                          &kServeCommand, &kPostNotifyCommand, &kPostLogCommand};
 
 void print_usage(FILE* stream) {
   const char* lead = "usage:";

@@ -57,21 +57,6 @@ int wait_for_accept(const std::string& path, std::chrono::seconds limit) {
   }
 }
 
-// The one operand of a subcommand as a full service name; null after a complaint.
-const char* only_service(const Subcommand& command, int operands, char** operand) {
-  if (operands != 1) {
-    wrong_usage(command, operands < 1 ? "a service is needed" : "too many arguments");
-    return nullptr;
-  }
-  const char* name = service_name(*operand);
-  if (!can_name_socket(name)) {
-    wrong_usage(command, "not a service name (at most " + std::to_string(MAXIMUM_NAME_SIZE) +
-                             " characters; \"@\" begins an absolute path): " + name);
-    return nullptr;
-  }
-  return name;
-}
-
 int run_wait(int argc, char** argv) {
   const option no_long_options[] = {{nullptr, 0, nullptr, 0}};
   unsigned seconds = kDefaultSeconds;

@@ -14,3 +14,13 @@ void exec_cli_handler(ks_io* io, int extra_fd);
 
 // tool_commands.cpp: every command that does nothing but run one platform tool
 void nos_tool_command_handler(ks_io* io, int extra_fd);
+
+// identity.cpp
+void nos_get_vpd_productnamed_handler(ks_io* io, int extra_fd);
+void nos_get_vpd_eepkey_handler(ks_io* io, int extra_fd);
+void nos_get_vpd_channel_handler(ks_io* io, int extra_fd);
+void nos_get_vpd_ext_area_handler(ks_io* io, int extra_fd);
+void nos_get_platform_display_name_handler(ks_io* io, int extra_fd);
+void nos_is_generic_model_handler(ks_io* io, int extra_fd);
+void nos_system_is_TRN_model_handler(ks_io* io, int extra_fd);
+void nos_get_dispdeck_status_handler(ks_io* io, int extra_fd);

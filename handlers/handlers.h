@@ -24,3 +24,14 @@ void nos_get_platform_display_name_handler(ks_io* io, int extra_fd);
 void nos_is_generic_model_handler(ks_io* io, int extra_fd);
 void nos_system_is_TRN_model_handler(ks_io* io, int extra_fd);
 void nos_get_dispdeck_status_handler(ks_io* io, int extra_fd);
+
+// accounts.cpp
+void nos_get_all_users_handler(ks_io* io, int extra_fd);
+void nos_get_all_groups_handler(ks_io* io, int extra_fd);
+void nos_get_group_members_handler(ks_io* io, int extra_fd);
+void nos_get_sms_config_handler(ks_io* io, int extra_fd);
+
+// sessions.cpp
+void nos_vistal_auth_add_session_handler(ks_io* io, int extra_fd);
+void nos_vistal_auth_get_session_handler(ks_io* io, int extra_fd);
+void nos_get_sess_id_handler(ks_io* io, int extra_fd);

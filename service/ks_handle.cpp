@@ -8,14 +8,17 @@
 // either may be late. They meet through the producer's phase word:
 //
 //   stopper:  claims the stop (stopping 0 -> 1), wakes the producer, waits for kProducerLeft,
-//             ends each consumer, closes every descriptor of the array, sets kWorkersStopped
-//   producer: leaves its loop, sets kProducerLeft; in a blocking ks_start it then waits for kWorkersStopped,
+//             ends each consumer, sets kWorkersStopped; joins a producer on a thread of its own, releases the
+//             array and clears handle->worker
+//   producer: leaves its loop, sets kProducerLeft, waits for kWorkersStopped; in a blocking ks_start it then
 //             releases the array and clears handle->worker
 //   ks_free:  waits for handle->worker to be null
 //
 // The producer goes first because it would take a consumer process that has quit for one that has died and
-// replace it. A loop that ends by itself (its sockets are gone) makes its own thread the stopper. Waiting is
-// done on the atomics themselves; there are no locks.
+// replace it. Its thread stays to the end: the kernel kills a process that was forked to die with its parent
+// when the very thread that forked it ends, and that is the producer's for each replacement. A blocking
+// ks_start whose loop ends by itself (its sockets are gone) makes its own thread the stopper. Waiting is done
+// on the atomics themselves; there are no locks.
 
 #include <fcntl.h>
 #include <libgen.h>
@@ -206,7 +209,10 @@ void stop_workers(ks_handle* handle, ks_worker* workers) {
   shutdown(producer->sockfd[1], SHUT_RDWR);
   wait_for_phase(producer, kProducerLeft);
   for (std::uint64_t i = 0; i < handle->service_size; ++i) end_consumer(&workers[i]);
-  if (producer->type == KS_PTHREAD_MODE) pthread_join(producer->id.tid, nullptr);
+  if (producer->type == KS_PTHREAD_MODE) {
+    set_phase(producer, kWorkersStopped);
+    pthread_join(producer->id.tid, nullptr);
+  }
   close_and_forget(&producer->sockfd[1]);
   close_and_forget(&producer->pollfd);
   close_and_forget(&producer->spare_fd);
@@ -219,7 +225,9 @@ void run_producer(ks_handle* handle, ks_worker* workers) {
 
 void* standalone_producer(void* arg) {
   auto* handle = static_cast<ks_handle*>(arg);
-  run_producer(handle, worker_of(handle).load());
+  ks_worker* workers = worker_of(handle).load();
+  run_producer(handle, workers);
+  wait_for_phase(&workers[handle->service_size], kWorkersStopped);
   return nullptr;
 }
 

@@ -145,7 +145,7 @@ struct ks_worker {
 enum ks_producer_phase : std::uint32_t {
   kProducerRunning = 0,
   kProducerLeft = 1,    // the loop has ended and touches nothing any more
-  kWorkersStopped = 2,  // every consumer has ended and every descriptor is closed
+  kWorkersStopped = 2,  // every consumer has ended
 };
 
 // (Re)creates one consumer of `handle`. Called while the service starts and, for a consumer process that has

@@ -10,6 +10,8 @@
 #include <atomic>
 #include <csignal>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <utility>
 #include <vector>
 
@@ -112,6 +114,21 @@ void Service::stop() {
 
 bool Service::published() const {
   return access(path_.c_str(), F_OK) == 0;
+}
+
+bool Service::comes_to_hold(std::size_t connections) const {
+  return eventually([&] {
+    std::ifstream sockets("/proc/net/unix");
+    std::size_t found = 0;
+    for (std::string line; std::getline(sockets, line);) {
+      std::istringstream fields(line);
+      std::string skipped, inode, bound;
+      for (int i = 0; i < 6; ++i) fields >> skipped;
+      fields >> inode >> bound;
+      if (bound == path_ && inode != "0") ++found;  // not yet accepted: no inode
+    }
+    return found == connections + 1;  // and the listening one
+  });
 }
 
 Peer::Peer(const std::string& path) : fd_(socket(AF_UNIX, SOCK_STREAM, 0)) {

@@ -51,6 +51,8 @@ class Service {
   ks_handle* handle() const { return handle_; }
   const std::string& name() const { return name_; }
   bool published() const;  // whether the socket file is there
+  // Whether the service comes to hold this many connections, waiting ones included.
+  bool comes_to_hold(std::size_t connections) const;
 
  private:
   const std::string path_;

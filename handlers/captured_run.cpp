@@ -1,6 +1,7 @@
 #include "handlers/captured_run.h"
 
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -32,10 +33,20 @@ struct ProgramWaiter {
 // Holds a stream of popen_cmd.
 using UniqueProgram = std::unique_ptr<FILE, ProgramWaiter>;
 
+UniqueProgram start_piped(const std::string& path, std::vector<std::string>& arguments) {
+  return UniqueProgram(
+      popen_cmd(nullptr, nullptr, nullptr, "r", path.c_str(), pointers_to(arguments).data()));
+}
+
 }  // namespace
 
 std::string base_name(const std::string& path) {
   return path.substr(path.rfind('/') + 1);
+}
+
+int exit_status(int status) {
+  if (status == -1) return -1;
+  return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
 int run_quietly(const std::string& path, std::vector<std::string> arguments) {
@@ -62,8 +73,7 @@ std::string CapturedRun::output(std::size_t limit) const {
 
 std::optional<std::string> piped_output(const std::string& path, std::vector<std::string> arguments,
                                         std::size_t chunk_size) {
-  const UniqueProgram program(
-      popen_cmd(nullptr, nullptr, nullptr, "r", path.c_str(), pointers_to(arguments).data()));
+  const UniqueProgram program = start_piped(path, arguments);
   if (!program) return std::nullopt;
   std::string text;
   std::string chunk(chunk_size, '\0');
@@ -72,4 +82,16 @@ std::optional<std::string> piped_output(const std::string& path, std::vector<std
     text.append(chunk, 0, strnlen(chunk.data(), got));
     if (got < chunk_size) return text;
   }
+}
+
+std::optional<std::string> piped_bytes(const std::string& path, std::vector<std::string> arguments,
+                                       std::size_t limit) {
+  const UniqueProgram program = start_piped(path, arguments);
+  if (!program) return std::nullopt;
+  std::string bytes;
+  char chunk[kReadSize];
+  while (const std::size_t got = std::fread(chunk, 1, sizeof chunk, program.get())) {
+    bytes.append(chunk, std::min(got, limit - bytes.size()));
+  }
+  return bytes;
 }

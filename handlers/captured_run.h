@@ -13,8 +13,13 @@
 // called.
 std::string base_name(const std::string& path);
 
+// What is told of a program whose raw wait status is `status`: its exit status, 128 + the number of the
+// signal that killed it, as shells count, or -1 when nothing was run.
+int exit_status(int status);
+
 // Run the program at `path`, input left alone, and wait for its end. `arguments` is the whole argument
-// vector, the program's name for itself first. The environment is empty, but for piped_output. Thread-safe.
+// vector, the program's name for itself first. The environment is empty, but for the piped_ forms.
+// Thread-safe.
 
 // Its output is discarded. Returns the raw wait status, -1 when nothing could be run.
 int run_quietly(const std::string& path, std::vector<std::string> arguments);
@@ -44,3 +49,8 @@ class CapturedRun {
 // be executed has printed nothing. Nothing, with errno set, when no program can be started at all.
 std::optional<std::string> piped_output(const std::string& path, std::vector<std::string> arguments,
                                         std::size_t chunk_size);
+
+// The same, but every byte counts, NULs included, and at most `limit` bytes are kept: the rest is read, so
+// that the program can end, and dropped.
+std::optional<std::string> piped_bytes(const std::string& path, std::vector<std::string> arguments,
+                                       std::size_t limit);

@@ -6,7 +6,7 @@ namespace {
 
 constexpr CommandRow kMailCommands[] = {
     {.name = "test", .handler = nos_test_sendmail_srv_handler},
-    {.name = "sendmail", .handler = nullptr},
+    {.name = "sendmail", .handler = nos_sendmail_handler},
 };
 
 constexpr CommandRow kMainCommands[] = {
@@ -25,8 +25,9 @@ constexpr CommandRow kMainCommands[] = {
     {.name = "get_vpd_ext_area", .handler = nos_get_vpd_ext_area_handler},
     {.name = "is_generic_model", .handler = nos_is_generic_model_handler},
     {.name = "get_platform_display_name", .handler = nos_get_platform_display_name_handler},
-    {.name = "system_call_cloud_analysis_register", .handler = nullptr},
-    {.name = "system_call_cloud_analysis_send", .handler = nullptr},
+    {.name = "system_call_cloud_analysis_register",
+     .handler = nos_system_call_cloud_analysis_register_handler},
+    {.name = "system_call_cloud_analysis_send", .handler = nos_tool_command_handler},
     {.name = "system_call_cloud_analysis_flush", .handler = nos_tool_command_handler},
     {.name = "system_call_cloud_analysis_unregister", .handler = nos_tool_command_handler},
     {.name = "system_trn_smb_setfolder_priv", .handler = nos_tool_command_handler},
@@ -38,11 +39,11 @@ constexpr CommandRow kMainCommands[] = {
     {.name = "get_all_users", .handler = nos_get_all_users_handler},
     {.name = "get_all_groups", .handler = nos_get_all_groups_handler},
     {.name = "get_group_members", .handler = nos_get_group_members_handler},
-    {.name = "system_call_nc_notify", .handler = nullptr},
-    {.name = "system_get_tiermount_cloud_usage", .handler = nullptr},
+    {.name = "system_call_nc_notify", .handler = nos_system_call_nc_notify_handler},
+    {.name = "system_get_tiermount_cloud_usage", .handler = nos_system_get_tiermount_cloud_usage_handler},
     {.name = "is_trn_model", .handler = nos_system_is_TRN_model_handler},
     {.name = "update_ip_ban_list", .handler = nullptr},
-    {.name = "notify_return", .handler = nullptr},
+    {.name = "notify_return", .handler = nos_return_handler},
     {.name = "read_hwsn", .handler = nullptr},
     {.name = "system_call_cloud_get_device_list", .handler = nullptr},
     {.name = "system_call_cloud_get_kid_service", .handler = nullptr},

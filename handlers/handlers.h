@@ -15,6 +15,19 @@ void exec_cli_handler(ks_io* io, int extra_fd);
 // tool_commands.cpp: every command that does nothing but run one platform tool
 void nos_tool_command_handler(ks_io* io, int extra_fd);
 
+// sendmail.cpp
+void nos_sendmail_handler(ks_io* io, int extra_fd);
+
+// analytics.cpp
+void nos_system_call_cloud_analysis_register_handler(ks_io* io, int extra_fd);
+
+// notify.cpp
+void nos_system_call_nc_notify_handler(ks_io* io, int extra_fd);
+void nos_return_handler(ks_io* io, int extra_fd);
+
+// cloud_usage.cpp
+void nos_system_get_tiermount_cloud_usage_handler(ks_io* io, int extra_fd);
+
 // identity.cpp
 void nos_get_vpd_productnamed_handler(ks_io* io, int extra_fd);
 void nos_get_vpd_eepkey_handler(ks_io* io, int extra_fd);

@@ -9,20 +9,15 @@
 #include <vector>
 
 #include "common/json_param.h"
-#include "common/rdconf.h"
+#include "handlers/analytics_tool.h"
 #include "handlers/captured_run.h"
 #include "handlers/handler.h"
 #include "handlers/handlers.h"
+#include "handlers/package_config.h"
 
 namespace {
 
-constexpr char kPackageConfig[] = "/etc/config/kpkg.conf";
-constexpr char kPackageSection[] = "VistalServer";
-// The key that holds the path of the application package's control script.
-constexpr char kControlScriptKey[] = "Shell";
-
 constexpr char kShareGuard[] = "/sbin/share_guard";
-constexpr char kAnalyticsTool[] = "/usr/local/bin/kanalytic_tool";
 constexpr char kShareUpdateScript[] = "/etc/init.d/vistal_smb_update.sh";
 
 // One argument of a program: fixed, or the request's parameter of that number. Empty slots end the list.
@@ -38,12 +33,16 @@ constexpr Argument param(int number) {
   return Argument(number);
 }
 
+// One for each parameter of a request; as many as any command has.
+template <typename Text>
+using Texts = std::array<Text, 4>;
+
 struct ToolCommand {
   const char* command;
   const char* log_name;
-  std::array<const char*, 3> params;  // all texts, in the order in which they are read
-  const char* program;                // null: the package's control script
-  std::array<Argument, 4> args;
+  Texts<const char*> params;  // all texts, in the order in which they are read
+  const char* program;        // null: the package's control script
+  std::array<Argument, 7> args;
 };
 
 constexpr ToolCommand kToolCommands[] = {
@@ -62,6 +61,11 @@ constexpr ToolCommand kToolCommands[] = {
      .params = {},
      .program = nullptr,
      .args = {"force_stop"}},
+    {.command = "system_call_cloud_analysis_send",
+     .log_name = "nos_system_call_cloud_analysis_send_handler",
+     .params = {"provide_id", "command", "record_type", "record_text"},
+     .program = kAnalyticsTool,
+     .args = {param(1), "-p", param(0), "-r", param(2), "-e", param(3)}},
     {.command = "system_call_cloud_analysis_flush",
      .log_name = "nos_system_call_cloud_analysis_flush_handler",
      .params = {"provide_id", "command"},
@@ -96,11 +100,11 @@ const ToolCommand& find_row(std::string_view command) {
   return *row;
 }
 
-Outcome run_tool(const ToolCommand& row, const std::array<std::string, 3>& values) {
+Outcome run_tool(const ToolCommand& row, const Texts<std::string>& values) {
   std::string program;
   if (row.program != nullptr) {
     program = row.program;
-  } else if (!rdconf_value(kPackageConfig, kPackageSection, kControlScriptKey, &program)) {
+  } else if (!package_control_script(&program)) {
     return Outcome::failure;
   }
   std::vector<std::string> arguments = {base_name(program)};
@@ -118,7 +122,7 @@ Outcome run_tool(const ToolCommand& row, const std::array<std::string, 3>& value
 
 void nos_tool_command_handler(ks_io* io, int) {
   const ToolCommand& row = find_row(io->request_name);
-  std::array<std::string, 3> values;
+  Texts<std::string> values;
   const auto action = [&](Json::Value&) { return run_tool(row, values); };
   if (row.params[0] == nullptr) return handle_bare_request(io, row.log_name, action);
   Params params;

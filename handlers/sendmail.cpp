@@ -1,0 +1,118 @@
+// `sendmail`, on the mail service: hands a mail that the client has left in the staging directory to the
+// system's mail program.
+//
+//   request  {"user": text, "pwd": text, "config_file": name, "content_file": name}
+//   runs     /usr/sbin/sendmail -C CONFIG -t                    reading the content, when user or pwd is
+//   empty
+//            /usr/sbin/sendmail -auUSER -auPWD -C CONFIG -t     reading the configuration file, else
+//   reply    {"result": n}: the program's exit status, 128 + its signal, or -1 when it was not run
+//
+// Afterwards both files are moved to the scratch directory, beside the program's output and a record of the
+// send. All four belong to the last mail: with several under way at once the last writer wins. The password
+// appears in the record and in the program's command line, and must not appear in the log.
+#include <cstddef>
+#include <cstdio>
+#include <string>
+
+#include "common/log.h"
+#include "common/process.h"
+#include "common/text.h"
+#include "handlers/captured_run.h"
+#include "handlers/debug_record.h"
+#include "handlers/handler.h"
+#include "handlers/handlers.h"
+
+namespace {
+
+constexpr char kLogName[] = "nos_sendmail_handler";
+
+constexpr char kMailProgram[] = "/usr/sbin/sendmail";
+constexpr char kStagingDir[] = "/tmp/vistalsurveillance_sendmail";
+constexpr char kOutputLog[] = "/tmp/.vistalsurveillance_log/sendmail.log";
+constexpr char kLastConfig[] = "/tmp/.vistalsurveillance_log/sendmail.conf";
+constexpr char kLastContent[] = "/tmp/.vistalsurveillance_log/sendmail.content";
+constexpr char kDebugRecord[] = "/tmp/.vistalsurveillance_log/sendmail.dbg";
+
+// Bytes, terminators included.
+constexpr std::size_t kPathSize = 256;
+constexpr std::size_t kCredentialSize = 64;
+
+// The record and the log have a place for command texts, from when the mail went through a shell. Readers of
+// both expect the lines.
+constexpr char kNoCommand[] = "";
+
+struct Mail {
+  std::string user;
+  std::string password;
+  std::string config_path;
+  std::string content_path;
+};
+
+// The name is not looked at: one with ".." in it leads out of the directory, as it always has.
+std::string staged(const std::string& name) {
+  return format_bounded(kPathSize, "%s/%s", kStagingDir, name.c_str());
+}
+
+// Returns the raw wait status.
+int run_mail_program(const Mail& mail) {
+  const char* const config = mail.config_path.c_str();
+  if (mail.user.empty() || mail.password.empty()) {
+    return exec_cmd_stdio_args(mail.content_path.c_str(), kOutputLog, kOutputLog, nullptr, kMailProgram, "-C",
+                               config, "-t", nullptr);
+  }
+  // Twice the same option, and the configuration as input: clients that authenticate write their files so.
+  const std::string user = format_bounded(kCredentialSize, "-au%s", mail.user.c_str());
+  const std::string password = format_bounded(kCredentialSize, "-au%s", mail.password.c_str());
+  return exec_cmd_stdio_args(config, kOutputLog, kOutputLog, nullptr, kMailProgram, user.c_str(),
+                             password.c_str(), "-C", config, "-t", nullptr);
+}
+
+// Empties the staging directory of this mail. A file that is not there to be moved has been missed before,
+// by the mail program.
+void keep_files(const Mail& mail) {
+  std::rename(mail.config_path.c_str(), kLastConfig);
+  std::rename(mail.content_path.c_str(), kLastContent);
+}
+
+void write_record(const Mail& mail, int result) {
+  const UniqueStream record = open_debug_record(kDebugRecord);
+  if (!record) return;
+  std::fprintf(record.get(), "str_usr=[%s]\n", mail.user.c_str());
+  std::fprintf(record.get(), "str_pwd=[%s]\n", mail.password.c_str());
+  std::fprintf(record.get(), "str_conf_path=[%s]\n", mail.config_path.c_str());
+  std::fprintf(record.get(), "str_content_path=[%s]\n", mail.content_path.c_str());
+  std::fprintf(record.get(), "str_cmd_sendmail=[%s]\n", kNoCommand);
+  std::fprintf(record.get(), "str_cmd_rm=[%s]\n", kNoCommand);
+  std::fprintf(record.get(), "ret_val=[%d]\n", result);
+}
+
+void write_log(const Mail& mail, int result) {
+  LOG_AT(kLogName, "str_conf_path=[%s].", mail.config_path.c_str());
+  LOG_AT(kLogName, "str_content_path=[%s].", mail.content_path.c_str());
+  LOG_AT(kLogName, "str_cmd_sendmail=[%s].", kNoCommand);
+  LOG_AT(kLogName, "ret_val=[%d].\n", result);  // the empty line ends a mail's lines
+}
+
+}  // namespace
+
+void nos_sendmail_handler(ks_io* io, int) {
+  std::string user;
+  std::string password;
+  std::string config_file;
+  std::string content_file;
+  const Params params = {
+      {"user", &user}, {"pwd", &password}, {"config_file", &config_file}, {"content_file", &content_file}};
+  handle_request(io, kLogName, params, [&](Json::Value& reply) {
+    const Mail mail = {.user = user,
+                       .password = password,
+                       .config_path = staged(config_file),
+                       .content_path = staged(content_file)};
+    LOG_AT(kLogName, "exec sendmail start.");
+    const int result = exit_status(run_mail_program(mail));
+    keep_files(mail);
+    reply["result"] = result;
+    write_record(mail, result);
+    write_log(mail, result);
+    return Outcome::own;
+  });
+}

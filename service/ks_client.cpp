@@ -85,15 +85,15 @@ std::int64_t now_ms() {
   return std::int64_t{now.tv_sec} * kMillisecondsPerSecond + now.tv_usec / 1000;
 }
 
-// Repeats ks_epoll_perform until the request has finished or its time is over. What is subtracted is each
-// time the whole time since the start, so the budget shrinks faster than the clock runs; callers know it so.
-int perform_within(ks_epoll* epoll, std::int64_t start, std::int64_t budget) {
-  int status = KS_STATUS_OK;
+// Repeats ks_epoll_perform until the request has finished (true) or its time is over (false, with the status
+// of the last step). What is subtracted is each time the whole time since the start, so the budget shrinks
+// faster than the clock runs; callers know it so.
+bool perform_within(ks_epoll* epoll, std::int64_t start, std::int64_t budget, int* status) {
   while (true) {
     const auto limit = static_cast<std::uint32_t>(std::min<std::int64_t>(budget, UINT32_MAX));
-    if (ks_epoll_perform(epoll, limit, &status) != nullptr) return status;
+    if (ks_epoll_perform(epoll, limit, status) != nullptr) return true;
     const std::int64_t elapsed = now_ms() - start;
-    if (elapsed >= budget) return status;
+    if (elapsed >= budget) return false;
     budget -= elapsed;
   }
 }
@@ -199,11 +199,13 @@ int ks_call(const char* name, const char* request_name, ks_io* io, uint32_t time
   ks_epoll* epoll = ks_epoll_create();
   const std::int64_t start = now_ms();
   int status = ks_epoll_call(epoll, name, request_name, io, extra_fd);
+  bool finished = false;
   if (status == KS_STATUS_OK) {
     const std::int64_t budget = std::max(timeout_s, kLeastTimeoutSeconds) * kMillisecondsPerSecond;
-    status = perform_within(epoll, start, budget);
+    finished = perform_within(epoll, start, budget, &status);
   }
-  if (status != KS_STATUS_OK) empty_record(io);
+  // Without a reply nothing may be left that looks like one, the request's own mapping least of all.
+  if (!finished || status != KS_STATUS_OK) empty_record(io);
   ks_epoll_free(epoll);
   return status;
 }

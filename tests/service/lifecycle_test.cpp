@@ -189,7 +189,8 @@ TEST_F(ServiceTest, AProcessRunsWithTheEnvironmentOfItsClient) {
   waitpid(client, nullptr, 0);
 }
 
-TEST_F(ServiceTest, AProcessDoesNotOutliveItsParent) {
+TEST_F(ServiceTest, AProcessAtWorkDoesNotOutliveItsParent) {
+  const Line work = make_line();
   prctl(PR_SET_CHILD_SUBREAPER, 1);
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
@@ -198,6 +199,9 @@ TEST_F(ServiceTest, AProcessDoesNotOutliveItsParent) {
     Service service(path(), KS_STANDALONE | KS_PROCESS_MODE, 1);
     service.start();
     const pid_t worker = std::stoi(call(service.name(), "worker").text);
+    std::thread([&] { call(service.name(), "hold", "", work.theirs); }).detach();
+    char started;
+    if (read(work.ours, &started, 1) != 1) return;
     if (write(theirs, &worker, sizeof(worker)) > 0) kill(getpid(), SIGKILL);
   });
   EXPECT_EQ(parent.status, SIGKILL);

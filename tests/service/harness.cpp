@@ -48,7 +48,8 @@ std::string perform(const std::string& request, ks_io* io, const std::string& bo
   if (request == "die") kill(getpid(), SIGKILL);
   if (request.rfind("wire", 0) == 0) {
     if (write(kControlSocket, body.data(), body.size()) < 0) return "no control socket";
-    readable(kControlSocket, kPatienceMs);
+    // Nothing may be appended to a short record.
+    if (body.size() < sizeof(directive)) readable(kControlSocket, kPatienceMs);
   }
   return request;
 }

@@ -23,7 +23,7 @@
 //   "hold"    sends a byte on the extra descriptor, waits for one, then echoes
 //   "leave"   releases the request without a reply
 //   "die"     kills its own process
-//   "wire N"  (process kind) writes the N bytes of the body on its control socket, then waits for its end
+//   "wire"    (process kind) writes the body on its control socket
 // Any other name is the reply.
 void answer(const char* request_name, ks_io* io, int extra_fd);
 

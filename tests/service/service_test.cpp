@@ -76,9 +76,7 @@ TEST_F(ServiceTest, WaitingClientsAreTakenInOrderAndMayLeave) {
   peers[1].leave();
   peers[4].leave();
   ASSERT_TRUE(service.comes_to_hold(4));
-  constexpr struct {
-    std::size_t served, next;
-  } kTurns[] = {{0, 2}, {2, 3}, {3, 5}};
+  constexpr struct { std::size_t served, next; } kTurns[] = {{0, 2}, {2, 3}, {3, 5}};
   for (const auto& turn : kTurns) {
     for (const Peer& peer : peers) EXPECT_TRUE(peer.fd() < 0 || peer.quiet());
     peers[turn.served].leave();

@@ -86,7 +86,6 @@ bool send_descriptor(int sockfd, int fd) {
 }
 
 int receive_descriptor(int sockfd, int timeout_ms) {
-  if (!wait_readable(sockfd, timeout_ms)) return -1;
   char byte = 0;
   iovec payload{.iov_base = &byte, .iov_len = 1};
   alignas(cmsghdr) char control[kControlSize] = {};
@@ -97,8 +96,8 @@ int receive_descriptor(int sockfd, int timeout_ms) {
   message.msg_controllen = sizeof(control);
   ssize_t got;
   do {
-    got = recvmsg(sockfd, &message, 0);
-  } while (got < 0 && errno == EINTR);
+    got = recvmsg(sockfd, &message, MSG_DONTWAIT);  // as a rule it is there already
+  } while (got < 0 && (errno == EINTR || (errno == EAGAIN && wait_readable(sockfd, timeout_ms))));
   if (got < 1 || message.msg_controllen < kControlMinimum) return -1;
   const int fd = take_first_descriptor(&message);
   if ((message.msg_flags & MSG_CTRUNC) != 0) {

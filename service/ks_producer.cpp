@@ -145,13 +145,12 @@ void queue_client(Producer& p, int client) {
   if (entry == nullptr) return shutdown_and_forget(&client);
   entry->type = CLIENT_SOCK;
   entry->sockfd = client;
-  if (!ks_poll_add(p.self->pollfd, client, kWatchLoss, {.ptr = entry})) {
-    std::free(entry);
-    return shutdown_and_forget(&client);
-  }
   append(&p.self->queue, entry);
   ++p.waiting;
   dispatch(p);
+  // Watched only when it has to wait: most clients are handed over at once.
+  if (entry->sockfd != client) return;
+  if (!ks_poll_add(p.self->pollfd, client, kWatchLoss, {.ptr = entry})) drop_client(p, entry);
 }
 
 void accept_client(Producer& p) {

@@ -63,10 +63,13 @@ bool can_serve(int memfd) {
   struct statfs system {};
   if (fstat(memfd, &status) != 0 || !S_ISREG(status.st_mode)) return false;
   if (fstatfs(memfd, &system) != 0 || system.f_type != TMPFS_MAGIC) return false;
-  // Sealed against further seals first, so that what is read next stays true. Fails harmlessly if it is
-  // already.
-  fcntl(memfd, F_ADD_SEALS, F_SEAL_SEAL);
-  const int seals = fcntl(memfd, F_GET_SEALS);
+  // Sealed against further seals, as a memory file is unless its maker asked otherwise: what is read here
+  // stays true.
+  int seals = fcntl(memfd, F_GET_SEALS);
+  if (seals != -1 && (seals & F_SEAL_SEAL) == 0) {
+    fcntl(memfd, F_ADD_SEALS, F_SEAL_SEAL);
+    seals = fcntl(memfd, F_GET_SEALS);
+  }
   constexpr int kForbidding = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_FUTURE_WRITE;
   return seals != -1 && (seals & F_SEAL_SEAL) != 0 && (seals & kForbidding) == 0;
 }

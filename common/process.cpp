@@ -149,9 +149,11 @@ UniqueFd open_input(const char* path) {
   return UniqueFd(open(path, O_RDONLY | O_CLOEXEC));
 }
 
+// A link is not followed: outputs are named in directories where others create files too, and a link planted
+// there could lead to any file of the machine.
 UniqueFd open_output(const char* path) {
   if (path == nullptr) return UniqueFd(open(kNull, O_WRONLY | O_CLOEXEC));
-  return UniqueFd(open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0774));
+  return UniqueFd(open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0774));
 }
 
 // Both streams through one open file: with two, each would overwrite what the other wrote.

@@ -19,7 +19,6 @@
 
 #include "common/log.h"
 #include "common/process.h"
-#include "common/rdconf.h"
 #include "common/text.h"
 #include "daemon/crash_handler.h"
 #include "daemon/dispatch.h"
@@ -27,14 +26,12 @@
 #include "daemon/event_relay.h"
 #include "daemon/msg_queue_listener.h"
 #include "daemon/reentry.h"
+#include "handlers/package_config.h"
 #include "handlers/service_names.h"
 #include "service/ks.h"
 
 namespace {
 
-constexpr char kPackageConfig[] = "/etc/config/kpkg.conf";
-constexpr char kPackageSection[] = "VistalServer";
-constexpr char kInstallPathKey[] = "Install_Path";
 constexpr std::size_t kLogDirSize = 256;
 
 constexpr std::uint64_t kMainWorkers = 2;
@@ -114,7 +111,7 @@ void start_detached(void* (*entry)(void*)) {
 
 void set_up_log() {
   std::string install_path;
-  if (!rdconf_value(kPackageConfig, kPackageSection, kInstallPathKey, &install_path)) {
+  if (!package_install_path(&install_path)) {
     std::fprintf(stderr, "[%s][%d] get Install_Path fail.", "main", __LINE__);
     std::exit(kExitRefused);
   }

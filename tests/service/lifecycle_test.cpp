@@ -68,16 +68,22 @@ TEST_P(Lifecycle, StopWaitsForTheRequestInWorkAndDropsWhoWaits) {
   second.get();
 }
 
-TEST_P(Lifecycle, StopIsHeldUpByAWithheldDescriptorForABoundedTimeOnly) {
-  Service service(path(), GetParam(), 1);
-  service.start();
-  const Peer peer(path());
-  ASSERT_EQ(peer.next(), KS_DIR_ASK);
-  peer.send_record(KS_DIR_REQUEST, 0, "echo");
+TEST_F(ServiceTest, StopIsHeldUpByAWithheldDescriptorForABoundedTimeOnly) {
+  Service threads(in_dir("t"), KS_STANDALONE | KS_PTHREAD_MODE, 1);
+  Service processes(in_dir("p"), KS_PROCESS_MODE, 1);
+  processes.start();
+  threads.start();
+  const Peer peers[] = {Peer(in_dir("t")), Peer(in_dir("p"))};
+  for (const Peer& peer : peers) {
+    ASSERT_EQ(peer.next(), KS_DIR_ASK);
+    peer.send_record(KS_DIR_REQUEST, 0, "echo");
+  }
   const auto start = std::chrono::steady_clock::now();
-  service.stop();
+  auto other = std::async(std::launch::async, [&] { processes.stop(); });
+  threads.stop();
+  other.get();
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8));
-  EXPECT_TRUE(peer.ends());
+  for (const Peer& peer : peers) EXPECT_TRUE(peer.ends());
 }
 
 TEST_P(Lifecycle, ManyRunsEndedFromAnotherThread) {

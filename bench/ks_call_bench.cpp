@@ -5,12 +5,11 @@
 // another, and the counters compare the medians and the totals of the two. Servers are processes of their
 // own, forked before this one has threads.
 //
-//   call/BODY       an echo through the framework against the floor (bench/floor.h), the client filling the
-//   file
-//                   in both, the server reading and rewriting it in both
-//   untouched/BODY  a callback that looks at nothing, with a body prepared beforehand, against the same
-//   without
-//                   a body: 1.0 when the framework itself touches no byte
+//   call/BODY       an echo through the framework against the floor (bench/floor.h): in both the client fills
+//                   the file and the server reads and rewrites it
+//   untouched/BODY  a callback that looks at nothing, with a body prepared beforehand, against the same with
+//   a
+//                   body of one page: 1.0 when the framework itself touches no byte
 //   waiting/COUNT   what clients in the queue of a busy service cost its process
 #include <benchmark/benchmark.h>
 #include <malloc.h>
@@ -25,11 +24,11 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <numeric>
 #include <string>
 #include <vector>
 
 #include "bench/floor.h"
+#include "bench/ratio.h"
 #include "bench/server_process.h"
 #include "service/ks.h"
 
@@ -142,12 +141,6 @@ double seconds_for(Action&& action) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
 }
 
-double median(std::vector<double> values) {
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
-}
-
 // Times `base` and `subject` in turns, as long as the benchmark runs, and sets its counters.
 template <typename Base, typename Subject>
 void compare(benchmark::State& state, Base&& base, Subject&& subject) {
@@ -158,11 +151,7 @@ void compare(benchmark::State& state, Base&& base, Subject&& subject) {
     subjects.push_back(seconds_for(subject));
     state.SetIterationTime(subjects.back());
   }
-  const auto total = [](const std::vector<double>& v) { return std::accumulate(v.begin(), v.end(), 0.0); };
-  state.counters["base_us"] = median(bases) * 1e6;
-  state.counters["this_us"] = median(subjects) * 1e6;
-  state.counters["ratio"] = median(subjects) / median(bases);
-  state.counters["ratio_totals"] = total(subjects) / total(bases);
+  report_ratio(state, bases, subjects);
 }
 
 void full_call(benchmark::State& state) {

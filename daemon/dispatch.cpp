@@ -81,20 +81,24 @@ ParkedRequests& parked_requests() {
   return *requests;
 }
 
+// Opened once, so that standard output always has somewhere to go back to, whatever descriptors are left.
+int null_device() {
+  static const int fd = open(kNullDevice, O_RDWR | O_CLOEXEC);
+  return fd;
+}
+
 // Makes the client's descriptor standard output and closes its number, which until take_back_stdout stays
 // occupied by a stand-in: the second close there must not hit a descriptor that another request has opened
 // meanwhile.
 void lend_stdout(int extra_fd) {
   if (extra_fd < 0) return;
   dup2(extra_fd, STDOUT_FILENO);
-  const UniqueFd stand_in(open(kNullDevice, O_RDONLY | O_CLOEXEC));
-  if (stand_in) dup3(stand_in.get(), extra_fd, O_CLOEXEC);
+  dup3(null_device(), extra_fd, O_CLOEXEC);
 }
 
 void take_back_stdout(int extra_fd) {
-  if (std::freopen(kNullDevice, "w", stdout) == nullptr) {
-    LOG_AT("take_back_stdout", "reopen %s failed.", kNullDevice);
-  }
+  // A failed freopen has closed descriptor 1, which the next socket would then be given.
+  if (std::freopen(kNullDevice, "w", stdout) == nullptr) dup2(null_device(), STDOUT_FILENO);
   if (extra_fd >= 0) close(extra_fd);
 }
 

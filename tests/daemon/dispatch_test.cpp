@@ -134,8 +134,10 @@ TEST_F(Dispatch, StandardOutputIsTheClientsDescriptorAndThenTheNullDevice) {
 TEST_F(Dispatch, AClientThatLeavesDuringItsRequestCostsNothing) {
   const StandIn tool("/etc/init.d/vistalserver.sh");
   tool.plays("delay 100\n");
-  { const Unanswered client(kMain, "system_call_share_folder_renew"); }
-  EXPECT_TRUE(eventually([&] { return tool.calls().size() == 1; }));
+  {
+    const Unanswered client(kMain, "system_call_share_folder_renew");
+    EXPECT_TRUE(eventually([&] { return tool.calls().size() == 1; }));
+  }
   EXPECT_EQ(call(kMain, "test").status, KS_STATUS_OK);
   tool.forget();
 }

@@ -22,10 +22,23 @@ namespace {
 constexpr auto kPatience = std::chrono::seconds(10);
 constexpr auto kPause = std::chrono::milliseconds(2);
 
+// Two producers, two and five workers.
+constexpr std::size_t kPollSets = 9;
+
 std::unique_ptr<Daemon> suite_daemon;
 
 bool accepts(const char* service) {
   return Process("ksctl", {"wait", service}).wait() == 0;
+}
+
+// Workers open their poll sets after the socket accepts already.
+std::size_t poll_set_count(pid_t pid) {
+  std::size_t count = 0;
+  for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
+    std::error_code gone;
+    if (fs::read_symlink(entry.path(), gone) == "anon_inode:[eventpoll]") ++count;
+  }
+  return count;
 }
 
 std::string unescape(const std::string& text) {
@@ -112,6 +125,7 @@ int Process::wait() {
 Daemon::Daemon() : process_("vistalprod") {
   EXPECT_TRUE(accepts(kMain));
   EXPECT_TRUE(accepts(kMail));
+  EXPECT_TRUE(eventually([this] { return poll_set_count(pid()) == kPollSets; }));
 }
 
 int Daemon::stop() {

@@ -212,7 +212,8 @@ TEST_P(Hostile, CostsItsOwnConnectionOnly) {
     EXPECT_EQ(done, row.served);
     EXPECT_EQ(call(service.name(), "echo", "next"), (Reply{KS_STATUS_OK, "next"}));
     EXPECT_EQ(call(service.name(), "worker"), worker);
-    EXPECT_EQ(open_when_idle(), open);
+    // A close on another thread may still be under way; a leak stays.
+    EXPECT_TRUE(eventually([&] { return open_when_idle() == open; }));
   }
 }
 

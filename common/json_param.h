@@ -25,7 +25,7 @@ void parser_param_from_json_str(const Json::Value& root, const std::string& key,
 // number without a fraction), "bool", "double" or "Others" (absent, null, array, object).
 void json_value_type_name(const Json::Value& root, const std::string& key, std::string* name);
 
-// Parses `text`, comments allowed and collected, into `*root`. False when it is not JSON; `*errors`, when
+// Parses `text`, comments allowed, into `*root`. False when it is not JSON; `*errors`, when
 // given, is then the reader's account for people.
 bool json_parse(const std::string& text, Json::Value* root, std::string* errors = nullptr);
 

@@ -12,8 +12,10 @@
 
 namespace {
 
-// Longer bodies are cut here, so that no client can make the daemon hold more than this and its parsed form.
-constexpr std::size_t kMaxRequestText = 16 * 1024 * 1024;
+// Longer bodies are cut here, and are then no JSON as a rule: parsed values take up to fifty times the memory
+// of their text, and a client shall not be able to use up the appliance's. The longest known body is a list of
+// addresses of some hundred kilobytes.
+constexpr std::size_t kMaxRequestText = 4 * 1024 * 1024;
 constexpr std::size_t kReadSize = 16 * 1024;
 
 void refuse(Json::Value& reply, const char* message) {

@@ -1,14 +1,14 @@
 // The one skeleton of all command handlers: request text -> JSON -> typed parameters -> action -> reply.
 //
 // A handler is a function that the dispatcher calls on a thread of its own with the request and the client's
-// descriptor (whose number is closed by then: standard output stands for it). It is written as
+// descriptor (whose number means nothing by then: standard output stands for it). It is written as
 //
 //     void nos_get_something_handler(ks_io* io, int) {
 //       std::string user;
 //       std::int32_t type = 0;
-//       handle_request(io, "nos_get_something_handler", {{"user", &user}, {"type", &type}}, [&](Json::Value&
-//       reply) {
-//         ...                                     // act on user and type; add what the reply carries besides
+//       const Params params = {{"user", &user}, {"type", &type}};
+//       handle_request(io, "nos_get_something_handler", params, [&](Json::Value& reply) {
+//         ...                           // act on user and type; add what the reply carries besides
 //         return Outcome::success;
 //       });
 //     }
@@ -54,7 +54,7 @@ void handle_request(ks_io* io, const char* log_name, const Params& params, const
 // Runs a handler without parameters: the body is not looked at.
 void handle_bare_request(ks_io* io, const char* log_name, const Action& action);
 
-// The request's body up to its first NUL, and at most its first 16 MiB (kMaxRequestText). Throws
+// The request's body up to its first NUL, and at most its first 4 MiB (kMaxRequestText). Throws
 // std::logic_error when there is no body. Reads through the descriptor: the client can shrink the file under
 // a mapping.
 std::string read_request_text(ks_io* io);

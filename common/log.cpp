@@ -66,7 +66,10 @@ int log_set_dir(const char* dir) {
   struct stat info {};
   if (stat(dir, &info) != 0) {
     const int result = mkdir(dir, 0775);
-    if (result != 0) std::printf("Error mkdir [%s] failed ret=%d\n", dir, result);
+    if (result != 0) {
+      std::printf("Error mkdir [%s] failed ret=%d\n", dir, result);
+      std::fflush(stdout);  // standard output is lent to clients later, who must not find this in it
+    }
   }
   std::snprintf(g_log_dir, sizeof g_log_dir, "%s", dir);
   std::snprintf(g_log_path, sizeof g_log_path, "%s/%s", g_log_dir, kFileName);

@@ -198,6 +198,7 @@ void free_all_obj() {
 int main(int argc, char** argv) {
   unsetenv("LD_LIBRARY_PATH");  // the package's libraries are not for the platform's programs
   occupy_standard_descriptors();
+  std::signal(SIGCHLD, SIG_DFL);  // a starter that ignores it would have the kernel swallow every exit status
   set_up_log();
   LOG_AT("main", "nxe-ks-vistalprod start, Server:%s.", kMainServiceName);
   if (check_reentry(argv[0])) {

@@ -49,8 +49,7 @@ extern "C" {
 #define KS_HANDLE_MAGIC 0x6B53562Du
 #define KS_EPOLL_MAGIC 0x6B45562Du
 
-// ---- Requests
-// ------------------------------------------------------------------------------------------------
+// ---- Requests ---------------------------------------------------------------------------------------------
 
 // One request in flight. On the service side it arrives filled; on the client side ks_io_create makes an
 // empty one. The fields are for reading; the operations below change them.
@@ -122,8 +121,7 @@ int ks_io_dup3(ks_io* io, int newfd, int flags);
 FILE* ks_io_fopen(ks_io* io, const char* mode);
 FILE* ks_io_freopen(ks_io* io, const char* mode, FILE* stream);
 
-// ---- Services
-// ------------------------------------------------------------------------------------------------
+// ---- Services ---------------------------------------------------------------------------------------------
 
 // Mode bits: exactly one of the two kinds of worker, with or without KS_STANDALONE.
 #define KS_STANDALONE 1u    // ks_start puts the producer on a thread of its own and returns at once
@@ -168,8 +166,9 @@ void ks_worker_init(ks_handle* handle, ks_hook_fn fn, void* arg);
 void ks_worker_fini(ks_handle* handle, ks_hook_fn fn, void* arg);
 
 // Publishes the socket and starts the workers. SIGPIPE is ignored in the whole process from here on. With
-// KS_STANDALONE returns at once; otherwise this thread is the producer until the service ends. `worker`
-// becomes non-null once the service can be stopped, and null again when all of it is gone.
+// KS_STANDALONE returns at once; otherwise this thread is the producer until the service ends. `worker` becomes
+// non-null once the service can be stopped, and null again when all of it is gone. Worker processes are killed
+// when the thread that made them ends: with KS_STANDALONE | KS_PROCESS_MODE that is this one.
 void ks_start(ks_handle* handle);
 
 // Refuse and accept new connections; clients already waiting are served all the same. Any thread.
@@ -188,8 +187,7 @@ void ks_free(ks_handle* handle);
 // on the socket for every process that may hold a copy of it. Returns 0.
 int ks_reply(ks_io* io);
 
-// ---- Clients
-// -------------------------------------------------------------------------------------------------
+// ---- Clients ----------------------------------------------------------------------------------------------
 
 enum {
   KS_STATUS_OK = 0,       // reply received (from ks_epoll_perform also: sent, still pending)
@@ -232,8 +230,7 @@ void ks_epoll_cancel(ks_epoll* epoll, ks_io* io);
 // Releases the poll set; the records stay the caller's.
 void ks_epoll_free(ks_epoll* epoll);
 
-// ---- Signals
-// -------------------------------------------------------------------------------------------------
+// ---- Signals ----------------------------------------------------------------------------------------------
 
 // Signal numbers are 1 to MAX_SIGNAL_SIZE - 1.
 #define MAX_SIGNAL_SIZE 32

@@ -15,8 +15,7 @@
 #include "service/directive.h"
 #include "service/ks.h"
 
-// ---- Fatal errors
-// --------------------------------------------------------------------------------------------
+// ---- Fatal errors -----------------------------------------------------------------------------------------
 
 // Prints "[ABORT] @<operation>() <description>: `<condition>'" as one line on standard error and aborts.
 [[noreturn]] void ks_abort(const char* operation, const char* condition, const char* description, ...)
@@ -31,8 +30,7 @@ inline constexpr char kHandleCondition[] =
 // Whether `record` is non-null and begins with `magic`. Reads the first four bytes only.
 bool ks_has_magic(const void* record, std::uint32_t magic);
 
-// ---- Descriptors
-// ---------------------------------------------------------------------------------------------
+// ---- Descriptors ------------------------------------------------------------------------------------------
 
 // Sets bit 1 of the descriptor's status flags; false when fcntl fails. In spite of its name it leaves the
 // descriptor inheritable: programs that the process starts see the framework's sockets, and always have.
@@ -63,8 +61,7 @@ void close_and_forget(int* fd);
 // The same after shutdown(SHUT_RDWR): the conversation ends even if another process holds a copy.
 void shutdown_and_forget(int* fd);
 
-// ---- Names
-// ---------------------------------------------------------------------------------------------------
+// ---- Names ------------------------------------------------------------------------------------------------
 
 // Copies `text` into a buffer of `size` bytes, cutting what does not fit; always ends it with a NUL.
 void ks_copy_text(char* buffer, std::size_t size, const char* text);
@@ -80,8 +77,7 @@ void ks_socket_path(const char* name, char (&path)[kSockFileSize], const char* o
 // The address of a socket path; bind and connect take the whole structure.
 sockaddr_un ks_socket_address(const char* path);
 
-// ---- Requests
-// ------------------------------------------------------------------------------------------------
+// ---- Requests ---------------------------------------------------------------------------------------------
 
 // Seeks the memory file to its end and maps all of it (nothing for an empty file). False when it cannot be
 // mapped; then nothing is.
@@ -93,8 +89,7 @@ void ks_io_shm(ks_io* io);
 // Unmaps, closes the memory file and forgets it.
 void ks_io_drop_shm(ks_io* io);
 
-// ---- Workers
-// -------------------------------------------------------------------------------------------------
+// ---- Workers ----------------------------------------------------------------------------------------------
 
 // What the producer's poll set hands back with an event: the listening socket, a consumer or a waiting
 // client.

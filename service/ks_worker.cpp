@@ -22,7 +22,9 @@
 #include <sys/vfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -32,7 +34,8 @@
 
 namespace {
 
-// How long a message that belongs to a record already read may take. A conforming sender sends both at once.
+// How long the descriptors that belong to a record already read may take. A conforming sender sends all at
+// once.
 constexpr int kHandoverTimeoutMs = 5000;
 
 // The number under which a consumer process keeps its control socket.
@@ -124,11 +127,14 @@ ks_io* make_request(ks_worker* worker, unique_fd memfd, const directive& record)
 }
 
 void serve_request(ks_worker* worker, const directive& record) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kHandoverTimeoutMs);
   unique_fd memfd(receive_descriptor(worker->client_fd, kHandoverTimeoutMs));
   if (!memfd) return drop_client(worker);
   unique_fd extra;
   if ((record.flag & 1) != 0) {
-    extra.reset(receive_descriptor(worker->client_fd, kHandoverTimeoutMs));
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    extra.reset(receive_descriptor(worker->client_fd, std::max(static_cast<int>(left.count()), 0)));
     if (!extra) return drop_client(worker);
   }
   if (!can_serve(memfd.get())) return drop_client(worker);
@@ -181,6 +187,8 @@ void serve_client(ks_worker* worker, std::uint32_t events) {
 // Closes every descriptor above the control socket: what other clients and workers of the parent hold is not
 // this process's.
 void close_inherited_descriptors() {
+  // Older kernels do not know it.
+  if (close_range(kChildControlFd + 1, ~0U, 0) == 0) return;
   DIR* directory = opendir("/proc/self/fd");
   if (directory == nullptr) return;
   const int own = dirfd(directory);

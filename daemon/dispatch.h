@@ -6,7 +6,7 @@
 #include "service/ks.h"
 
 // Carries out one command. `io` stays the dispatcher's; `extra_fd` is the number of the client's descriptor,
-// or -1, which is closed by then: standard output stands for it.
+// or -1; the number means nothing by then: standard output stands for it.
 using command_handler = void (*)(ks_io* io, int extra_fd);
 
 struct CommandRow {

@@ -1,6 +1,6 @@
 // Every command handler, by the source file that holds it. All have the same shape: the request, and the
-// client's descriptor, whose number is closed by the time the handler runs. The request belongs to the
-// dispatcher.
+// client's descriptor, whose number means nothing by the time the handler runs: standard output stands for
+// it. The request belongs to the dispatcher.
 #pragma once
 
 #include "service/ks.h"

@@ -4,8 +4,7 @@
 //   get_vpd_eepkey,
 //   get_vpd_channel
 //   get_vpd_ext_area             takes "offest" (spelled so) and "length", runs the hardware tool for that
-//   part
-//                                of the extended area; answers what it prints, blanks and newlines taken out
+//                                part of the extended area; answers what it prints without blanks and newlines
 //   get_platform_display_name    answers a value of the platform's configuration
 //   is_generic_model             answers whether a marker file exists
 //   is_trn_model                 answers 0

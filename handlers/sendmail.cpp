@@ -2,9 +2,8 @@
 // system's mail program.
 //
 //   request  {"user": text, "pwd": text, "config_file": name, "content_file": name}
-//   runs     /usr/sbin/sendmail -C CONFIG -t                    reading the content, when user or pwd is
-//   empty
-//            /usr/sbin/sendmail -auUSER -auPWD -C CONFIG -t     reading the configuration file, else
+//   runs     /usr/sbin/sendmail -C CONFIG -t                  with the content as input, if user or pwd is empty
+//            /usr/sbin/sendmail -auUSER -auPWD -C CONFIG -t   with the configuration file as input, else
 //   reply    {"result": n}: the program's exit status, 128 + its signal, or -1 when it was not run
 //
 // Afterwards both files are moved to the scratch directory, beside the program's output and a record of the

@@ -2,11 +2,9 @@
 //
 //   vistal_auth_add_session   takes "type", "user", "sid"; has the platform's library add the session
 //   vistal_auth_get_session   takes "type", "length", "sid"; answers the "user" of the session. "length" must
-//   be
-//                             there, as clients of old send it, but is not used
+//                             be there, as clients of old send it, but is not used
 //   get_sess_id               takes "user", "pwd"; logs in with the platform's command-line tool and answers
-//   the
-//                             session id as "sid". Its replies have an "error_code" where others have
+//                             the session id as "sid". Its replies have an "error_code" where others have
 //                             "result"
 //
 // The library is loaded for one call and unloaded again. The password goes where the tool wants it, on its

@@ -7,8 +7,8 @@
 //
 // Each request loads its library, makes one call and unloads the library, whatever comes of it: a library
 // that is missing, lacks the function or reports an error fails the command. What a call returns is copied or
-// owned here before the library goes. Counts are the libraries' word: they are held against the size of the
-// block that they are about, and a count beyond it fails the command as well.
+// owned here before the library goes. The count of a name list is held against the size of its block, which is
+// ours; a count beyond it fails the command as well.
 #include <malloc.h>
 
 #include <cstddef>
@@ -18,7 +18,7 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <utility>
+#include <vector>
 
 #include "handlers/handler.h"
 #include "handlers/handlers.h"
@@ -31,22 +31,22 @@ constexpr char kConfigLibrary[] = "/usr/lib/libuCore_config.so.0.0";
 
 constexpr std::size_t kNameEntrySize = 33;    // bytes from one name of a list to the next
 constexpr std::size_t kMaxName = 32;          // characters; an entry that is full has no NUL to rely on
+constexpr std::int32_t kMaxMembers = 65536;   // no appliance has so many users; a larger count is no count
 constexpr std::size_t kSmsRecordSize = 4096;  // bytes; the platform's own record is far smaller
 
 struct MallocFree {
   void operator()(void* block) const { std::free(block); }
 };
 
-// Holds a list that a library has allocated for its caller, or null. `count` is what the library says of it.
-template <typename Entry>
-struct OwnedList {
-  std::unique_ptr<Entry, MallocFree> entries;
+// The names that a library has allocated for its caller, or null. `count` is what the library says of them.
+struct NameList {
+  std::unique_ptr<char, MallocFree> entries;
   std::int32_t count = 0;
 
-  // Whether the block is there for all that is counted, at `entry_size` bytes each.
-  bool holds_all(std::size_t entry_size) const {
+  // Whether the block is there for all that is counted.
+  bool holds_all() const {
     if (count <= 0) return true;
-    return entries && malloc_usable_size(entries.get()) / entry_size >= static_cast<std::size_t>(count);
+    return entries && malloc_usable_size(entries.get()) / kNameEntrySize >= static_cast<std::size_t>(count);
   }
 };
 
@@ -69,15 +69,15 @@ constexpr NameListCommand kGroups = {.log_name = "nos_get_all_groups_handler",
 using NameListFunction = std::int32_t(char** list, std::int32_t, std::int32_t, void*, std::int32_t* count);
 
 // Nothing when the library does not give a list, or counts more names than it gives.
-std::optional<OwnedList<char>> fetch_names(const char* function) {
+std::optional<NameList> fetch_names(const char* function) {
   const PlatformLibrary library(kAccountLibrary);
   auto* const list_names = library.function<NameListFunction>(function);
   if (list_names == nullptr) return std::nullopt;
   char* entries = nullptr;
-  OwnedList<char> names;
+  NameList names;
   const std::int32_t status = list_names(&entries, 0, 0, nullptr, &names.count);
   names.entries.reset(entries);
-  if (status < 0 || !names.holds_all(kNameEntrySize)) return std::nullopt;
+  if (status < 0 || !names.holds_all()) return std::nullopt;
   return names;
 }
 
@@ -98,27 +98,27 @@ void answer_names(ks_io* io, const NameListCommand& command) {
 
 // ---- Members
 
-// Returns the number of members, and in *list a block of as many pointers. The form is the name lists', so
-// the block is taken to be the caller's to free as theirs is. What the pointers lead to is not: it may be one
-// piece of memory or many, in the library or out of it. It is neither looked at nor released.
+// Returns the number of members, and in *list where as many pointers stand, one per member. Whose they are is
+// not known: the list may lie inside the library or inside a larger block, and freeing it would then be the
+// daemon's end. So it is read while the library is open, and neither it nor what it leads to is released.
 using MemberListFunction = std::int32_t(const char* group_name, void*** list);
 
-std::optional<OwnedList<void*>> fetch_members(const std::string& group_name) {
+std::optional<std::vector<bool>> fetch_members(const std::string& group_name) {
   const PlatformLibrary library(kAccountLibrary);
   auto* const list_members = library.function<MemberListFunction>("Get_NAS_User_List_Of_Group_Ex");
   if (list_members == nullptr) return std::nullopt;
   void** entries = nullptr;
-  OwnedList<void*> members;
-  members.count = list_members(group_name.c_str(), &entries);
-  members.entries.reset(entries);
-  if (members.count < 0 || !members.holds_all(sizeof(void*))) return std::nullopt;
-  return members;
+  const std::int32_t count = list_members(group_name.c_str(), &entries);
+  if (count < 0 || count > kMaxMembers || (count > 0 && entries == nullptr)) return std::nullopt;
+  std::vector<bool> present;
+  for (std::int32_t i = 0; i < count; ++i) present.push_back(entries[i] != nullptr);
+  return present;
 }
 
 // ---- Text messages
 
 // The platform's record. How far its last field goes is not known here, nor what may follow: there is room.
-struct SmsSettings {
+struct alignas(std::max_align_t) SmsSettings {
   std::int32_t mode;
   std::int32_t max_provider;
   std::int32_t now_provider;
@@ -159,8 +159,8 @@ void nos_get_group_members_handler(ks_io* io, int) {
     const auto members = fetch_members(group_name);
     if (!members) return Outcome::failure;
     Json::Value list;
-    for (std::int32_t i = 0; i < members->count; ++i) list.append(members->entries.get()[i] != nullptr);
-    reply["user_count"] = members->count;
+    for (const bool present : *members) list.append(present);
+    reply["user_count"] = static_cast<std::int32_t>(members->size());
     reply["user_list"] = list;
     return Outcome::success;
   });

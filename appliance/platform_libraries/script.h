@@ -1,9 +1,8 @@
 // What the stand-ins of the platform's closed libraries share: each records how its functions are called and
 // lets a test bend what they do. The files are those of the stand-in programs, by the library's path:
 //
-//   /tmp/stand_in/PATH.calls     the record: per call a line "call", "argv0 FUNCTION", "arg TEXT" per
-//   argument in
-//                                the order of the call (out-arguments left out), "end"
+//   /tmp/stand_in/PATH.calls     the record: per call a line "call", "argv0 FUNCTION", "arg TEXT" per argument
+//                                in the order of the call (out-arguments left out), "end"
 //   /tmp/stand_in/PATH.outcome   the script, one step a line, read at each call; without it all is in order
 //
 //   return N    return N; all else happens as usual

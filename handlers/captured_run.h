@@ -21,7 +21,8 @@ int exit_status(int status);
 // vector, the program's name for itself first. The environment is empty, but for the piped_ forms.
 // Thread-safe.
 
-// Its output is discarded. Returns the raw wait status, -1 when nothing could be run.
+// Its output is discarded. Returns what exec_cmd returns (common/process.h): the raw wait status, exit status
+// 127 for a program that cannot be executed, 0 when no process can be made.
 int run_quietly(const std::string& path, std::vector<std::string> arguments);
 
 // Its standard output goes to a temporary file, which lives as long as this object or until remove().
@@ -30,7 +31,7 @@ class CapturedRun {
  public:
   CapturedRun(const std::string& path, std::vector<std::string> arguments);
 
-  // The raw wait status; -1 when no file could be made or nothing could be run.
+  // What exec_cmd has returned; -1 when no file could be made.
   int status() const { return status_; }
   // What the program has printed, at most `limit` bytes of it; empty when the file cannot be read.
   std::string output(std::size_t limit) const;

@@ -40,7 +40,7 @@ constexpr char kPlatformConfig[] = "/etc/platform.conf";
 constexpr char kDisplayConfig[] = "/etc/kos.ui.cp.conf";
 constexpr char kGenericMarker[] = "/etc/IS_G";
 
-constexpr int kNoOutput = -2;  // what the log calls a hardware tool that could not be started
+constexpr int kNotStarted = -2;  // what the log calls a hardware tool that could not be started
 
 // One field of the vital product data.
 struct VpdField {
@@ -117,7 +117,7 @@ void nos_get_vpd_ext_area_handler(ks_io* io, int) {
   handle_request(io, kLogName, {{"offest", &offset}, {"length", &length}}, [&](Json::Value& reply) {
     const std::optional<std::string> area = read_ext_area(offset, length);
     if (!area) {
-      LOG_AT(kLogName, "get vpd area failed, ret=%d", kNoOutput);
+      LOG_AT(kLogName, "get vpd area failed, ret=%d", kNotStarted);
       return Outcome::failure;
     }
     reply["vpd_ext_area"] = *area;
@@ -151,8 +151,8 @@ void nos_system_is_TRN_model_handler(ks_io* io, int) {
   constexpr char kLogName[] = "nos_system_is_TRN_model_handler";
   handle_bare_request(io, kLogName, [&](Json::Value& reply) {
     LOG_AT(kLogName, "normal.");
-    reply["is_TRN_model"] =
-        0;  // there is no such model on the platforms of this build; clients may still ask
+    // There is no such model on the platforms of this build; clients may still ask.
+    reply["is_TRN_model"] = 0;
     return Outcome::success;
   });
 }

@@ -48,7 +48,7 @@ void nos_system_call_nc_notify_handler(ks_io* io, int) {
     std::string arguments;
     base64_decode(encoded, &arguments);
     // Not quoted: the arguments are the client's to quote. Without a wrapper the shell runs them by
-    // themselves, which clients rely on.
+    // themselves, which clients rely on; a package list that could not be read counts as one without.
     const std::string line = format_bounded(kCommandLineSize, "%s %s", wrapper.c_str(), arguments.c_str());
     return run_quietly(kShell, {base_name(kShell), "-c", line}) == 0 ? Outcome::success : Outcome::failure;
   });

@@ -2,12 +2,10 @@
 
 #include <dlfcn.h>
 
-#include <utility>
-
 PlatformLibrary::PlatformLibrary(const char* path) : handle_(dlopen(path, RTLD_NOW)) {}
 
-void PlatformLibrary::close() {
-  if (handle_ != nullptr) dlclose(std::exchange(handle_, nullptr));
+PlatformLibrary::~PlatformLibrary() {
+  if (handle_ != nullptr) dlclose(handle_);
 }
 
 void* PlatformLibrary::symbol(const char* name) const {

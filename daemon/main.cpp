@@ -2,8 +2,8 @@
 //
 // Threads: this one only waits. Each service has a detached thread that runs its producer loop (its workers
 // are threads of the framework); each message queue has one that relays its records; a last one receives the
-// stop signals. Every other thread blocks them, so no system call of a handler is ever interrupted, and the
-// handler of a stop signal never interrupts a thread that holds the mutex it takes.
+// stop signals. These are blocked in every thread, and that one waits for them: no system call of a handler is
+// ever interrupted, and what a stop signal does never runs on top of a thread that holds the mutex it takes.
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/time.h>
@@ -40,6 +40,7 @@ constexpr std::uint64_t KS_SEND_MAIL_SERVER_THREAD_NUM = 5;
 constexpr int kExitRefused = -1;  // no install path, or already running
 constexpr int kExitNoService = -2;
 constexpr time_t kWaitSliceSeconds = 10;
+constexpr useconds_t kStartPollMicroseconds = 1000;  // only a stop in the first moments waits at all
 
 // Two services with 1000 waiting clients each, and room for the requests being served.
 constexpr unsigned long kWantedDescriptors = 4096;
@@ -50,6 +51,7 @@ std::unique_ptr<MsgQueueListener> event_listener;
 std::unique_ptr<MsgQueueListener> log_listener;
 std::atomic<int> is_terminate{0};
 int is_daemon = 0;
+std::atomic<bool> main_service_over{false};  // its thread has ended, or could not be made
 pthread_mutex_t terminate_mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t terminate_cond = PTHREAD_COND_INITIALIZER;
 
@@ -79,7 +81,7 @@ sigset_t stop_signals() {
 
 void install_signal_handlers() {
   const sigset_t signals = stop_signals();
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);  // until receive_stop_signals runs, they wait
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);  // receive_stop_signals waits for them
   ks_signal(SIGINT, terminate_handler);
   ks_signal(SIGTERM, terminate_handler);
   ks_signal(SIGSEGV, crash_handler);
@@ -88,13 +90,15 @@ void install_signal_handlers() {
 
 void* receive_stop_signals(void*) {
   const sigset_t signals = stop_signals();
-  pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
-  while (true) pause();
+  int signum = 0;
+  while (sigwait(&signals, &signum) == 0) ks_sig_dispatch(signum);
+  return nullptr;
 }
 
 void* pthread_ks_start(void*) {
   LOG_AT("pthread_ks_start", "ks_start.");
   ks_start(ks_service_handle);
+  main_service_over = true;
   return nullptr;
 }
 
@@ -104,9 +108,11 @@ void* pthread_ks_send_mail_start(void*) {
   return nullptr;
 }
 
-void start_detached(void* (*entry)(void*)) {
+bool start_detached(void* (*entry)(void*)) {
   pthread_t thread;
-  if (pthread_create(&thread, nullptr, entry, nullptr) == 0) pthread_detach(thread);
+  if (pthread_create(&thread, nullptr, entry, nullptr) != 0) return false;
+  pthread_detach(thread);
+  return true;
 }
 
 void set_up_log() {
@@ -182,7 +188,7 @@ void wait_for_stop() {
 // A stop has no effect on a service whose thread has not got round to starting it yet.
 void wait_until_started(ks_handle* handle) {
   const std::atomic_ref<ks_worker*> worker(handle->worker);
-  while (worker.load() == nullptr) worker.wait(nullptr);
+  while (worker.load() == nullptr && !main_service_over) usleep(kStartPollMicroseconds);
 }
 
 void free_all_obj() {
@@ -209,10 +215,14 @@ int main(int argc, char** argv) {
   parse_options(argc, argv);
   if (is_daemon != 0 && daemon(0, 0) != 0) LOG_AT("main", "daemon failed.");
   raise_descriptor_limit(kWantedDescriptors);
-  start_detached(receive_stop_signals);
+  prepare_dispatch();
+  if (!start_detached(receive_stop_signals)) {
+    LOG_AT("main", "cannot receive signals.");  // better not to run than not to stop
+    std::exit(kExitNoService);
+  }
   create_services();
   start_listeners();
-  start_detached(pthread_ks_start);
+  main_service_over = !start_detached(pthread_ks_start);
   start_detached(pthread_ks_send_mail_start);
   wait_for_stop();
 

@@ -14,6 +14,7 @@
 #include "daemon/dispatch.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -24,6 +25,7 @@
 #include <cstring>
 #include <exception>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "common/log.h"
@@ -62,11 +64,20 @@ class ParkedRequests {
 
   void release_abandoned() {
     const std::lock_guard lock(mutex_);
-    std::erase_if(requests_, [](ks_io* io) {
-      if (ks_io_alive(io)) return false;
-      release(io);
-      return true;
-    });
+    if (requests_.empty()) return;
+    // A client has nothing more to say: whatever can be read from it means that it has left.
+    std::vector<pollfd> clients;
+    for (const ks_io* io : requests_) clients.push_back({.fd = io->sockfd, .events = POLLIN, .revents = 0});
+    if (poll(clients.data(), clients.size(), 0) <= 0) return;
+    std::vector<ks_io*> waiting;
+    for (std::size_t i = 0; i < requests_.size(); ++i) {
+      if (clients[i].revents == 0) {
+        waiting.push_back(requests_[i]);
+      } else {
+        release(requests_[i]);
+      }
+    }
+    requests_ = std::move(waiting);
   }
 
  private:
@@ -81,11 +92,8 @@ ParkedRequests& parked_requests() {
   return *requests;
 }
 
-// Opened once, so that standard output always has somewhere to go back to, whatever descriptors are left.
-int null_device() {
-  static const int fd = open(kNullDevice, O_RDWR | O_CLOEXEC);
-  return fd;
-}
+// Open for the life of the process, so that standard output always has somewhere to go back to.
+int null_device = -1;
 
 // Makes the client's descriptor standard output and closes its number, which until take_back_stdout stays
 // occupied by a stand-in: the second close there must not hit a descriptor that another request has opened
@@ -93,12 +101,15 @@ int null_device() {
 void lend_stdout(int extra_fd) {
   if (extra_fd < 0) return;
   dup2(extra_fd, STDOUT_FILENO);
-  dup3(null_device(), extra_fd, O_CLOEXEC);
+  dup3(null_device, extra_fd, O_CLOEXEC);
 }
 
 void take_back_stdout(int extra_fd) {
-  // A failed freopen has closed descriptor 1, which the next socket would then be given.
-  if (std::freopen(kNullDevice, "w", stdout) == nullptr) dup2(null_device(), STDOUT_FILENO);
+  // Without a descriptor to spare, reopening fails, closes number 1 and leaves the stream on another number for
+  // good. Number 1 must not go to the next socket, nor stay with this client.
+  if (std::freopen(kNullDevice, "w", stdout) == nullptr || fileno(stdout) != STDOUT_FILENO) {
+    dup2(null_device, STDOUT_FILENO);
+  }
   if (extra_fd >= 0) close(extra_fd);
 }
 
@@ -119,7 +130,7 @@ void dispatch(std::span<const CommandRow> commands, const char* request_name, ks
       [request_name](const CommandRow& candidate) { return std::strcmp(candidate.name, request_name) == 0; });
   if (row == commands.end() || row->handler == nullptr) {
     const UniqueFd unused(extra_fd);
-    parked_requests().park(io);
+    if (io != nullptr) parked_requests().park(io);
     return;
   }
   HandlerCall call{.fd = extra_fd, .io = io, .name = row->name, .handler = row->handler};
@@ -131,6 +142,10 @@ void dispatch(std::span<const CommandRow> commands, const char* request_name, ks
 }
 
 }  // namespace
+
+void prepare_dispatch() {
+  null_device = open(kNullDevice, O_RDWR | O_CLOEXEC);
+}
 
 void main_service_exec(const char* request_name, ks_io* io, int extra_fd) {
   dispatch(main_commands(), request_name, io, extra_fd);

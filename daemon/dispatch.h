@@ -11,8 +11,11 @@ using command_handler = void (*)(ks_io* io, int extra_fd);
 
 struct CommandRow {
   const char* name;
-  command_handler handler;  // null: not built in, answered like an unknown command
+  command_handler handler;  // null: not built in; such a command is unknown
 };
+
+// Opens what dispatch must have at hand when no descriptor is left. Once, before the services start.
+void prepare_dispatch();
 
 // The exec callbacks of the two services. Any worker thread.
 void main_service_exec(const char* request_name, ks_io* io, int extra_fd);

@@ -44,6 +44,7 @@ std::string time_text() {
   timeval now{};
   gettimeofday(&now, nullptr);
   char text[26];  // the size that ctime_r asks for
+  tzset();        // ctime_r alone would not notice a new time zone
   return ctime_r(&now.tv_sec, text) != nullptr ? format_bounded(kTimeSize, "%s", text) : std::string();
 }
 

@@ -61,6 +61,7 @@ void forward(const char* request, const std::string& text, const char* label, in
 std::string bus_time() {
   const std::time_t seconds = std::time(nullptr);
   std::tm local{};
+  tzset();  // localtime_r alone would not notice a new time zone
   localtime_r(&seconds, &local);
   timeval now{};
   gettimeofday(&now, nullptr);

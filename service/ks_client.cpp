@@ -128,6 +128,9 @@ int ks_epoll_call(ks_epoll* epoll, const char* name, const char* request_name, k
              "(io->sockfd = socket(AF_UNIX, SOCK_STREAM, 0)) >= 0 && set_fd_cloexec(io->sockfd)",
              "create request socket fail");
   }
+  // A service that accepts nobody fills its backlog, and connect would then wait for ever.
+  const timeval patience{.tv_sec = kLeastTimeoutSeconds, .tv_usec = 0};
+  setsockopt(io->sockfd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
   const sockaddr_un address = ks_socket_address(path);
   if (connect(io->sockfd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
     return KS_STATUS_CONNECT;

@@ -87,6 +87,7 @@ void ks_crash_install(void) {
 
 // Allocates and uses standard I/O inside a signal handler: the process is about to end either way.
 void ks_crash_report(int signum) {
+  std::signal(SIGABRT, [](int) { _exit(1); });  // what the report cannot have is no reason to end otherwise
   std::fprintf(stderr, "%s\n", strsignal(signum));
   const int kernel_log = open("/dev/kmsg", O_WRONLY);
   if (kernel_log < 0) _exit(1);

@@ -206,28 +206,10 @@ bool Peer::ends(bool* done) const {
   return type == 0;
 }
 
-Fd::~Fd() {
-  reset();
-}
-
-void Fd::reset() {
-  if (fd_ >= 0) close(std::exchange(fd_, -1));
-}
-
 Fd memory_file(std::string_view content, unsigned flags) {
   Fd file(memfd_create("test", flags));
   EXPECT_EQ(write(file, content.data(), content.size()), static_cast<ssize_t>(content.size()));
   return file;
-}
-
-std::string content_of(int fd) {
-  struct stat status {};
-  fstat(fd, &status);
-  constexpr off_t kMost = 1 << 24;  // a stranger's file may claim any size
-  std::string text(static_cast<std::size_t>(std::min(status.st_size, kMost)), '\0');
-  const ssize_t got = pread(fd, text.data(), text.size(), 0);
-  text.resize(got < 0 ? 0 : static_cast<std::size_t>(got));
-  return text;
 }
 
 Line make_line() {

@@ -88,22 +88,7 @@ class Peer {
   int fd_;
 };
 
-// A descriptor that closes itself.
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  ~Fd();
-  operator int() const { return fd_; }
-  void reset();
-
- private:
-  int fd_;
-};
 Fd memory_file(std::string_view content, unsigned flags = 0);
-std::string content_of(int fd);  // from its start, at most 16 MiB
 
 // Two sockets connected to one another.
 struct Line {

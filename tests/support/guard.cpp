@@ -2,10 +2,10 @@
 
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -16,16 +16,6 @@ namespace {
 // No test takes half of it, even under a sanitizer; the alarm ends the process and names no culprit but the
 // test.
 constexpr unsigned kTestSeconds = 90;
-
-std::string read_all(int fd) {
-  std::string text;
-  char block[4096];
-  ssize_t got;
-  while ((got = read(fd, block, sizeof(block))) > 0 || (got < 0 && errno == EINTR)) {
-    if (got > 0) text.append(block, static_cast<std::size_t>(got));
-  }
-  return text;
-}
 
 }  // namespace
 
@@ -38,9 +28,23 @@ bool eventually(const std::function<bool()>& condition) {
   return true;
 }
 
-std::map<int, std::string> open_descriptors() {
+void Fd::reset() {
+  if (fd_ >= 0) close(std::exchange(fd_, -1));
+}
+
+std::string content_of(int fd) {
+  struct stat status {};
+  fstat(fd, &status);
+  constexpr off_t kMost = 1 << 24;  // a stranger's file may claim any size
+  std::string text(static_cast<std::size_t>(std::min(status.st_size, kMost)), '\0');
+  const ssize_t got = pread(fd, text.data(), text.size(), 0);
+  text.resize(got < 0 ? 0 : static_cast<std::size_t>(got));
+  return text;
+}
+
+std::map<int, std::string> open_descriptors(pid_t process) {
   std::map<int, std::string> found;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/fd")) {
     std::error_code gone;
     const std::string target = std::filesystem::read_symlink(entry, gone).string();
     // The directory that is being read shows itself.
@@ -50,24 +54,18 @@ std::map<int, std::string> open_descriptors() {
 }
 
 ChildOutcome in_child(const std::function<void()>& body) {
-  int ends[2];
-  if (pipe(ends) != 0) return {.status = -1, .error = "no pipe"};
+  const StderrCapture error;
   const pid_t child = fork();
   if (child == 0) {
     alarm(kTestSeconds / 2);
     const rlimit no_core{.rlim_cur = 0, .rlim_max = 0};
     setrlimit(RLIMIT_CORE, &no_core);
-    dup2(ends[1], STDERR_FILENO);
-    close(ends[0]);
-    close(ends[1]);
     body();
     _exit(0);
   }
-  close(ends[1]);
-  ChildOutcome outcome{.status = -1, .error = read_all(ends[0])};
-  close(ends[0]);
-  waitpid(child, &outcome.status, 0);
-  return outcome;
+  int status = -1;
+  waitpid(child, &status, 0);
+  return {.status = status, .error = error.text()};
 }
 
 StderrCapture::StderrCapture() : saved_(dup(STDERR_FILENO)), memory_(memfd_create("stderr", MFD_CLOEXEC)) {
@@ -76,15 +74,6 @@ StderrCapture::StderrCapture() : saved_(dup(STDERR_FILENO)), memory_(memfd_creat
 
 StderrCapture::~StderrCapture() {
   dup2(saved_, STDERR_FILENO);
-  close(saved_);
-  close(memory_);
-}
-
-std::string StderrCapture::text() const {
-  lseek(memory_, 0, SEEK_SET);
-  std::string all = read_all(memory_);
-  lseek(memory_, 0, SEEK_END);
-  return all;
 }
 
 GuardedTest::GuardedTest()

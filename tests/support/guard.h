@@ -3,16 +3,35 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/types.h>
+#include <unistd.h>
 
 #include <functional>
 #include <map>
 #include <string>
+#include <utility>
 
 // Repeats `condition` until it holds; false when it still does not after ten seconds.
 bool eventually(const std::function<bool()>& condition);
 
-// The open descriptors of this process and what they refer to.
-std::map<int, std::string> open_descriptors();
+// A descriptor that closes itself.
+class Fd {
+ public:
+  explicit Fd(int fd) : fd_(fd) {}
+  Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  ~Fd() { reset(); }
+  operator int() const { return fd_; }
+  void reset();
+
+ private:
+  int fd_;
+};
+
+// The whole file behind the descriptor, but at most 16 MiB of it. Leaves the file's offset alone.
+std::string content_of(int fd);
+
+// The open descriptors of a process and what they refer to.
+std::map<int, std::string> open_descriptors(pid_t process = getpid());
 
 // What a child process did: its raw wait status and everything it wrote on standard error.
 struct ChildOutcome {
@@ -20,22 +39,20 @@ struct ChildOutcome {
   std::string error;
 };
 
-// Runs `body` in a forked child, which exits with 0 when `body` returns, and waits until it and whoever
-// shares its standard error have ended. Call it while this process has one thread only.
+// Runs `body` in a forked child, which exits with 0 when `body` returns, and waits for its end. Call it while
+// this process has one thread only.
 ChildOutcome in_child(const std::function<void()>& body);
 
 // Sends this process's standard error into memory for as long as it lives.
 class StderrCapture {
  public:
   StderrCapture();
-  StderrCapture(const StderrCapture&) = delete;
-  StderrCapture& operator=(const StderrCapture&) = delete;
   ~StderrCapture();
-  std::string text() const;
+  std::string text() const { return content_of(memory_); }
 
  private:
-  int saved_;
-  int memory_;
+  const Fd saved_;
+  const Fd memory_;
 };
 
 // Fails a test that leaves descriptors open or children unwaited for; kills one that hangs.

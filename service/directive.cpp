@@ -16,13 +16,17 @@ static_assert(kControlSize == 24);
 // The least control length that can hold a header.
 constexpr std::size_t kControlMinimum = 16;
 
-bool wait_readable(int sockfd, int timeout_ms) {
+using Clock = std::chrono::steady_clock;
+
+// Waits until there is something to read or the time is over.
+bool wait_readable(int sockfd, Clock::time_point deadline) {
   pollfd watched{.fd = sockfd, .events = POLLIN, .revents = 0};
-  int ready;
-  do {
-    ready = poll(&watched, 1, timeout_ms);
-  } while (ready < 0 && errno == EINTR);
-  return ready > 0;
+  while (true) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    if (left <= 0) return false;
+    const int ready = poll(&watched, 1, static_cast<int>(left));
+    if (ready >= 0 || errno != EINTR) return ready > 0;
+  }
 }
 
 // Keeps the first descriptor of all that `message` carries and closes the others.
@@ -63,7 +67,7 @@ bool send_directive(int sockfd, ks_directive_type type) {
 bool read_directive(int sockfd, directive* record) {
   ssize_t got;
   do {
-    got = read(sockfd, record, sizeof(*record));
+    got = recv(sockfd, record, sizeof(*record), MSG_DONTWAIT);
   } while (got < 0 && errno == EINTR);
   return got == sizeof(*record);
 }
@@ -85,7 +89,7 @@ bool send_descriptor(int sockfd, int fd) {
   return sendmsg(sockfd, &message, MSG_NOSIGNAL) == 1;
 }
 
-int receive_descriptor(int sockfd, int timeout_ms) {
+int receive_descriptor(int sockfd, Clock::time_point deadline) {
   char byte = 0;
   iovec payload{.iov_base = &byte, .iov_len = 1};
   alignas(cmsghdr) char control[kControlSize] = {};
@@ -97,7 +101,7 @@ int receive_descriptor(int sockfd, int timeout_ms) {
   ssize_t got;
   do {
     got = recvmsg(sockfd, &message, MSG_DONTWAIT);  // as a rule it is there already
-  } while (got < 0 && (errno == EINTR || (errno == EAGAIN && wait_readable(sockfd, timeout_ms))));
+  } while (got < 0 && (errno == EINTR || (errno == EAGAIN && wait_readable(sockfd, deadline))));
   if (got < 1 || message.msg_controllen < kControlMinimum) return -1;
   const int fd = take_first_descriptor(&message);
   if ((message.msg_flags & MSG_CTRUNC) != 0) {

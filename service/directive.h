@@ -1,6 +1,7 @@
 // What crosses a framework socket: fixed records and descriptor-passing messages.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 
 inline constexpr int kDirectiveDataSize = 257;
@@ -33,13 +34,14 @@ directive make_directive(ks_directive_type type);
 bool send_directive(int sockfd, const directive& record);
 bool send_directive(int sockfd, ks_directive_type type);
 
-// One read of one record; false for anything shorter.
+// One read of one record from a socket that has been reported readable; false for anything shorter. Does not wait:
+// an urgent byte makes a socket readable that has nothing to read.
 bool read_directive(int sockfd, directive* record);
 
 // Sends `fd` in a message of its own. True when it went out.
 bool send_descriptor(int sockfd, int fd);
 
 // Receives one descriptor-passing message and returns its first descriptor, now the caller's; -1 when the
-// message is short, truncated or carries none, or does not come within `timeout_ms` (-1: no limit). Whatever
-// else it carried is closed.
-int receive_descriptor(int sockfd, int timeout_ms);
+// message is short, truncated or carries none, or has not come by `deadline`. Whatever else it carried is
+// closed.
+int receive_descriptor(int sockfd, std::chrono::steady_clock::time_point deadline);

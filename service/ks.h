@@ -166,8 +166,8 @@ void ks_worker_init(ks_handle* handle, ks_hook_fn fn, void* arg);
 void ks_worker_fini(ks_handle* handle, ks_hook_fn fn, void* arg);
 
 // Publishes the socket and starts the workers. SIGPIPE is ignored in the whole process from here on. With
-// KS_STANDALONE returns at once; otherwise this thread is the producer until the service ends. `worker` becomes
-// non-null once the service can be stopped, and null again when all of it is gone. Worker processes are killed
+// KS_STANDALONE returns at once; otherwise this thread is the producer until the service ends. `worker` is
+// non-null from the first moment until all of the service is gone; a stop meanwhile is not lost. Worker processes are killed
 // when the thread that made them ends: with KS_STANDALONE | KS_PROCESS_MODE that is this one.
 void ks_start(ks_handle* handle);
 
@@ -192,11 +192,11 @@ int ks_reply(ks_io* io);
 enum {
   KS_STATUS_OK = 0,       // reply received (from ks_epoll_perform also: sent, still pending)
   KS_STATUS_TIMEOUT = 1,  // nothing happened in the time allowed
-  KS_STATUS_CONNECT = 2,  // no such service, or it is stopped
+  KS_STATUS_CONNECT = 2,  // no such service, or it is stopped, or it has accepted nobody for seconds
   KS_STATUS_PAUSED = 3,   // the service is paused
   KS_STATUS_REFUSED = 4,  // reserved: no service sends it today
   KS_STATUS_BROKEN = 5,   // the connection ended without a reply
-  KS_STATUS_BUSY = 6,     // 1000 clients are waiting already
+  KS_STATUS_BUSY = 6,     // 1000 clients are waiting already, or the service is out of descriptors
   KS_STATUS_ARGS = 7,     // a name is missing or too long
 };
 
@@ -207,7 +207,8 @@ enum {
 int ks_call(const char* name, const char* request_name, ks_io* io, uint32_t timeout_s, int extra_fd);
 
 // The same on plain buffers. `*recv` must be null; on 0 it becomes a malloc'ed buffer of `*rsize` bytes (no
-// NUL behind them; not null, even for an empty reply) that the caller frees. `recv` and `rsize` may be null.
+// NUL behind them; not null, even for an empty reply) that the caller frees; on any other status both stay as
+// they are. `recv` and `rsize` may be null.
 int ks_ez_call(const char* name, const char* request_name, const void* data, uint64_t dsize, void** recv,
                uint64_t* rsize, uint32_t timeout_s, int extra_fd);
 
@@ -219,11 +220,12 @@ typedef struct ks_epoll {
 
 ks_epoll* ks_epoll_create(void);
 // Connects and starts one request; returns a status. The poll set keeps a pointer to `io` until it is
-// finished or cancelled.
+// finished or cancelled, and `extra_fd` must stay open as long. After KS_STATUS_CONNECT the socket is still in
+// `io`: cancel or free it.
 int ks_epoll_call(ks_epoll* epoll, const char* name, const char* request_name, ks_io* io, int extra_fd);
-// Advances the requests by one event, waiting at most `timeout_ms`. Returns the record that has finished, or
-// null while none has. `*status`, when given, holds the code: for a finished request its own, for a pending
-// one 0, and 1 when nothing happened.
+// Advances the requests by one event, waiting at most `timeout_ms`. Returns the record that has finished (empty
+// unless it holds a reply), or null while none has. `*status`, when given, holds the code: for a finished
+// request its own, for a pending one 0, and 1 when nothing happened.
 ks_io* ks_epoll_perform(ks_epoll* epoll, uint32_t timeout_ms, int* status);
 // Gives one request up; the record and its memory file stay the caller's.
 void ks_epoll_cancel(ks_epoll* epoll, ks_io* io);

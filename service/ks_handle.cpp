@@ -1,13 +1,14 @@
 // A service's life: create, start, pause, stop, free.
 //
 // The handle owns one array of workers: `service_size` consumers and, last, the producer. It exists from
-// ks_start to the end of the service and is published in handle->worker only once everything in it is set up,
-// so whoever sees it may stop the service.
+// ks_start to the end of the service and is published in handle->worker first of all, so that from then on a
+// stop is not lost and a release waits.
 //
 // Ending takes two parties, the thread that runs the producer's loop and the thread that calls ks_stop, and
 // either may be late. They meet through the producer's phase word:
 //
-//   stopper:  claims the stop (stopping 0 -> 1), wakes the producer, waits for kProducerLeft,
+//   stopper:  claims the stop (stopping 0 -> 1), waits for kProducerRunning, wakes the producer, waits for
+//             kProducerLeft,
 //             ends each consumer, sets kWorkersStopped; joins a producer on a thread of its own, releases the
 //             array and clears handle->worker
 //   producer: leaves its loop, sets kProducerLeft, waits for kWorkersStopped; in a blocking ks_start it then
@@ -100,7 +101,7 @@ void clear_socket_file(const char* sockfile) {
 void listen_on(ks_worker* producer, const char* sockfile) {
   constexpr char kOperation[] = "ks_producer_worker_init";
   clear_socket_file(sockfile);
-  producer->sockfd[1] = socket(AF_UNIX, SOCK_STREAM, 0);
+  producer->sockfd[1] = ks_nonzero(socket(AF_UNIX, SOCK_STREAM, 0));
   if (producer->sockfd[1] < 0 || !set_fd_cloexec(producer->sockfd[1])) {
     ks_abort(kOperation,
              "(producer_worker->sockfd[1] = socket(AF_UNIX, SOCK_STREAM, 0)) >= 0 && "
@@ -122,7 +123,7 @@ void ks_producer_worker_init(ks_handle* handle, ks_worker* producer) {
   producer->sockfd[0] = -1;
   producer->transfer_fd = -1;
   producer->client_fd = -1;
-  producer->phase = kProducerRunning;
+  producer->phase = kProducerStarting;
   producer->type = KS_PTHREAD_MODE;
   listen_on(producer, handle->sockfile);
   producer->pollfd = epoll_create(1);
@@ -165,6 +166,10 @@ void start_consumer(ks_handle* handle, ks_worker* worker, std::uint64_t index) {
   ks_consumer_worker_init(handle, worker);
 }
 
+[[noreturn]] void abort_started_twice() {
+  ks_abort("ks_start", "service_handle->worker == NULL", "cannot start service twice");
+}
+
 void set_phase(ks_worker* producer, ks_producer_phase phase) {
   phase_of(producer).store(phase);
   phase_of(producer).notify_all();
@@ -175,9 +180,11 @@ void wait_for_phase(ks_worker* producer, ks_producer_phase phase) {
   while ((current = phase_of(producer).load()) < phase) phase_of(producer).wait(current);
 }
 
-// After this the handle may be gone: it is the last thing that the service's own threads do with it.
-void publish(ks_handle* handle, ks_worker* workers) {
-  worker_of(handle).store(workers);
+// Releases the array. After this the handle may be gone: it is the last thing that the service's own threads do
+// with it.
+void end_service(ks_handle* handle, ks_worker* workers) {
+  std::free(workers);
+  worker_of(handle).store(nullptr);
   worker_of(handle).notify_all();
 }
 
@@ -188,6 +195,8 @@ void wait_until_ended(ks_handle* handle) {
 
 void end_consumer(ks_worker* worker) {
   send_directive(worker->sockfd[1], KS_DIR_QUIT);
+  // And hung up, for a consumer that takes the record for the descriptor message it is still waiting for.
+  shutdown(worker->sockfd[1], SHUT_RDWR);
   if ((worker->type & KS_PROCESS_MODE) != 0) {
     while (waitpid(worker->id.pid, nullptr, 0) < 0 && errno == EINTR) {
     }
@@ -204,6 +213,7 @@ void end_consumer(ks_worker* worker) {
 // Ends every worker. Called by exactly one thread per run of the service: the one that has set `stopping`.
 void stop_workers(ks_handle* handle, ks_worker* workers) {
   ks_worker* producer = &workers[handle->service_size];
+  wait_for_phase(producer, kProducerRunning);
   // A listening socket that has been shut down reports a hang-up until it is closed: the wake-up cannot be
   // lost.
   shutdown(producer->sockfd[1], SHUT_RDWR);
@@ -219,6 +229,7 @@ void stop_workers(ks_handle* handle, ks_worker* workers) {
 }
 
 void run_producer(ks_handle* handle, ks_worker* workers) {
+  set_phase(&workers[handle->service_size], kProducerRunning);
   ks_producer_worker(handle, workers);
   set_phase(&workers[handle->service_size], kProducerLeft);
 }
@@ -226,6 +237,7 @@ void run_producer(ks_handle* handle, ks_worker* workers) {
 void* standalone_producer(void* arg) {
   auto* handle = static_cast<ks_handle*>(arg);
   ks_worker* workers = worker_of(handle).load();
+  workers[handle->service_size].id.tid = pthread_self();
   run_producer(handle, workers);
   wait_for_phase(&workers[handle->service_size], kWorkersStopped);
   return nullptr;
@@ -268,9 +280,7 @@ void ks_worker_fini(ks_handle* handle, ks_hook_fn fn, void* arg) {
 void ks_start(ks_handle* handle) {
   std::signal(SIGPIPE, SIG_IGN);
   verify(handle, "ks_start", "start");
-  if (worker_of(handle).load() != nullptr) {
-    ks_abort("ks_start", "service_handle->worker == NULL", "cannot start service twice");
-  }
+  if (worker_of(handle).load() != nullptr) abort_started_twice();
   auto* workers = static_cast<ks_worker*>(std::calloc(handle->service_size + 1, sizeof(ks_worker)));
   if (workers == nullptr) {
     ks_abort("ks_start",
@@ -279,14 +289,17 @@ void ks_start(ks_handle* handle) {
   }
   // A handle that has ended may be started again: what its last stop set must not stop this run.
   if (stopping_of(handle).exchange(0) != 0) paused_of(handle).store(0);
+  ks_worker* none = nullptr;
+  if (!worker_of(handle).compare_exchange_strong(none, workers)) abort_started_twice();
   ks_worker* producer = &workers[handle->service_size];
   ks_producer_worker_init(handle, producer);
   for (std::uint64_t i = 0; i < handle->service_size; ++i) start_consumer(handle, &workers[i], i);
   if ((handle->mode & KS_STANDALONE) != 0) {
     producer->init_hook = handle->init_hook;
     producer->fini_hook = handle->fini_hook;
-    publish(handle, workers);
-    if (!ks_create_thread(&producer->id.tid, standalone_producer, handle)) {
+    // The thread says itself who it is: once it runs, the service may be stopped and the array released.
+    pthread_t thread;
+    if (!ks_create_thread(&thread, standalone_producer, handle)) {
       ks_abort("ks_start",
                "pthread_create(&producer_worker->id.tid, &attr, ks_producer_worker, service_handle) == 0",
                "producer-worker create thread fail");
@@ -295,7 +308,6 @@ void ks_start(ks_handle* handle) {
   }
   producer->type = KS_PROCESS_MODE;
   producer->id.pid = getpid();
-  publish(handle, workers);
   run_producer(handle, workers);
   if (stopping_of(handle).exchange(1) == 0) {
     unlink(handle->sockfile);
@@ -303,8 +315,7 @@ void ks_start(ks_handle* handle) {
   } else {
     wait_for_phase(producer, kWorkersStopped);
   }
-  std::free(workers);
-  publish(handle, nullptr);
+  end_service(handle, workers);
 }
 
 void ks_pause(ks_handle* handle) {
@@ -332,8 +343,7 @@ void ks_stop(ks_handle* handle) {
     set_phase(&workers[handle->service_size], kWorkersStopped);
     return;
   }
-  std::free(workers);
-  publish(handle, nullptr);
+  end_service(handle, workers);
 }
 
 void ks_free(ks_handle* handle) {

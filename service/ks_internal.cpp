@@ -31,7 +31,7 @@ void ks_abort(const char* operation, const char* condition, const char* descript
   int length = std::snprintf(line, sizeof(line), "[ABORT] @%s() %s: `%s'\n", operation, detail, condition);
   if (length >= static_cast<int>(sizeof(line))) length = sizeof(line) - 1;
   // One write, so that the lines of two failing threads do not mix. Nothing is left to do should it fail.
-  if (write(STDERR_FILENO, line, static_cast<std::size_t>(length)) < 0) std::abort();
+  [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line, static_cast<std::size_t>(length));
   std::abort();
 }
 
@@ -50,6 +50,13 @@ bool set_fd_cloexec(int fd) {
 void unique_fd::reset(int fd) {
   if (fd_ >= 0) close(fd_);
   fd_ = fd;
+}
+
+int ks_nonzero(int fd) {
+  if (fd != 0) return fd;
+  const int other = fcntl(fd, F_DUPFD, 1);
+  close(fd);
+  return other;
 }
 
 void close_and_forget(int* fd) {

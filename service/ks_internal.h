@@ -56,6 +56,10 @@ class unique_fd {
   int fd_;
 };
 
+// The same descriptor under a number other than 0, which in a queue entry means none; `fd` itself unless it is 0,
+// which then is closed.
+int ks_nonzero(int fd);
+
 // close(*fd) unless it is -1, and *fd = -1.
 void close_and_forget(int* fd);
 // The same after shutdown(SHUT_RDWR): the conversation ends even if another process holds a copy.
@@ -127,7 +131,7 @@ struct ks_worker {
   void* fini_arg;
   ks_queue queue;  // producer: also the head of the client queue
 
-  // Beyond the record that workers are described by: what it takes to stop and restart without a leak.
+  // Bookkeeping for stopping and restarting without a leak.
   std::int32_t transfer_fd;  // consumer: the client handed over and not yet echoed, -1 when none
   std::int32_t
       client_fd;  // consumer: the client that has been asked and whose request is awaited, -1 when none
@@ -138,9 +142,10 @@ struct ks_worker {
 // How far the end of a service has got. The producer's thread and the stopping thread wait for one another
 // through this word.
 enum ks_producer_phase : std::uint32_t {
-  kProducerRunning = 0,
-  kProducerLeft = 1,    // the loop has ended and touches nothing any more
-  kWorkersStopped = 2,  // every consumer has ended
+  kProducerStarting = 0,  // the array is being set up
+  kProducerRunning = 1,   // all of it stands, and the loop is entered
+  kProducerLeft = 2,      // the loop has ended and touches nothing any more
+  kWorkersStopped = 3,    // every consumer has ended
 };
 
 // (Re)creates one consumer of `handle`. Called while the service starts and, for a consumer process that has

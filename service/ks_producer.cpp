@@ -111,19 +111,20 @@ ks_worker* find_ready(Producer& p) {
   return nullptr;
 }
 
-// Hands the client at the head of the queue to a ready consumer, if there are both. This side's copy of the
-// socket stays open until the consumer's echo.
-void dispatch(Producer& p) {
+// Hands the client at the head of the queue to a ready consumer, if there are both, and returns its entry, else
+// null. This side's copy of the socket stays open until the consumer's echo.
+ks_queue* dispatch(Producer& p) {
   ks_queue* client = p.self->queue.next;
-  if (client == &p.self->queue) return;
+  if (client == &p.self->queue) return nullptr;
   ks_worker* worker = find_ready(p);
-  if (worker == nullptr) return;
+  if (worker == nullptr) return nullptr;
   directive transfer = make_directive(KS_DIR_TRANSFER);
   std::memcpy(transfer.data, &client->sockfd, sizeof(client->sockfd));
   send_directive(worker->sockfd[1], transfer);
   send_descriptor(worker->sockfd[1], client->sockfd);
   std::atomic_ref(worker->ready).store(0);
   worker->transfer_fd = detach_client(p, client);
+  return client;
 }
 
 void turn_away(int client, ks_directive_type why) {
@@ -147,14 +148,13 @@ void queue_client(Producer& p, int client) {
   entry->sockfd = client;
   append(&p.self->queue, entry);
   ++p.waiting;
-  dispatch(p);
   // Watched only when it has to wait: most clients are handed over at once.
-  if (entry->sockfd != client) return;
+  if (dispatch(p) == entry) return;
   if (!ks_poll_add(p.self->pollfd, client, kWatchLoss, {.ptr = entry})) drop_client(p, entry);
 }
 
 void accept_client(Producer& p) {
-  const int client = accept(p.self->queue.sockfd, nullptr, nullptr);
+  const int client = ks_nonzero(accept(p.self->queue.sockfd, nullptr, nullptr));
   if (client < 0) {
     if (errno == EMFILE || errno == ENFILE) turn_away_on_spare(p);
     return;

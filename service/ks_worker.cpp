@@ -11,7 +11,7 @@
 //
 // Everything a client sends is a stranger's word: it may be short, of any type, without descriptors, or with
 // a memory file that cannot serve. Each of these costs that client its connection, and nothing waits for it
-// longer than kHandoverTimeoutMs.
+// longer than kHandoverTimeout.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -22,7 +22,6 @@
 #include <sys/vfs.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -36,7 +35,7 @@ namespace {
 
 // How long the descriptors that belong to a record already read may take. A conforming sender sends all at
 // once.
-constexpr int kHandoverTimeoutMs = 5000;
+constexpr std::chrono::seconds kHandoverTimeout{5};
 
 // The number under which a consumer process keeps its control socket.
 constexpr int kChildControlFd = 3;
@@ -127,14 +126,12 @@ ks_io* make_request(ks_worker* worker, unique_fd memfd, const directive& record)
 }
 
 void serve_request(ks_worker* worker, const directive& record) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kHandoverTimeoutMs);
-  unique_fd memfd(receive_descriptor(worker->client_fd, kHandoverTimeoutMs));
+  const auto deadline = std::chrono::steady_clock::now() + kHandoverTimeout;
+  unique_fd memfd(receive_descriptor(worker->client_fd, deadline));
   if (!memfd) return drop_client(worker);
   unique_fd extra;
   if ((record.flag & 1) != 0) {
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    extra.reset(receive_descriptor(worker->client_fd, std::max(static_cast<int>(left.count()), 0)));
+    extra.reset(receive_descriptor(worker->client_fd, deadline));
     if (!extra) return drop_client(worker);
   }
   if (!can_serve(memfd.get())) return drop_client(worker);
@@ -147,7 +144,8 @@ void serve_request(ks_worker* worker, const directive& record) {
 // A client comes over the control socket. It is asked for its request and watched; ready is reported only
 // once it is done with or could not be taken.
 void accept_transfer(ks_worker* worker, const directive& record) {
-  unique_fd client(receive_descriptor(worker->sockfd[0], kHandoverTimeoutMs));
+  const auto deadline = std::chrono::steady_clock::now() + kHandoverTimeout;
+  unique_fd client(receive_descriptor(worker->sockfd[0], deadline));
   // The echo tells the producer that its copy of the client is no longer needed.
   send_directive(worker->sockfd[0], record);
   if (!client) return report_ready(worker);
@@ -226,6 +224,7 @@ void open_control_pair(ks_worker* worker) {
         "set_fd_cloexec(worker->sockfd[1])",
         "consumer-worker create sockets fail");
   }
+  worker->sockfd[1] = ks_nonzero(worker->sockfd[1]);
 }
 
 }  // namespace

@@ -213,7 +213,6 @@ void end_consumer(ks_worker* worker) {
 // Ends every worker. Called by exactly one thread per run of the service: the one that has set `stopping`.
 void stop_workers(ks_handle* handle, ks_worker* workers) {
   ks_worker* producer = &workers[handle->service_size];
-  wait_for_phase(producer, kProducerRunning);
   // A listening socket that has been shut down reports a hang-up until it is closed: the wake-up cannot be
   // lost.
   shutdown(producer->sockfd[1], SHUT_RDWR);
@@ -336,6 +335,8 @@ void ks_stop(ks_handle* handle) {
     wait_until_ended(handle);
     return;
   }
+  // A service that is still being set up is finished first: its socket file must not vanish under its hands.
+  wait_for_phase(&workers[handle->service_size], kProducerRunning);
   paused_of(handle).store(1);
   unlink(handle->sockfile);
   stop_workers(handle, workers);

@@ -38,8 +38,8 @@ class MsgQueueListener {
 
   pthread_t thread_ = 0;  // 0: none
   std::uint64_t msg_size_;
-  std::int32_t queue_id_;  // -1: the queue could not be had
-  std::uint32_t key_;
+  std::int32_t queue_id_;               // -1: the queue could not be had
+  [[maybe_unused]] std::uint32_t key_;  // for whoever looks at the object in a debugger
   std::atomic<bool> stop_{false};
   Callback callback_;
 };

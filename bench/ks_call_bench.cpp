@@ -25,6 +25,7 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bench/floor.h"
@@ -239,6 +240,18 @@ bool comes_to(const ServerProcess& server, long descriptors) {
   return true;
 }
 
+// Workers open their poll sets after their service accepts already: counts until nothing changes any more.
+long settled_descriptors(pid_t pid) {
+  constexpr auto kPause = std::chrono::milliseconds(20);
+  long seen = -1;
+  long now;
+  while ((now = count_descriptors(pid)) != seen) {
+    seen = now;
+    std::this_thread::sleep_for(kPause);
+  }
+  return seen;
+}
+
 // Starts a call that is not going to be answered.
 Record wait_in_queue(ks_epoll* epoll) {
   Record io(ks_io_create());
@@ -252,7 +265,7 @@ void waiting_clients(benchmark::State& state) {
   const ServerProcess& server = servers->waiting;
   const long count = state.range(0);
   for (auto _ : state) {
-    const long idle = count_descriptors(server.pid());
+    const long idle = settled_descriptors(server.pid());
     const PollSet epoll(ks_epoll_create());
     const Record served(wait_in_queue(epoll.get()));
     // The only worker asks for the request, gets it and is busy: it holds the socket and the memory file.

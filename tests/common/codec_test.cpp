@@ -1,21 +1,16 @@
-// Base64, the text helpers, temporary files.
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-
+// What clients send: base64 and typed request parameters.
 #include <random>
 
 #include "common/base64.h"
-#include "common/temp_file.h"
-#include "common/text.h"
+#include "common/json_param.h"
+#include "common/log.h"
 #include "fixture.h"
 
 namespace {
 
-using ::testing::ElementsAre;
-
 TEST(Base64, RoundTripsEveryLengthInPlace) {
   std::mt19937 random(1);
-  for (std::size_t length = 0; length <= 300; ++length) {
+  for (std::size_t length = 0; length <= 100; ++length) {
     std::string bytes(length, '\0');
     for (char& byte : bytes) byte = static_cast<char>(random());
     std::string text = bytes;
@@ -26,92 +21,39 @@ TEST(Base64, RoundTripsEveryLengthInPlace) {
   }
 }
 
-TEST(Base64, EncodesTheStandardVectorsOverOldContent) {
-  const std::pair<std::string, std::string> rows[] = {
-      {"", ""}, {"a", "YQ=="}, {"fo", "Zm8="}, {"foobar", "Zm9vYmFy"}, {"\xfb\xff\xbf", "+/+/"}};
-  for (const auto& [bytes, text] : rows) {
-    std::string out = "old";
-    EXPECT_EQ(base64_encode(bytes, &out), static_cast<int>(text.size()));
-    EXPECT_EQ(out, text);
-  }
-}
-
 TEST(Base64, DecodesWhatStandsBeforeTheFirstForeignCharacter) {
-  const std::pair<std::string, std::string> rows[] = {{"YQ==", "a"},
-                                                      {"YQ", "a"},
-                                                      {"Zm8", "fo"},
-                                                      {"Y", ""},
-                                                      {"=YQ=", ""},
-                                                      {"Zm9v\nYmFy", "foo"},
-                                                      {"Zm9vY", "foo"},
-                                                      {"Zm9v-_-_", "foo"},
-                                                      {"YQ==YQ==", "a"},
-                                                      {" YQ==", ""},
-                                                      {std::string("Zm9v\0YmFy", 9), "foo"},
-                                                      {"Zm9v\xc3\xa4", "foo"}};
+  const char* const rows[][2] = {
+      {"Zm8", "fo"}, {"Y", ""}, {"=YQ=", ""}, {"Zm9v\nYmFy", "foo"}, {"+/+/", "\xfb\xff\xbf"}};
   for (const auto& [text, bytes] : rows) {
     std::string out = "kept:";
-    EXPECT_EQ(base64_decode(text, &out), 5 + bytes.size()) << text;
-    EXPECT_EQ(out, "kept:" + bytes) << text;
+    base64_decode(text, &out);
+    EXPECT_EQ(out, std::string("kept:") + bytes) << text;
   }
 }
 
-TEST(Text, Splits) {
-  EXPECT_THAT(split_string(",a,,b,", ",", true), ElementsAre("a", "b"));
-  EXPECT_THAT(split_string(",a,,b,", ",", false), ElementsAre("", "a", "", "b", ""));
-  EXPECT_THAT(split_string("a b,c", ", ", false), ElementsAre("a", "b", "c"));
-  EXPECT_THAT(split_string("whole", ",", true), ElementsAre("whole"));
-  EXPECT_THAT(split_string("", ",", false), ElementsAre(""));
-  EXPECT_THAT(split_string("", ",", true), ElementsAre());
-}
+using JsonParamTest = CommonTest;
 
-TEST(Text, ErasesAndTrims) {
+TEST_F(JsonParamTest, TakesExactlyTheNamedType) {
+  log_set_dir(in_dir("log").c_str());
   const struct {
-    const char *text, *stripped, *trimmed;
-  } rows[] = {{" a b \n c\n", "abc", "a b \n c"}, {"a\tb", "a\tb", "a\tb"}, {" \n ", "", ""}, {"", "", ""}};
+    const char *value, *type;
+    bool taken;
+  } rows[] = {
+      {"5", "string", false}, {"null", "string", false},    {"2147483647", "int", true},
+      {"5.5", "int", false},  {"2147483648", "int", false}, {"4294967296", "long", true},
+      {"true", "bool", true}, {"true", "int", false},       {"4294967296", "bool", false},
+  };
   for (const auto& row : rows) {
-    std::string stripped = row.text;
-    std::string trimmed = row.text;
-    strip_blanks_newlines(&stripped);
-    trim_chars(&trimmed, "\n ");
-    EXPECT_EQ(stripped, row.stripped);
-    EXPECT_EQ(trimmed, row.trimmed);
+    Json::Value root;
+    ASSERT_TRUE(json_parse(R"({"k":)" + std::string(row.value) + "}", &root));
+    std::int64_t out[4] = {};  // room for any of the types that are taken here
+    bool error = false;
+    parser_param_from_json_str(root, "k", out, row.type, &error);
+    EXPECT_EQ(error, !row.taken) << row.value << " " << row.type;
+    EXPECT_EQ(out[0], row.taken ? root["k"].asInt64() : 0);
   }
-}
-
-TEST(Text, FormatsIntoTheGivenSize) {
-  EXPECT_EQ(format_bounded(8, "-au%s", "four"), "-aufour");
-  EXPECT_EQ(format_bounded(8, "-au%s", "fiver"), "-aufive");
-  EXPECT_EQ(format_bounded(8, "a%cb", 0), "a");
-  EXPECT_EQ(format_bounded(1, "%d", 7), "");
-  EXPECT_EQ(format_bounded(0, "%d", 7), "");
-}
-
-using TempFileTest = CommonTest;
-
-TEST_F(TempFileTest, IsPrivateAndGoesUnlessReleased) {
-  std::string gone;
-  std::string kept;
-  std::string replaced;
-  {
-    const TempFile plain;
-    TempFile released;
-    TempFile removed;
-    gone = plain.path();
-    kept = released.path();
-    replaced = removed.path();
-    struct stat info {};
-    ASSERT_EQ(stat(gone.c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode, S_IFREG | 0600u);
-    EXPECT_THAT(gone, ::testing::MatchesRegex("/tmp/file[A-Za-z0-9]{6}"));
-    released.release();
-    EXPECT_TRUE(removed.remove());
-    EXPECT_FALSE(removed.remove());
-    write_file(replaced, "somebody else's by now");
-  }
-  EXPECT_FALSE(exists(gone));
-  EXPECT_TRUE(std::filesystem::remove(kept));
-  EXPECT_TRUE(std::filesystem::remove(replaced));
+  EXPECT_THAT(contents(in_dir("log/.nxe_ks_vistalprod.log")),
+              ::testing::ContainsRegex("\\] k Type fail, this input value type is long\\.\n$"));
 }
 
 }  // namespace

@@ -2,40 +2,33 @@
 // These tests run inside the simulated appliance, so absolute paths are theirs to change.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <json/value.h>
 #include <sys/types.h>
 
-#include <chrono>
-#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "service/ks.h"
+#include "support/guard.h"
 
 inline constexpr char kMain[] = "VistalServer-vistalprod";
 inline constexpr char kMail[] = "VistalServer_send_mail-vistalprod";
 inline constexpr char kLogFile[] = "/share/VistalServer/.log/.nxe_ks_vistalprod.log";
 
-// Repeats `condition` until it holds; false when it still does not after ten seconds.
-bool eventually(const std::function<bool()>& condition);
-
 std::string read_file(const std::string& path);  // empty when there is none
 void write_file(const std::string& path, const std::string& text);
-
-// ---- Processes
-// -----------------------------------------------------------------------------------------------
 
 // A running program, killed and reaped with the object.
 class Process {
  public:
-  // `program` is looked up on PATH. Its standard error goes to `error_file` when given.
-  explicit Process(const std::string& program, const std::vector<std::string>& args = {},
-                   const std::string& error_file = "");
+  // `command` is one as a shell reads it.
+  explicit Process(const std::string& command);
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
   ~Process();
   pid_t pid() const { return pid_; }
-  void signal(int signum) const;
   // Waits at most ten seconds for the end. The raw wait status; a process that goes on is a test failure and
   // -1.
   int wait();
@@ -44,25 +37,13 @@ class Process {
   pid_t pid_;
 };
 
-// The daemon, serving: started, and both services accept.
-class Daemon {
+// The daemon, serving: both services accept, and all their workers are there.
+class Daemon : public Process {
  public:
   Daemon();
-  pid_t pid() const { return process_.pid(); }
-  Process& process() { return process_; }
   // SIGTERM; the raw wait status.
   int stop();
-
- private:
-  Process process_;
 };
-
-std::size_t descriptor_count(pid_t pid);
-// Processes whose parent is `pid`, zombies included.
-std::size_t child_count(pid_t pid);
-
-// ---- Requests
-// ------------------------------------------------------------------------------------------------
 
 struct Reply {
   int status;        // of the call
@@ -74,32 +55,30 @@ struct Reply {
 Reply call(const char* service, const std::string& request,
            const std::optional<std::string>& body = std::nullopt, int extra_fd = -1);
 
-// ---- Stand-ins
-// -----------------------------------------------------------------------------------------------
-
-// How a stand-in was called.
+// How a stand-in was called. In its record a newline is "\n", two characters, and so it is here.
 struct StandInCall {
-  std::vector<std::string> argv;
-  std::vector<std::string> environment;
-  std::optional<std::string> input;  // what it was given to read, when that was a file or a pipe
+  std::string line;   // name and arguments, joined by |
+  bool bare = true;   // without any environment
+  std::string input;  // what it was given to read, when that was a file or a pipe
 };
 
-// The stand-in at the absolute path of a platform program.
+// The stand-in at the absolute path of a platform program or library, as long as the object lives.
 class StandIn {
  public:
-  explicit StandIn(std::string path) : path_(std::move(path)) {}
+  explicit StandIn(std::string path);
+  StandIn(const StandIn&) = delete;
+  StandIn& operator=(const StandIn&) = delete;
+  ~StandIn();
   // Sets what it does from now on, one step a line (see appliance/stand_in.cpp); empty: print nothing and
-  // exit 0.
+  // exit 0. Its calls are counted anew.
   void plays(const std::string& script) const;
-  // The calls since the last one of forget().
   std::vector<StandInCall> calls() const;
-  void forget() const;
   // Takes the program away or puts it back.
   void remove() const;
   void restore() const;
 
  private:
-  std::string path_;
+  const std::string path_;
 };
 
 // A daemon for the whole suite. Each test must leave it alive, with as many descriptors as before, without
@@ -110,9 +89,9 @@ class DaemonTest : public testing::Test {
   static void TearDownTestSuite();
   void SetUp() override;
   void TearDown() override;
-  // The lines that the log has grown by since the test began.
-  std::vector<std::string> new_log_lines() const;
-  static Daemon& daemon();
+  // What the log has grown by since the test began.
+  std::string new_log() const;
+  inline static std::unique_ptr<Daemon> daemon_;
 
  private:
   std::size_t log_size_ = 0;

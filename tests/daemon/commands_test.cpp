@@ -1,0 +1,284 @@
+// The commands: request -> the call that a platform program or library saw -> reply, whatever state that
+// is in.
+#include <algorithm>
+#include <filesystem>
+#include <iterator>
+
+#include "common/base64.h"
+#include "harness.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kHardware[] = "/sbin/hwctl_app";
+constexpr char kGuard[] = "/sbin/share_guard";
+constexpr char kLogin[] = "/sbin/kcli";
+constexpr char kReader[] = "/usr/bin/getfattr";
+constexpr char kAnalytics[] = "/usr/local/bin/kanalytic_tool";
+constexpr char kControl[] = "/etc/init.d/vistalserver.sh";
+constexpr char kNotify[] = "/share/VistalServer/vistalpro_notify.sh";
+constexpr char kAccounts[] = "/usr/lib/libuCore_NAS.so.0.0";
+constexpr char kSettings[] = "/usr/lib/libuCore_config.so.0.0";
+constexpr char kSessions[] = "/usr/lib/libuCore_nasauth.so.1.0.0";
+constexpr char kPackages[] = "/etc/config/kpkg.conf";
+
+constexpr char kVpdCall[] = "hwctl_app|--vpd_get_field|enc_sys_id=root,obj_index=0:";
+constexpr char kX40[] = "xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx";
+
+// A command that makes one call. Replies are given without their newline.
+struct Command {
+  std::string name, body;
+  const char* program;      // or library
+  std::string call;         // program or function and arguments, joined by |
+  const char* script = "";  // for success; a program that need not print is judged by its exit status
+  const char* reply = R"({"result":0})";
+  std::string failure = R"({"error_msg":"nos_)" + name + R"(_handler fail","result":-1})";
+};
+
+const Command kCommands[] = {
+    {"system_call_share_guard_add", R"({"share_name":"Camera 1"})", kGuard,
+     "share_guard|add|Camera 1|VistalServer"},
+    {"system_call_share_guard_remove", R"({"more":[1],"share_name":""})", kGuard, "share_guard|remove|"},
+    {"system_call_vistalpro_disable", "not read", kControl, "vistalserver.sh|force_stop", "",
+     R"({"result":0})",
+     R"({"error_msg":"nos_system_system_call_vistalpro_disable_handler fail","result":-1})"},
+    {"system_call_cloud_analysis_send",
+     R"({"provide_id":"p0","command":"send","record_type":"t y","record_text":"-e \"x\""})", kAnalytics,
+     "kanalytic_tool|send|-p|p0|-r|t y|-e|-e \"x\""},
+    {"system_call_cloud_analysis_flush", R"({"command":"flush","provide_id":"p1"})", kAnalytics,
+     "kanalytic_tool|flush|-p|p1"},
+    {"system_call_cloud_analysis_register", R"({"provide_id":"p 1","command":"reg"})", kAnalytics,
+     "kanalytic_tool|reg|-p|p 1|-c|/share/.@analytic"},
+    {"system_trn_smb_setfolder_priv", R"({"share_name":"s","command":"c","priv_type":"rw"})",
+     "/etc/init.d/vistal_smb_update.sh", "vistal_smb_update.sh|c|s|rw"},
+    {"system_call_share_folder_renew", "", kControl, "vistalserver.sh|share_folder_renew"},
+    {"system_call_kseek_list_add", R"({"exclude_name":"n","exclude_path":"/p q"})", kControl,
+     "vistalserver.sh|kbus_kseek_list_add|n|/p q"},
+    {"notify_return", R"({"cmd":3,"type":-1,"acy":2147483647})", kNotify,
+     "vistalpro_notify.sh|NOTIFY_CMD|-1|2147483647", "", R"({"result":0})",
+     R"({"error_msg":"nos_return_handler fail","result":-1})"},
+    {"get_vpd_productnamed", "not read", kHardware, kVpdCall + std::string("7"), "stdout n= v\\n\n",
+     R"({"result":0,"vpd_productnamed":"v"})"},
+    {"get_vpd_channel", "", kHardware, kVpdCall + std::string("9"), "stdout n=v\n",
+     R"({"result":0,"vpd_channel":"v"})"},
+    {"get_vpd_ext_area", R"({"length":-2147483648,"offest":-2147483648})", kHardware,
+     "hwctl_app|--vpd_get_ext_area|offset=-2147483648,length=-2147", "stdout A B\\nC\\n\nexit 1\n",
+     R"({"result":0,"vpd_ext_area":"ABC"})", R"({"result":0,"vpd_ext_area":""})"},
+    {"system_get_tiermount_cloud_usage", R"({"full_path":"L3NoYXJlL0NvbGQgMQ=="})", kReader,
+     "getfattr|--only-values|--absolute-names|-n|trusted.tm.cloud_usage|/share/Cold 1", "stdout 1\nexit 1\n",
+     R"({"result":0,"size_info":"MQ=="})"},
+    {"get_sess_id", R"({"user":")" + std::string(kX40) + R"(","pwd":"a b)" + kX40 + "\"}", kLogin,
+     "kcli|-l|user=" + std::string(26, 'x') + "|pw=a b" + std::string(25, 'x'), "stdout hi\\nsid is abc\\n\n",
+     R"({"error_code":0,"sid":"abc"})", R"({"error_code":-2,"error_msg":"get_sess_id fail"})"},
+    {"get_all_users", "not read", kAccounts, "Get_Local_User_List_V2|0|0|null", "",
+     R"({"local_count":3,"result":0,"user_list":["admin","alice","bob"]})"},
+    {"get_all_groups", "", kAccounts, "Get_Local_Group_List_V2|0|0|null", "",
+     R"({"group_list":["administrators","everyone"],"local_count":2,"result":0})"},
+    {"get_group_members", R"({"group_name":"everyone"})", kAccounts, "Get_NAS_User_List_Of_Group_Ex|everyone",
+     "", R"({"result":0,"user_count":3,"user_list":[true,true,true]})"},
+    {"get_sms_config", "", kSettings, "Get_SMS_config", "",
+     R"({"country":"Norway","country_code":"+47","max_provider":8,"mode":1,"now_provider":2,)"
+     R"("phone1":"0912345678","phone2":"0987654321","result":0,"using_provider":-1})"},
+    {"vistal_auth_add_session", R"({"type":7,"user":"al ice","sid":"s1"})", kSessions,
+     "auth_add_session|s1|al ice|7|"},
+    {"vistal_auth_get_session", R"({"type":7,"length":-1,"sid":"s1"})", kSessions, "auth_get_session|s1|7",
+     "", R"({"result":0,"user":"al ice"})"},
+};
+
+const Command& command(const std::string& name) {
+  return *std::find_if(std::begin(kCommands), std::end(kCommands),
+                       [&](const Command& row) { return row.name == name; });
+}
+
+std::string answer(const std::string& name, const std::optional<std::string>& body = std::nullopt) {
+  const std::string text = call(kMain, name, body).text;
+  return text.ends_with('\n') ? text.substr(0, text.size() - 1) : "no line: " + text;
+}
+
+std::string base64(const std::string& bytes) {
+  std::string encoded;
+  base64_encode(bytes, &encoded);
+  return encoded;
+}
+
+class Commands : public DaemonTest {
+ protected:
+  // The attribute reader is the machine's own. It is deleted first: an ordinary user's view forbids to change
+  // it.
+  Commands() {
+    fs::remove(kReader);
+    fs::copy_file(kGuard, kReader);
+  }
+};
+
+TEST_F(Commands, EachMakesItsCallAndAnswersByWhatComesOfIt) {
+  for (const Command& command : kCommands) {
+    SCOPED_TRACE(command.name);
+    const auto ask = [&] {
+      return answer(command.name, command.body.empty() ? std::nullopt : std::optional(command.body));
+    };
+    const StandIn program(command.program);
+    program.plays(command.script);
+    EXPECT_EQ(ask(), command.reply);
+    EXPECT_EQ(program.calls().size(), 1u);
+    EXPECT_EQ(program.calls().at(0).line, command.call);
+    EXPECT_EQ(program.calls().at(0).bare, *command.script == '\0');
+    for (const char* script : {"exit 3\nreturn -1\n", "signal 9\nreturn -1\n"}) {
+      program.plays(script);
+      EXPECT_EQ(ask(), command.failure) << script;
+    }
+    program.remove();
+    EXPECT_EQ(ask(), command.failure) << "missing";
+    program.restore();
+    program.plays(command.script);
+    EXPECT_EQ(ask(), command.reply) << "restored";
+  }
+  EXPECT_THAT(read_file("/proc/" + std::to_string(daemon_->pid()) + "/maps"),
+              testing::Not(testing::HasSubstr("libuCore")));
+}
+
+TEST_F(Commands, WhatProgramsPrintIsReadAsFarAsItMakesSense) {
+  constexpr char kUsage[] = "system_get_tiermount_cloud_usage";
+  const auto ok = [](const std::string& member, const std::string& value) {
+    return R"({"result":0,")" + member + "\":\"" + value + "\"}";
+  };
+  const struct {
+    const char *name, *script;
+    std::string reply;  // empty: the failure reply
+  } rows[] = {
+      {"get_vpd_channel", "stdout a name = \\n A  B\\n \\n\n", ok("vpd_channel", "A  B")},
+      {"get_vpd_channel", "stdout n=v\\x00w=x\nstderr a=b=c\nexit 3\n", ok("vpd_channel", "v")},
+      {"get_vpd_channel", "stdout n=v\nlinger 100\n", ok("vpd_channel", "v")},
+      {"get_vpd_channel", "stdout n=\nbytes 10485760\n", ok("vpd_channel", std::string(10485760, '#'))},
+      {"get_vpd_channel", "stdout n=v=w\\n\n", ""},
+      {"get_sess_id", "stdout \\n\\na b\\n\\n  sid   is  x=y  \n", R"({"error_code":0,"sid":"x=y"})"},
+      {"get_sess_id", "stdout a\\nb c d\\ne\\n\n", ""},
+      {kUsage, "stdout a\\x00\ndelay 20\nstdout b\n", ok("size_info", base64(std::string("a\0b", 3)))},
+      {kUsage, "bytes 1533\n", ok("size_info", base64(std::string(1533, '#')))},
+      {kUsage, "bytes 1534\n", ""},
+  };
+  for (const auto& row : rows) {
+    const Command& command = ::command(row.name);
+    const StandIn program(command.program);
+    program.plays(row.script);
+    EXPECT_EQ(answer(command.name, command.body), row.reply.empty() ? command.failure : row.reply)
+        << row.script;
+  }
+}
+
+TEST_F(Commands, BadRequestsAreRefusedAndRunNothing) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"system_call_share_guard_add", "{}"},
+      {"system_call_share_guard_add", R"({"share_name":5})"},
+      {"get_vpd_ext_area", R"({"offest":2147483648,"length":8})"},
+      {"vistal_auth_get_session", R"({"type":1,"sid":"s2"})"},
+      {"notify_return", R"({"cmd":2,"type":1,"acy":"5"})"}};
+  for (const auto& [name, body] : rows)
+    EXPECT_EQ(answer(name, body), R"({"error_code":-1,"error_msg":"paser fail"})") << body;
+  EXPECT_EQ(new_log(), "");
+  const StandIn tool(kGuard);
+  EXPECT_EQ(answer("system_call_share_guard_add", "{\"share_name\":\"x\""),
+            R"({"error_code":-1,"error_msg":"input error"})");
+  EXPECT_THAT(new_log(),
+              testing::MatchesRegex(
+                  ".* \\[nos_system_call_share_guard_add_handler\\]\\[[0-9]+\\] ks_io input fail\\.\n"));
+  // What handlers throw costs one request and one log line.
+  const std::optional<std::string> bodies[] = {std::nullopt, "[1]", "\"text\"", std::string(5000, '[')};
+  for (const auto& body : bodies) {
+    const std::string log = new_log();
+    EXPECT_EQ(call(kMain, "system_call_share_guard_add", body).status, KS_STATUS_BROKEN);
+    EXPECT_THAT(new_log().substr(log.size()),
+                testing::MatchesRegex("[^\n]+ ended without a reply: [^\n]+\n"));
+  }
+  EXPECT_TRUE(tool.calls().empty());
+}
+
+TEST_F(Commands, NotificationsGoThroughTheWrapperAsTheShellReadsThem) {
+  const std::string path = "/share/VistalServer/script/nc_wrapper.sh";
+  const StandIn wrapper(path);
+  const StandIn script(kNotify);
+  const auto notify = [&](const std::string& value) {
+    return answer("system_call_nc_notify", "{\"nc_notify\":\"" + value + "\"}");
+  };
+  const std::string failed = R"({"error_msg":"nos_system_call_nc_notify_handler fail","result":-1})";
+  const std::pair<std::string, std::string> rows[] = {
+      {base64("-A 'a b' $((1+1)) \"c;d\""), "|-A|a b|2|c;d"},
+      {base64(std::string(5000, 'x')), "|" + std::string(4095 - path.size() - 1, 'x')}};
+  for (const auto& [value, arguments] : rows) {
+    wrapper.plays("");
+    EXPECT_EQ(notify(value), R"({"result":0})");
+    EXPECT_EQ(wrapper.calls().at(0).line, path + arguments);
+  }
+  wrapper.plays("exit 3\n");
+  EXPECT_EQ(notify(base64("x")), failed);
+  EXPECT_EQ(answer("notify_return", R"({"cmd":2,"type":1,"acy":5})"), command("notify_return").failure);
+  // Nobody knows where the package is.
+  fs::rename(kPackages, "/etc/config/aside");
+  EXPECT_EQ(notify(base64("exit 0")), R"({"result":0})");
+  EXPECT_EQ(answer("notify_return", R"({"cmd":3,"type":1,"acy":5})"), command("notify_return").failure);
+  EXPECT_EQ(answer("system_call_share_folder_renew"), command("system_call_share_folder_renew").failure);
+  fs::rename("/etc/config/aside", kPackages);
+  EXPECT_TRUE(script.calls().empty());
+}
+
+TEST_F(Commands, ARegistrationLeavesARecordHoweverItEnds) {
+  const StandIn tool(kAnalytics);
+  tool.plays("exit 3\n");
+  const std::string id(600, 'i');
+  answer("system_call_cloud_analysis_register", R"({"command":"reg","provide_id":")" + id + "\"}");
+  EXPECT_EQ(read_file("/tmp/.vistalsurveillance_log/cloud_analysis_register.dbg"),
+            "cmd=[reg]\nprovide_id=[" + id + "]\nstr_cloud_analysis_register=[" +
+                ("/usr/local/bin/kanalytic_tool reg -p " + id).substr(0, 511) + "]\nret_val=[3]\n");
+}
+
+TEST_F(Commands, WhatALibraryTellsIsHeldAgainstWhatItGives) {
+  const StandIn accounts(kAccounts);
+  const struct {
+    const char* script;
+    const char* users;    // of the reply; null: the failure reply
+    const char* members;  // of the members of "everyone"
+  } rows[] = {
+      {"count 1\n", R"({"local_count":1,"result":0,"user_list":["admin"]})",
+       R"({"result":0,"user_count":1,"user_list":[true]})"},
+      {"count 0\nnull\n", R"({"local_count":0,"result":0,"user_list":null})",
+       R"({"result":0,"user_count":0,"user_list":null})"},
+      {"count -5\n", R"({"local_count":-5,"result":0,"user_list":null})", nullptr},
+      {"null 1\n", nullptr, R"({"result":0,"user_count":3,"user_list":[true,false,true]})"},
+      {"count 65537\n", nullptr, nullptr},
+  };
+  const Command &users = command("get_all_users"), &members = command("get_group_members");
+  for (const auto& row : rows) {
+    accounts.plays(row.script);
+    EXPECT_EQ(answer(users.name), row.users != nullptr ? row.users : users.failure) << row.script;
+    EXPECT_EQ(answer(members.name, members.body), row.members != nullptr ? row.members : members.failure)
+        << row.script;
+  }
+  // Names without a NUL end with their entry.
+  accounts.plays("full\n");
+  EXPECT_EQ(call(kMain, users.name).json()["user_list"][0], std::string(32, 'x'));
+  accounts.remove();
+  fs::copy_file(kSettings, kAccounts);
+  EXPECT_EQ(answer(users.name), users.failure) << "lacks the function";
+}
+
+TEST_F(Commands, ConfigurationAndMarkerAreReadAsTheyAreNow) {
+  const struct {
+    const char *file, *content, *name, *reply;
+  } rows[] = {
+      {"/etc/platform.conf", "[MISC]\nDISPLAY_NAME = VS 1 \"x\"\n", "get_platform_display_name",
+       R"({"platform_display_name":"VS 1 \"x\"","result":0})"},
+      {"/etc/kos.ui.cp.conf", "[CP_APP]\ndispDeck = 010 or so\n", "get_dispdeck_status",
+       R"({"dispDeck_Status":10,"error_code":0})"},
+      {"/etc/IS_G", "", "is_generic_model", R"({"is_generic":1,"result":0})"},
+      {"/etc/IS_G", nullptr, "is_generic_model", R"({"is_generic":0,"result":-1})"},
+  };
+  for (const auto& row : rows) {
+    if (row.content != nullptr) write_file(row.file, row.content);
+    if (row.content == nullptr) fs::remove(row.file);
+    EXPECT_EQ(answer(row.name), row.reply);
+  }
+  EXPECT_EQ(answer("is_trn_model"), R"({"is_TRN_model":0,"result":0})");
+}
+
+}  // namespace

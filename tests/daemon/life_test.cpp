@@ -1,0 +1,137 @@
+// The daemon's own life: start, options, refusals, crash, and stopping with its hands full.
+#include <sys/ipc.h>
+#include <sys/msg.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <future>
+#include <thread>
+
+#include "daemon/event_records.h"
+#include "daemon/msg_queue_listener.h"
+#include "harness.h"
+
+namespace {
+
+using testing::ContainsRegex;
+
+constexpr char kErrors[] = "/tmp/daemon.errors";
+constexpr char kMainSocket[] = "/var/run/ks/494AC97B.sock";
+
+// The exit status of a command that ends by itself.
+int run(const std::string& command) {
+  const int status = Process(command + " 2>" + kErrors).wait();
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(StartUp, TheCheckOptionStartsAndStopsAtOnce) {
+  EXPECT_EQ(run("vistalprod -t -x -\x01"), 0);
+  EXPECT_EQ(read_file(kErrors), "Illegal option:-x\nIllegal option:-#\n");
+  EXPECT_THAT(read_file(kLogFile),
+              ContainsRegex("\\[main\\]\\[[0-9]+\\] sock_name:/var/run/ks/494AC97B.sock\\.\n"));
+  EXPECT_NE(access(kMainSocket, F_OK), 0);
+}
+
+TEST(StartUp, ASecondInstanceIsRefusedAndAZombieIsNone) {
+  Daemon first;
+  EXPECT_EQ(run("vistalprod"), 255);
+  EXPECT_THAT(read_file(kLogFile), testing::EndsWith("] warning: re-entry.\n"));
+  EXPECT_EQ(call(kMain, "test").status, KS_STATUS_OK);
+  kill(first.pid(), SIGTERM);
+  siginfo_t end;
+  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(first.pid()), &end, WEXITED | WNOWAIT), 0);
+  EXPECT_EQ(run("vistalprod -t"), 0);
+}
+
+TEST(StartUp, WithoutAnInstallPathItSaysSoAndEnds) {
+  std::rename("/etc/config/kpkg.conf", "/etc/config/aside");
+  EXPECT_EQ(run("vistalprod"), 255);
+  std::rename("/etc/config/aside", "/etc/config/kpkg.conf");
+  EXPECT_THAT(read_file(kErrors), testing::MatchesRegex("\\[main\\]\\[[0-9]+\\] get Install_Path fail\\."));
+}
+
+TEST(StartUp, AsADaemonItLeavesItsStarter) {
+  EXPECT_EQ(run("vistalprod -d"), 0);
+  ASSERT_TRUE(eventually([] { return call(kMain, "test").status == KS_STATUS_OK; }));
+  EXPECT_EQ(run("pkill -INT -x vistalprod"), 0);
+  EXPECT_TRUE(eventually([] { return run("pgrep -x vistalprod") == 1; }));
+}
+
+TEST(StartUp, ACrashLeavesABacktraceAndEndsInSigkill) {
+  for (const int signum : {SIGSEGV, SIGABRT}) {
+    Daemon daemon;
+    const std::size_t log = read_file(kLogFile).size();
+    kill(daemon.pid(), signum);
+    const int status = daemon.wait();
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
+    EXPECT_THAT(
+        read_file(kLogFile).substr(log),
+        ContainsRegex("\\[vistalprod_debug_backtrace_dump\\]\\[[0-9]+\\] .*\n.*\\]={26}\n.*\\]vistalprod\n"));
+  }
+}
+
+// Limits and signal state are the daemon's own affair.
+TEST(StartUp, ProgramsStartInTheOrdinaryState) {
+  const Daemon daemon;
+  const std::string probe = "ulimit -Sn; /bin/grep -E 'Sig(Blk|Ign)' /proc/self/status";
+  EXPECT_EQ(run("sh -c \"" + probe + "\" >/tmp/probe"), 0);
+  EXPECT_EQ(call(kMain, "exec_cli", R"({"command":["/bin/sh","-c",")" + probe + "\"]}").json()["result"],
+            read_file("/tmp/probe"));
+}
+
+// A client that waits for the service's question and does not answer it.
+Fd silent_client(const char* path) {
+  Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+  std::string(path).copy(address.sun_path, sizeof(address.sun_path) - 1);
+  EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+  char question[259];
+  EXPECT_EQ(recv(fd, question, sizeof(question), MSG_WAITALL), 259);
+  return fd;
+}
+
+// Keeps both queues full until it is destroyed.
+std::jthread feeder() {
+  return std::jthread([](const std::stop_token& done) {
+    const LogMessage message{.type = 1, .event = {}, .connection = {}};
+    while (!done.stop_requested()) {
+      msg_queue_send(kEventQueueKey, &message, kNotifyMessageSize);
+      msg_queue_send(kLogQueueKey, &message, kLogMessageSize);
+      std::this_thread::yield();
+    }
+  });
+}
+
+// Each time told twice, with both workers busy: with handlers, which end first, or with silent clients, who
+// do not hold it up.
+TEST(Stop, UnderLoadFiftyTimesInARow) {
+  const StandIn tool("/etc/init.d/vistalserver.sh");
+  for (int i = 0; i < 50; ++i) {
+    tool.plays("delay 100\n");
+    Daemon daemon;
+    std::vector<Fd> clients;
+    std::vector<std::future<Reply>> answers;
+    for (int busy = 0; busy < 2; ++busy) {
+      if (i % 2 == 0) clients.push_back(silent_client(kMainSocket));
+      if (i % 2 == 1) {
+        answers.push_back(
+            std::async(std::launch::async, [] { return call(kMain, "system_call_share_folder_renew"); }));
+      }
+    }
+    EXPECT_TRUE(eventually([&] { return tool.calls().size() == answers.size(); }));
+    EXPECT_EQ(call(kMail, "test").status, KS_STATUS_OK);
+    const std::jthread feeding = feeder();
+    kill(daemon.pid(), i % 4 < 2 ? SIGINT : SIGTERM);
+    ASSERT_EQ(daemon.stop(), 0) << "round " << i;
+    for (auto& answer : answers) EXPECT_EQ(answer.get().text, "{\"result\":0}\n");
+    EXPECT_NE(access(kMainSocket, F_OK), 0);
+    for (const std::uint32_t key : {kEventQueueKey, kLogQueueKey}) {
+      EXPECT_EQ(msgget(static_cast<key_t>(key), 0), -1);
+    }
+  }
+}
+
+}  // namespace

@@ -11,13 +11,9 @@
 #include <filesystem>
 #include <thread>
 
-namespace {
-
 // No test takes half of it, even under a sanitizer; the alarm ends the process and names no culprit but the
 // test.
-constexpr unsigned kTestSeconds = 90;
-
-}  // namespace
+static constexpr unsigned kTestSeconds = 90;
 
 bool eventually(const std::function<bool()>& condition) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
@@ -26,10 +22,6 @@ bool eventually(const std::function<bool()>& condition) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return true;
-}
-
-void Fd::reset() {
-  if (fd_ >= 0) close(std::exchange(fd_, -1));
 }
 
 std::string content_of(int fd) {
@@ -70,10 +62,6 @@ ChildOutcome in_child(const std::function<void()>& body) {
 
 StderrCapture::StderrCapture() : saved_(dup(STDERR_FILENO)), memory_(memfd_create("stderr", MFD_CLOEXEC)) {
   dup2(memory_, STDERR_FILENO);
-}
-
-StderrCapture::~StderrCapture() {
-  dup2(saved_, STDERR_FILENO);
 }
 
 GuardedTest::GuardedTest()

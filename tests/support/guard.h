@@ -21,7 +21,7 @@ class Fd {
   Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
   ~Fd() { reset(); }
   operator int() const { return fd_; }
-  void reset();
+  void reset() { close(std::exchange(fd_, -1)); }
 
  private:
   int fd_;
@@ -47,7 +47,7 @@ ChildOutcome in_child(const std::function<void()>& body);
 class StderrCapture {
  public:
   StderrCapture();
-  ~StderrCapture();
+  ~StderrCapture() { dup2(saved_, STDERR_FILENO); }
   std::string text() const { return content_of(memory_); }
 
  private:

@@ -1,0 +1,110 @@
+// What needs no running service: request records, names, signals, and errors that end the process.
+#include <fcntl.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <cstring>
+#include <sstream>
+
+#include "harness.h"
+
+namespace {
+
+constexpr ks_exec_fn kExec = [](const char*, ks_io*, int) {};
+
+TEST_F(GuardedTest, RequestsAreAppendedToAndKnowTheirClient) {
+  ks_io* io = ks_io_create();
+  const auto mapped = [io] {
+    std::uint64_t size = 99;
+    const void* data = ks_io_read(io, &size);
+    return std::string(static_cast<const char*>(data), size);
+  };
+  EXPECT_EQ(mapped(), "");
+  EXPECT_EQ(io->memfd, -1);  // reading alone makes no file
+  ks_io_printf(io, "%s %d", "printed", 7);
+  EXPECT_EQ(mapped(), "printed 7");
+  EXPECT_EQ(ks_io_fwrite("!", 1, io), 0);  // behind what has been mapped
+  EXPECT_EQ(mapped(), "printed 7!");
+  std::memcpy(ks_io_realloc(io, 7), "PRINTED", 7);
+  ks_io_write(io, "|", 1);
+  EXPECT_EQ(mapped(), "PRINTED|");
+  const Line line = make_line();
+  io->sockfd = dup(line.theirs);
+  io->peer_pid = 1;
+  EXPECT_TRUE(ks_io_alive(io));
+  EXPECT_EQ(write(line.ours, "?", 1), 1);
+  EXPECT_FALSE(ks_io_alive(io)) << "it has more to say, so it does not wait";
+  ks_io_free(io);
+}
+
+// By the first word of their SHA-1, without leading zeros.
+TEST(Names, BecomeSocketFiles) {
+  const std::pair<std::size_t, const char*> rows[] = {
+      {0, "DA39A3EE"}, {1, "86F7E437"}, {55, "C1C8BBDC"}, {56, "C2DB330F"}, {63, "3F09F5B"}, {64, "98BA82"},
+  };
+  for (const auto& [length, word] : rows) {
+    ks_handle* handle = ks_create(std::string(length, 'a').c_str(), kThreads, 1, kExec);
+    EXPECT_EQ(handle->sockfile, "/var/run/ks/" + std::string(word) + ".sock");
+    ks_free(handle);
+  }
+}
+
+volatile sig_atomic_t last_signal = 0;
+
+TEST_F(GuardedTest, SignalsReachTheirHandlersAndCrashesEndTheProcess) {
+  const ChildOutcome outcome = in_child([] {
+    for (const int signum : {SIGUSR1, SIGHUP}) ks_signal(signum, [](int got) { last_signal = got; });
+    ks_signal(SIGHUP, nullptr);
+    ks_sig_dispatch(SIGHUP);  // as if it had been on its way
+    if (last_signal == 0 && raise(SIGUSR1) == 0 && last_signal == SIGUSR1) ks_crash_install();
+    limit_descriptors(0);  // and so no entry in the real kernel log
+    raise(SIGSEGV);
+  });
+  EXPECT_EQ(outcome.status, 1 << 8);
+  EXPECT_EQ(outcome.error, "Segmentation fault\n");
+}
+
+TEST_F(ServiceTest, ErrorsThatEndTheProcessSayWhatWasWrong) {
+  ks_io foreign{};
+  const std::string at = (std::ostringstream() << static_cast<void*>(&foreign)).str();
+  const std::string is_io = ": `io && (*(u_int32_t*) io == KS_IO_MAGIC)'";
+  const auto start = [&](const std::string& where) {
+    ks_handle* service = ks_create(("@" + in_dir(where)).c_str(), kThreads, 1, kExec);
+    ks_start(service);
+    ks_start(service);
+  };
+  const Fd file(open(in_dir("file").c_str(), O_CREAT, 0600));
+  const struct {
+    std::string line;  // without "[ABORT] @" in front
+    std::function<void()> call;
+  } rows[] = {
+      {"ks_io_free() cannot free incorrect ks_io (nil)" + is_io, [] { ks_io_free(nullptr); }},
+      {"ks_io_pid() cannot fetch incorrect ks_io " + at + " pid" + is_io, [&] { ks_io_pid(&foreign); }},
+      {"ks_reply() cannot response incorrect ks_io " + at + is_io, [&] { ks_reply(&foreign); }},
+      {"ks_stop() cannot stop incorrect ks_handle (nil): "
+       "`service_handle && (*(u_int32_t*) service_handle == KS_HANDLE_MAGIC)'",
+       [] { ks_free(nullptr); }},
+      {"ks_create() name cannot be NULL and maximum characters is 64: "
+       "`name && strlen(name) <= MAXIMUM_NAME_SIZE'",
+       [] { ks_create(std::string(65, 'n').c_str(), kThreads, 1, kExec); }},
+      {"ks_create() mode only work KS_PROCESS_MODE or KS_PTHREAD_MODE: "
+       "`(mode | KS_PROCESS_MODE) == KS_PROCESS_MODE || "
+       "(mode | KS_PROCESS_MODE) == (KS_STANDALONE | KS_PROCESS_MODE) || "
+       "(mode | KS_PTHREAD_MODE) == KS_PTHREAD_MODE || "
+       "(mode | KS_PTHREAD_MODE) == (KS_STANDALONE | KS_PTHREAD_MODE)'",
+       [] { ks_create("n", KS_PROCESS_MODE | KS_PTHREAD_MODE, 1, kExec); }},
+      {"ks_io_realloc() create memory map fail: `io->shared_data != MAP_FAILED'",
+       [] { ks_io_realloc(ks_io_create(), std::uint64_t{1} << 62); }},
+      {"ks_start() cannot start service twice: `service_handle->worker == NULL'", [&] { start("s"); }},
+      {"ks_producer_worker_init() " + in_dir("file") + " is not a sock file: `S_ISSOCK(st.st_mode)'",
+       [&] { start("file"); }},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.line);
+    const ChildOutcome outcome = in_child(row.call);
+    EXPECT_TRUE(WIFSIGNALED(outcome.status) && WTERMSIG(outcome.status) == SIGABRT) << outcome.status;
+    EXPECT_EQ(outcome.error, "[ABORT] @" + row.line + "\n");
+  }
+}
+
+}  // namespace

@@ -1,6 +1,10 @@
 // The commands: request -> the call that a platform program or library saw -> reply, whatever state that
 // is in.
+#include <sys/xattr.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <iterator>
 
@@ -102,6 +106,23 @@ std::string base64(const std::string& bytes) {
   return encoded;
 }
 
+constexpr char kUsage[] = "system_get_tiermount_cloud_usage";
+
+// Before the stand-in takes the real reader's place: what the file system holds.
+class RealReader : public DaemonTest {};
+
+TEST_F(RealReader, AnswersWithTheAttributeOfTheFile) {
+  const std::string path = "/tmp/tiered folder";
+  const std::string body = "{\"full_path\":\"" + base64(path) + "\"}";
+  write_file(path, "");
+  EXPECT_EQ(answer(kUsage, body), command(kUsage).failure) << "no attribute";
+  const std::string value("1048576\0 of 7", 13);
+  if (setxattr(path.c_str(), "trusted.tm.cloud_usage", value.data(), value.size(), 0) != 0) {
+    GTEST_SKIP() << "no trusted attributes here: " << std::strerror(errno);
+  }
+  EXPECT_EQ(answer(kUsage, body), R"({"result":0,"size_info":")" + base64(value) + "\"}");
+}
+
 class Commands : public DaemonTest {
  protected:
   // The attribute reader is the machine's own. It is deleted first: an ordinary user's view forbids to change
@@ -139,7 +160,6 @@ TEST_F(Commands, EachMakesItsCallAndAnswersByWhatComesOfIt) {
 }
 
 TEST_F(Commands, WhatProgramsPrintIsReadAsFarAsItMakesSense) {
-  constexpr char kUsage[] = "system_get_tiermount_cloud_usage";
   const auto ok = [](const std::string& member, const std::string& value) {
     return R"({"result":0,")" + member + "\":\"" + value + "\"}";
   };

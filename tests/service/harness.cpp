@@ -61,7 +61,11 @@ Service::Service(const std::string& path, std::uint32_t mode, std::uint64_t work
 void Service::start() {
   if ((handle_->mode & KS_STANDALONE) != 0) return ks_start(handle_);
   runner_ = std::jthread(ks_start, handle_);
-  ASSERT_TRUE(eventually([this] { return std::atomic_ref(handle_->worker).load() != nullptr; }));
+  ASSERT_TRUE(eventually([this] {
+    ks_worker* const workers = std::atomic_ref(handle_->worker).load();
+    return workers != nullptr &&
+           std::atomic_ref(workers[handle_->service_size].phase).load() == kProducerRunning;
+  }));
 }
 
 void Service::stop() {

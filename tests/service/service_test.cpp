@@ -167,7 +167,8 @@ TEST_F(ServiceTest, ClientsTellHowTheirRequestsFailedAndLeaveAnEmptyRecord) {
       {[](Peer& p) { p.leave(); }, KS_STATUS_BROKEN},
       {[](Peer& p) { p.bytes("\x09..."); }, KS_STATUS_BROKEN},
       {[](Peer& p) {
-         while (p.record(KS_DIR_ASK).next() > 0) Fd(receive_descriptor(p.fd(), 1000));
+         while (p.record(KS_DIR_ASK).next() > 0)
+           Fd(receive_descriptor(p.fd(), std::chrono::steady_clock::now() + std::chrono::seconds(1)));
        },
        KS_STATUS_OK},
       {[](Peer&) {}, KS_STATUS_TIMEOUT},

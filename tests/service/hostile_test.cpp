@@ -39,7 +39,7 @@ const Row kRows[] = {
     {"empty file", [](Peer& p) { p.request("echo").fds({memory_file("")}); }, true},
     {"sealable file", [](Peer& p) { p.request("echo").fds({kSealable}); }, true},
     {"no shrinking", [](Peer& p) { p.request("echo").fds({odd_file(4, F_SEAL_SHRINK)}); }},
-    {"no writing from now on", [](Peer& p) { p.request("echo").fds({odd_file(4, F_SEAL_FUTURE_WRITE)}); }},
+    {"no writing from now on", [](Peer& p) { p.request("echo").fds({odd_file(0, F_SEAL_FUTURE_WRITE)}); }},
     {"read-only file", [](Peer& p) { p.request("echo").fds({Fd(open(kBodyPath.c_str(), O_RDONLY))}); }},
     {"too large to map", [](Peer& p) { p.request("echo").fds({odd_file(off_t{1} << 62, 0)}); }},
     {"file on disk", [](Peer& p) { p.request("echo").fds({Fd(open("/tmp", O_RDWR | O_TMPFILE, 0600))}); }},

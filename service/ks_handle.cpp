@@ -123,7 +123,6 @@ void ks_producer_worker_init(ks_handle* handle, ks_worker* producer) {
   producer->sockfd[0] = -1;
   producer->transfer_fd = -1;
   producer->client_fd = -1;
-  producer->phase = kProducerStarting;
   producer->type = KS_PTHREAD_MODE;
   listen_on(producer, handle->sockfile);
   producer->pollfd = epoll_create(1);

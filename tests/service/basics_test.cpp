@@ -29,7 +29,8 @@ TEST_F(GuardedTest, RequestsAreAppendedToAndKnowTheirClient) {
   ks_io_write(io, "|", 1);
   EXPECT_EQ(mapped(), "PRINTED|");
   const Line line = make_line();
-  io->sockfd = dup(line.theirs);
+  limit_descriptors(4096);
+  io->sockfd = fcntl(line.theirs, F_DUPFD, 2500);  // more than fits into a select set
   io->peer_pid = 1;
   EXPECT_TRUE(ks_io_alive(io));
   EXPECT_EQ(write(line.ours, "?", 1), 1);
@@ -80,7 +81,6 @@ TEST_F(ServiceTest, ErrorsThatEndTheProcessSayWhatWasWrong) {
   } rows[] = {
       {"ks_io_free() cannot free incorrect ks_io (nil)" + is_io, [] { ks_io_free(nullptr); }},
       {"ks_io_pid() cannot fetch incorrect ks_io " + at + " pid" + is_io, [&] { ks_io_pid(&foreign); }},
-      {"ks_reply() cannot response incorrect ks_io " + at + is_io, [&] { ks_reply(&foreign); }},
       {"ks_stop() cannot stop incorrect ks_handle (nil): "
        "`service_handle && (*(u_int32_t*) service_handle == KS_HANDLE_MAGIC)'",
        [] { ks_free(nullptr); }},

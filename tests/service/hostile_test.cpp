@@ -35,7 +35,6 @@ const Row kRows[] = {
     {"a file that nobody asked for", [](Peer& p) { p.request("leave").fds({kBody}).fds({kBody}); }},
     {"a name without an end", [](Peer& p) { p.request(kEndless).fds({kBody}); }, true},
     {"a forged hand-over", [](Peer& p) { p.record(KS_DIR_TRANSFER).fds({kBody}); }},
-    {"a forged quit", [](Peer& p) { p.record(KS_DIR_QUIT); }},
     {"empty file", [](Peer& p) { p.request("echo").fds({memory_file("")}); }, true},
     {"sealable file", [](Peer& p) { p.request("echo").fds({kSealable}); }, true},
     {"no shrinking", [](Peer& p) { p.request("echo").fds({odd_file(4, F_SEAL_SHRINK)}); }},

@@ -7,7 +7,7 @@ install_missing() {
   missing=
   for package in $packages; do
     case $(dpkg-query --show --showformat='${Status}' "$package" 2>/dev/null) in
-      'install ok installed') ;;
+      *'install ok installed'*) ;; # once per architecture that it is installed for
       *) missing="$missing $package" ;;
     esac
   done

@@ -222,7 +222,7 @@ int main(int argc, char** argv) {
   }
   create_services();
   start_listeners();
-  main_service_over = !start_detached(pthread_ks_start);
+  if (!start_detached(pthread_ks_start)) main_service_over = true;
   start_detached(pthread_ks_send_mail_start);
   wait_for_stop();
 

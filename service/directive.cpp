@@ -18,6 +18,23 @@ constexpr std::size_t kControlMinimum = 16;
 
 using Clock = std::chrono::steady_clock;
 
+// One byte of payload, whose value nobody looks at, and room for a descriptor beside it. Points into itself.
+struct DescriptorMessage {
+  explicit DescriptorMessage(std::size_t control_length) {
+    header.msg_iov = &payload;
+    header.msg_iovlen = 1;
+    header.msg_control = control;
+    header.msg_controllen = control_length;
+  }
+  DescriptorMessage(const DescriptorMessage&) = delete;
+  DescriptorMessage& operator=(const DescriptorMessage&) = delete;
+
+  char byte = 0;
+  iovec payload{.iov_base = &byte, .iov_len = 1};
+  alignas(cmsghdr) char control[kControlSize] = {};
+  msghdr header{};
+};
+
 // Waits until there is something to read or the time is over.
 bool wait_readable(int sockfd, Clock::time_point deadline) {
   pollfd watched{.fd = sockfd, .events = POLLIN, .revents = 0};
@@ -73,38 +90,24 @@ bool read_directive(int sockfd, directive* record) {
 }
 
 bool send_descriptor(int sockfd, int fd) {
-  char byte = 0;
-  iovec payload{.iov_base = &byte, .iov_len = 1};
-  alignas(cmsghdr) char control[kControlSize] = {};
-  msghdr message{};
-  message.msg_iov = &payload;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = CMSG_LEN(sizeof(int));
-  cmsghdr* header = CMSG_FIRSTHDR(&message);
+  DescriptorMessage message(CMSG_LEN(sizeof(int)));
+  cmsghdr* header = CMSG_FIRSTHDR(&message.header);
   header->cmsg_level = SOL_SOCKET;
   header->cmsg_type = SCM_RIGHTS;
   header->cmsg_len = CMSG_LEN(sizeof(int));
   std::memcpy(CMSG_DATA(header), &fd, sizeof(fd));
-  return sendmsg(sockfd, &message, MSG_NOSIGNAL) == 1;
+  return sendmsg(sockfd, &message.header, MSG_NOSIGNAL) == 1;
 }
 
 int receive_descriptor(int sockfd, Clock::time_point deadline) {
-  char byte = 0;
-  iovec payload{.iov_base = &byte, .iov_len = 1};
-  alignas(cmsghdr) char control[kControlSize] = {};
-  msghdr message{};
-  message.msg_iov = &payload;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = sizeof(control);
+  DescriptorMessage message(kControlSize);
   ssize_t got;
   do {
-    got = recvmsg(sockfd, &message, MSG_DONTWAIT);  // as a rule it is there already
+    got = recvmsg(sockfd, &message.header, MSG_DONTWAIT);  // as a rule it is there already
   } while (got < 0 && (errno == EINTR || (errno == EAGAIN && wait_readable(sockfd, deadline))));
-  if (got < 1 || message.msg_controllen < kControlMinimum) return -1;
-  const int fd = take_first_descriptor(&message);
-  if ((message.msg_flags & MSG_CTRUNC) != 0) {
+  if (got < 1 || message.header.msg_controllen < kControlMinimum) return -1;
+  const int fd = take_first_descriptor(&message.header);
+  if ((message.header.msg_flags & MSG_CTRUNC) != 0) {
     if (fd >= 0) close(fd);
     return -1;
   }

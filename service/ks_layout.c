@@ -1,0 +1,37 @@
+// Holds the public header to what it promises: this file is compiled as strict C11, and pins the records whose
+// fields clients read, byte by byte. A library and a client built at different times have to agree on them, and
+// both processors that the daemon ships for lay them out alike.
+#include <stddef.h>
+
+#include "service/ks.h"
+
+#define AT(record, field, offset) _Static_assert(offsetof(record, field) == (offset), #record "." #field)
+
+AT(ks_io, magic, 0);
+AT(ks_io, memfd, 4);
+AT(ks_io, sockfd, 8);
+AT(ks_io, extra_fd, 12);
+AT(ks_io, request_name, 16);
+AT(ks_io, user_data, 280);
+AT(ks_io, shared_data, 288);
+AT(ks_io, shared_size, 296);
+AT(ks_io, peer_pid, 304);
+AT(ks_io, peer_uid, 308);
+AT(ks_io, peer_gid, 312);
+_Static_assert(sizeof(ks_io) == 320, "ks_io");
+
+AT(ks_handle, magic, 0);
+AT(ks_handle, paused, 4);
+AT(ks_handle, stopping, 5);
+AT(ks_handle, sockfile, 6);
+AT(ks_handle, name, 71);
+AT(ks_handle, mode, 136);
+AT(ks_handle, service_size, 144);
+AT(ks_handle, exec, 152);
+AT(ks_handle, init_hook, 160);
+AT(ks_handle, fini_hook, 176);
+AT(ks_handle, worker, 192);
+_Static_assert(sizeof(ks_handle) == 200, "ks_handle");
+
+AT(ks_epoll, fd, 4);
+_Static_assert(sizeof(ks_epoll) == 8, "ks_epoll");

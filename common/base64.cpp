@@ -33,6 +33,12 @@ int base64_encode(const std::string& in, std::string* out) {
   return static_cast<int>(out->size());
 }
 
+std::string base64_text(const std::string& in) {
+  std::string text;
+  base64_encode(in, &text);
+  return text;
+}
+
 std::size_t base64_decode(const std::string& in, std::string* out) {
   std::string decoded;
   std::uint32_t bits = 0;

@@ -4,6 +4,7 @@
 #include <json/writer.h>
 
 #include <cstdint>
+#include <memory>
 
 #include "common/log.h"
 
@@ -67,3 +68,19 @@ std::string json_write(const Json::Value& value) {
 }
 
 #pragma GCC diagnostic pop
+
+bool json_parse_lenient(const std::string& text, Json::Value* root, std::string* errors) {
+  Json::CharReaderBuilder builder;
+  builder["collectComments"] = false;  // as above
+  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  try {
+    return reader->parse(text.data(), text.data() + text.size(), root, errors);
+  } catch (const Json::RuntimeError& error) {  // nested too deeply
+    *errors = error.what();
+    return false;
+  }
+}
+
+std::string json_write_indented(const Json::Value& value) {
+  return Json::writeString(Json::StreamWriterBuilder(), value);
+}

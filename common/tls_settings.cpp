@@ -1,0 +1,18 @@
+#include "common/tls_settings.h"
+
+#include <sys/stat.h>
+
+int get_ssl_protocols(std::string* protocols) {
+  *protocols = "All -SSLv2 -SSLv3 -TLSv1 -TLSv1.1";
+  return 0;
+}
+
+int get_ssl_cipher_suite(std::string* ciphers) {
+  *ciphers = "EECDH+CHACHA20:EECDH+AES";
+  return 0;
+}
+
+int has_ssl_chain_file() {
+  struct stat found {};
+  return stat(kChainFile, &found) == 0 ? 1 : 0;
+}

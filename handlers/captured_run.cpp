@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "common/process.h"
 #include "common/unique_fd.h"
@@ -44,6 +45,16 @@ std::string base_name(const std::string& path) {
   return path.substr(path.rfind('/') + 1);
 }
 
+std::string rootless_path(const std::string& path) {
+  return path.substr(path.find('/') + 1);
+}
+
+std::vector<std::string> argument_vector(std::string name, const std::vector<std::string>& arguments) {
+  std::vector<std::string> all = {std::move(name)};
+  all.insert(all.end(), arguments.begin(), arguments.end());
+  return all;
+}
+
 int exit_status(int status) {
   if (status == -1) return -1;
   return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
@@ -53,9 +64,11 @@ int run_quietly(const std::string& path, std::vector<std::string> arguments) {
   return exec_cmd(nullptr, nullptr, nullptr, path.c_str(), pointers_to(arguments).data());
 }
 
-CapturedRun::CapturedRun(const std::string& path, std::vector<std::string> arguments) {
+CapturedRun::CapturedRun(const std::string& path, std::vector<std::string> arguments, Streams streams) {
   if (!file_.valid()) return;
-  status_ = exec_cmd(file_.path().c_str(), nullptr, nullptr, path.c_str(), pointers_to(arguments).data());
+  const char* const output = file_.path().c_str();
+  const char* const error = streams == Streams::both ? output : nullptr;
+  status_ = exec_cmd(output, error, nullptr, path.c_str(), pointers_to(arguments).data());
 }
 
 std::string CapturedRun::output(std::size_t limit) const {
@@ -72,16 +85,19 @@ std::string CapturedRun::output(std::size_t limit) const {
 }
 
 std::optional<std::string> piped_output(const std::string& path, std::vector<std::string> arguments,
-                                        std::size_t chunk_size) {
-  const UniqueProgram program = start_piped(path, arguments);
+                                        std::size_t chunk_size, int* status) {
+  UniqueProgram program = start_piped(path, arguments);
   if (!program) return std::nullopt;
   std::string text;
   std::string chunk(chunk_size, '\0');
   for (;;) {
     const std::size_t got = std::fread(chunk.data(), 1, chunk_size, program.get());
     text.append(chunk, 0, strnlen(chunk.data(), got));
-    if (got < chunk_size) return text;
+    if (got < chunk_size) break;
   }
+  const int ended = pclose_cmd(program.release());
+  if (status != nullptr) *status = ended;
+  return text;
 }
 
 std::optional<std::string> piped_bytes(const std::string& path, std::vector<std::string> arguments,

@@ -13,6 +13,12 @@
 // called.
 std::string base_name(const std::string& path);
 
+// The text of `path` after its first "/", or all of it: the name that the cloud's and the log's programs are given.
+std::string rootless_path(const std::string& path);
+
+// A whole argument vector: `name`, then `arguments`.
+std::vector<std::string> argument_vector(std::string name, const std::vector<std::string>& arguments);
+
 // What is told of a program whose raw wait status is `status`: its exit status, 128 + the number of the
 // signal that killed it, as shells count, or -1 when nothing was run.
 int exit_status(int status);
@@ -25,18 +31,21 @@ int exit_status(int status);
 // 127 for a program that cannot be executed, 0 when no process can be made.
 int run_quietly(const std::string& path, std::vector<std::string> arguments);
 
-// Its standard output goes to a temporary file, which lives as long as this object or until remove().
-// Standard error is discarded.
+enum class Streams { output, both };
+
+// Its standard output, or that and standard error in one, goes to a temporary file, which lives as long as this
+// object or until remove(), or for good after keep(). Standard error is discarded otherwise.
 class CapturedRun {
  public:
-  CapturedRun(const std::string& path, std::vector<std::string> arguments);
+  CapturedRun(const std::string& path, std::vector<std::string> arguments, Streams streams = Streams::output);
 
   // What exec_cmd has returned; -1 when no file could be made.
   int status() const { return status_; }
   // What the program has printed, at most `limit` bytes of it; empty when the file cannot be read.
-  std::string output(std::size_t limit) const;
+  std::string output(std::size_t limit = std::string::npos) const;
   // Removes the file early; false when that fails.
   bool remove() { return file_.remove(); }
+  void keep() { file_.release(); }
   const std::string& file() const { return file_.path(); }
 
  private:
@@ -46,12 +55,12 @@ class CapturedRun {
 
 // Its standard output comes through a pipe, all of it, in pieces of `chunk_size` bytes (the last one may be
 // shorter); of each piece only what stands before its first NUL is kept, as tools print texts. Standard error
-// is discarded, the environment is the daemon's, and how the program ends is not looked at: one that cannot
-// be executed has printed nothing. Nothing, with errno set, when no program can be started at all.
+// is discarded and the environment is the daemon's. A program that cannot be executed has printed nothing. The raw wait
+// status goes to `*status`, when given. Nothing, with errno set, when no program can be started at all.
 std::optional<std::string> piped_output(const std::string& path, std::vector<std::string> arguments,
-                                        std::size_t chunk_size);
+                                        std::size_t chunk_size, int* status = nullptr);
 
-// The same, but every byte counts, NULs included, and at most `limit` bytes are kept: the rest is read, so
+// The same, but the end of the program is not looked at, and every byte counts, NULs included, and at most `limit` bytes are kept: the rest is read, so
 // that the program can end, and dropped.
 std::optional<std::string> piped_bytes(const std::string& path, std::vector<std::string> arguments,
                                        std::size_t limit);

@@ -38,9 +38,7 @@ void nos_system_get_tiermount_cloud_usage_handler(ks_io* io, int) {
                                     kAttribute, path.c_str()},
                                    kMaxUsage + 1);
                    if (!usage || usage->empty() || usage->size() > kMaxUsage) return Outcome::failure;
-                   std::string encoded;
-                   base64_encode(*usage, &encoded);
-                   reply["size_info"] = encoded;
+                   reply["size_info"] = base64_text(*usage);
                    return Outcome::success;
                  });
 }

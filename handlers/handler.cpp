@@ -38,8 +38,9 @@ bool parse_request(const std::string& text, const char* log_name, const Params& 
   return !error;
 }
 
-void act(const char* log_name, const Action& action, Json::Value& reply) {
-  switch (action(reply)) {
+// Adds to `reply` what the outcome says and sends it, unless there is nothing to send.
+void conclude(const char* log_name, Outcome outcome, Layout layout, Json::Value& reply, ks_io* io) {
+  switch (outcome) {
     case Outcome::success:
       reply["result"] = 0;
       break;
@@ -49,7 +50,10 @@ void act(const char* log_name, const Action& action, Json::Value& reply) {
       break;
     case Outcome::own:
       break;
+    case Outcome::silent:
+      return;
   }
+  reply_json_string(layout == Layout::compact ? json_write(reply) : json_write_indented(reply), io);
 }
 
 }  // namespace
@@ -72,14 +76,29 @@ std::string read_request_text(ks_io* io) {
 
 void handle_request(ks_io* io, const char* log_name, const Params& params, const Action& action) {
   Json::Value reply;
-  if (parse_request(read_request_text(io), log_name, params, reply)) act(log_name, action, reply);
-  reply_json(reply, io);
+  const bool complete = parse_request(read_request_text(io), log_name, params, reply);
+  conclude(log_name, complete ? action(reply) : Outcome::own, Layout::compact, reply, io);
 }
 
 void handle_bare_request(ks_io* io, const char* log_name, const Action& action) {
   Json::Value reply;
-  act(log_name, action, reply);
-  reply_json(reply, io);
+  const Outcome outcome = action(reply);
+  conclude(log_name, outcome, Layout::compact, reply, io);
+}
+
+void handle_object_request(ks_io* io, const char* log_name, Layout layout, const ObjectAction& action) {
+  const std::string text = read_request_text(io);
+  Json::Value request;
+  Json::Value reply;
+  Outcome outcome = Outcome::own;
+  std::string errors;
+  if (json_parse_lenient(text, &request, &errors)) {
+    outcome = action(request, reply);
+  } else {
+    LOG_AT(log_name, "parse strInputArg failed, error=[%s]", errors.c_str());
+    refuse(reply, "input error");
+  }
+  conclude(log_name, outcome, layout, reply, io);
 }
 
 void reply_json_string(const std::string& text, ks_io* io) {

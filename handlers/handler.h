@@ -19,6 +19,7 @@
 //   Outcome::failure                     {"error_msg":"<log name> fail","result":-1}
 //   Outcome::success                     {"result":0} and what the action has set
 //   Outcome::own                         what the action has set
+//   Outcome::silent                      nothing: the dispatcher hangs up
 // A request without any body raises std::logic_error out of the handler, as does JSON that is not an object
 // (Json::LogicError); the dispatcher catches.
 #pragma once
@@ -32,7 +33,7 @@
 
 #include "service/ks.h"
 
-enum class Outcome { success, failure, own };
+enum class Outcome { success, failure, own, silent };
 
 // One parameter of a request: its member name and the variable that receives it, which says what type it must
 // be.
@@ -53,6 +54,16 @@ void handle_request(ks_io* io, const char* log_name, const Params& params, const
 
 // Runs a handler without parameters: the body is not looked at.
 void handle_bare_request(ks_io* io, const char* log_name, const Action& action);
+
+// How a reply stands on the wire: on one line, or on several, indented by tabs.
+enum class Layout { compact, indented };
+
+using ObjectAction = std::function<Outcome(const Json::Value& request, Json::Value& reply)>;
+
+// Runs a handler that takes its members from the request itself, by the library's own conversions (which throw) and with
+// defaults for those that are absent. Commas may trail in the body. For one that is not JSON, the log line has the
+// reader's account.
+void handle_object_request(ks_io* io, const char* log_name, Layout layout, const ObjectAction& action);
 
 // The request's body up to its first NUL, and at most its first 4 MiB (kMaxRequestText). Throws
 // std::logic_error when there is no body. Reads through the descriptor: the client can shrink the file under

@@ -32,19 +32,12 @@ constexpr std::size_t kScriptPathSize = 256;
 
 constexpr std::int32_t kReturnCommand = 3;  // the one "cmd" that the script has a use for
 
-// The path of `name` in the package's directory; empty when nobody knows where the package is.
-std::string packaged(const char* name, std::size_t size) {
-  std::string install_path;
-  if (!package_install_path(&install_path)) return {};
-  return format_bounded(size, "%s/%s", install_path.c_str(), name);
-}
-
 }  // namespace
 
 void nos_system_call_nc_notify_handler(ks_io* io, int) {
   std::string encoded;
   handle_request(io, "nos_system_call_nc_notify_handler", {{"nc_notify", &encoded}}, [&](Json::Value&) {
-    const std::string wrapper = packaged(kWrapper, kWrapperPathSize);
+    const std::string wrapper = package_file(kOwnPackage, kWrapper, kWrapperPathSize);
     std::string arguments;
     base64_decode(encoded, &arguments);
     // Not quoted: the arguments are the client's to quote. Without a wrapper the shell runs them by
@@ -61,7 +54,7 @@ void nos_return_handler(ks_io* io, int) {
   handle_request(
       io, "nos_return_handler", {{"cmd", &command}, {"type", &type}, {"acy", &acy}}, [&](Json::Value&) {
         if (command != kReturnCommand) return Outcome::failure;
-        const std::string script = packaged(kNotifyScript, kScriptPathSize);
+        const std::string script = package_file(kOwnPackage, kNotifyScript, kScriptPathSize);
         if (script.empty()) return Outcome::failure;
         const int status =
             run_quietly(script, {base_name(script), "NOTIFY_CMD", std::to_string(type), std::to_string(acy)});

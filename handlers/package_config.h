@@ -1,9 +1,19 @@
-// What the platform's package list says about our own application package.
+// What the platform's package list says about an application package.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
-// True when the list has the entry; `*path` is then its value, else untouched. Each call asks anew, for a
-// package can be moved or updated while the daemon runs. Any thread.
+inline constexpr char kOwnPackage[] = "VistalServer";
+
+// Each call asks anew, for a package can be moved or updated while the daemon runs. Any thread.
+
+// The path of the file `name`, relative to the package's directory, cut to `size` bytes, its terminator included; empty
+// when nobody knows where the package is.
+std::string package_file(const char* package, const char* name, std::size_t size);
+
+bool package_enabled(const char* package);
+
+// True when the list has the entry of our own package; `*path` is then its value, else untouched.
 bool package_install_path(std::string* path);
 bool package_control_script(std::string* path);

@@ -2,46 +2,26 @@
 // is success. One row per command says what differs.
 #include <algorithm>
 #include <array>
-#include <iterator>
-#include <stdexcept>
 #include <string>
 #include <string_view>
-#include <vector>
 
-#include "common/json_param.h"
 #include "handlers/analytics_tool.h"
 #include "handlers/captured_run.h"
 #include "handlers/handler.h"
 #include "handlers/handlers.h"
 #include "handlers/package_config.h"
+#include "handlers/tool_row.h"
 
 namespace {
 
 constexpr char kShareGuard[] = "/sbin/share_guard";
 constexpr char kShareUpdateScript[] = "/etc/init.d/vistal_smb_update.sh";
 
-// One argument of a program: fixed, or the request's parameter of that number. Empty slots end the list.
-struct Argument {
-  constexpr Argument() = default;
-  constexpr Argument(const char* fixed) : text(fixed) {}  // NOLINT: a row reads better without a name for it
-  constexpr explicit Argument(int number) : param(number) {}
-  const char* text = nullptr;
-  int param = -1;
-};
-
-constexpr Argument param(int number) {
-  return Argument(number);
-}
-
-// One for each parameter of a request; as many as any command has.
-template <typename Text>
-using Texts = std::array<Text, 4>;
-
 struct ToolCommand {
-  const char* command;
+  std::string_view command;
   const char* log_name;
-  Texts<const char*> params;  // all texts, in the order in which they are read
-  const char* program;        // null: the package's control script
+  ParamNames params;
+  const char* program;  // null: the package's control script
   std::array<Argument, 7> args;
 };
 
@@ -93,41 +73,23 @@ constexpr ToolCommand kToolCommands[] = {
      .args = {"kbus_kseek_list_add", param(0), param(1)}},
 };
 
-const ToolCommand& find_row(std::string_view command) {
-  const auto* row = std::find_if(std::begin(kToolCommands), std::end(kToolCommands),
-                                 [&](const ToolCommand& candidate) { return command == candidate.command; });
-  if (row == std::end(kToolCommands)) throw std::logic_error("no tool for this command");
-  return *row;
-}
-
-Outcome run_tool(const ToolCommand& row, const Texts<std::string>& values) {
+Outcome run_tool(const ToolCommand& row, const ParamValues& values) {
   std::string program;
   if (row.program != nullptr) {
     program = row.program;
   } else if (!package_control_script(&program)) {
     return Outcome::failure;
   }
-  std::vector<std::string> arguments = {base_name(program)};
-  for (const Argument& argument : row.args) {
-    if (argument.param >= 0) {
-      arguments.push_back(values[static_cast<std::size_t>(argument.param)]);
-    } else if (argument.text != nullptr) {
-      arguments.emplace_back(argument.text);
-    }
-  }
-  return run_quietly(program, std::move(arguments)) == 0 ? Outcome::success : Outcome::failure;
+  const int status =
+      run_quietly(program, argument_vector(base_name(program), arguments_of(row.args, values)));
+  return status == 0 ? Outcome::success : Outcome::failure;
 }
 
 }  // namespace
 
 void nos_tool_command_handler(ks_io* io, int) {
-  const ToolCommand& row = find_row(io->request_name);
-  Texts<std::string> values;
-  const auto action = [&](Json::Value&) { return run_tool(row, values); };
-  if (row.params[0] == nullptr) return handle_bare_request(io, row.log_name, action);
-  Params params;
-  for (std::size_t i = 0; i < row.params.size() && row.params[i] != nullptr; ++i) {
-    params.emplace_back(row.params[i], &values[i]);
-  }
-  handle_request(io, row.log_name, params, action);
+  const ToolCommand& row =
+      *std::ranges::find(kToolCommands, std::string_view(io->request_name), &ToolCommand::command);
+  handle_row(io, row.log_name, row.params,
+             [&](const ParamValues& values, Json::Value&) { return run_tool(row, values); });
 }

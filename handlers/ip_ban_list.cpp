@@ -1,0 +1,39 @@
+// `update_ip_ban_list`: the addresses that the appliance's front web server refuses, always as a whole.
+//
+//   request  {"ip_list": addresses, separated by commas, each as the web server reads it after "deny from"}
+//   writes   the server's fragment
+//   runs     /usr/local/apache/bin/httpd_proxy -k graceful -f /etc/httpd-sys-proxy.conf, then /etc/init.d/stunnel.sh reload
+//   reply    {"result": 0}, whatever the two made of it; the failure reply when nothing could be written
+#include <string>
+
+#include "common/process.h"
+#include "common/text.h"
+#include "handlers/fragment.h"
+#include "handlers/handler.h"
+#include "handlers/handlers.h"
+
+namespace {
+
+constexpr char kFragment[] = "/etc/default_config/apache/extra/vistalcms_ip_ban_list.conf";
+constexpr char kWebServer[] = "/usr/local/apache/bin/httpd_proxy";
+constexpr char kWebServerConfig[] = "/etc/httpd-sys-proxy.conf";
+constexpr char kTunnelScript[] = "/etc/init.d/stunnel.sh";
+
+std::string fragment_text(const std::string& addresses) {
+  std::string text = "<LocationMatch \"/.*\">\norder allow,deny\n";
+  for (const std::string& address : split_string(addresses, ",", true)) text += "deny from " + address + "\n";
+  return text + "allow from all\n</LocationMatch>\n";
+}
+
+}  // namespace
+
+void nos_update_ip_ban_list_handler(ks_io* io, int) {
+  std::string addresses;
+  handle_request(io, "nos_update_ip_ban_list_handler", {{"ip_list", &addresses}}, [&](Json::Value&) {
+    if (!write_fragment(kFragment, fragment_text(addresses))) return Outcome::failure;
+    // A server that does not run now reads the list when it starts.
+    exec_cmd_args(nullptr, nullptr, nullptr, kWebServer, "-k", "graceful", "-f", kWebServerConfig, nullptr);
+    exec_cmd_args(nullptr, nullptr, nullptr, kTunnelScript, "reload", nullptr);
+    return Outcome::success;
+  });
+}

@@ -1,0 +1,40 @@
+#include "handlers/logged_run.h"
+
+#include <cstddef>
+
+#include "common/base64.h"
+#include "common/log.h"
+#include "handlers/captured_run.h"
+
+namespace {
+
+void log_arguments(const char* log_name, const std::vector<std::string>& arguments, const char* end) {
+  for (std::size_t i = 0; i <= arguments.size(); ++i) {
+    const char* const text = i < arguments.size() ? arguments[i].c_str() : "(null)";
+    LOG_AT(log_name, "argv[%d] = [%s]%s", static_cast<int>(i), text, end);
+  }
+}
+
+}  // namespace
+
+Outcome run_logged(const char* log_name, const LoggedRun& run, Json::Value& reply) {
+  const char* const program = run.program.c_str();
+  const std::vector<std::string> arguments = argument_vector(base_name(run.program), run.arguments);
+  log_arguments(log_name, arguments, run.blank_after_argument ? " " : "");
+  CapturedRun captured(run.program, arguments);
+  if (captured.status() != 0) {
+    if (run.failure_shows_output) {
+      LOG_AT(log_name, "exec %s failed, ret_out=[%s]", program, captured.output().c_str());
+    } else {
+      LOG_AT(log_name, "exec %s failed, ret=[%d]", program, captured.status());
+    }
+    captured.keep();
+    return Outcome::silent;
+  }
+  const std::string output = captured.output();
+  LOG_AT(log_name, "exec %s succ, ret_out=[%s]", program, output.c_str());
+  const bool removed = captured.remove();
+  reply["result_out"] = base64_text(output);
+  reply["cli_ret"] = run.cli_ret_tells_removal && !removed ? -1 : 0;
+  return Outcome::success;
+}

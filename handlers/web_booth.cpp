@@ -1,0 +1,63 @@
+// `web_booth`: a browser in a container of the appliance, opened on a page and shown to the user.
+//
+//   request  {"action": "add", "delete" or "get_status", "auth_token": text, "rule_list": [{"bs_id": text,
+//            "des_protocol": scheme, "host_name": text, "des_port": number, "browser_type": text}]}; of the list only the
+//            first element counts
+//   runs     /usr/sbin/kesh web-booth.container.create token=... open_url=... ttl=300 resolution=1920x1080 type=...
+//            /usr/sbin/kesh web-booth.container.delete token=... id=...
+//            /usr/sbin/kesh web-booth.container token=... id=...
+//   reply    {"cli_ret": 0, "result": 0, "result_out": base64 of the output}; without a list {"error_code": -5,
+//            "error_msg": "jRuleList is empty"}; none when the tool failed, and for another action or none
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/log.h"
+#include "handlers/handler.h"
+#include "handlers/handlers.h"
+#include "handlers/logged_run.h"
+
+namespace {
+
+constexpr char kLogName[] = "nos_web_booth_handler";
+constexpr char kTool[] = "/usr/sbin/kesh";
+
+using Arguments = std::vector<std::string>;
+
+// Nothing for an action that the tool has no verb for.
+std::optional<Arguments> tool_arguments(const std::string& action, const std::string& token,
+                                        const Json::Value& rule) {
+  const std::string id = "id=" + rule.get("bs_id", "").asString();
+  std::string url = "open_url=" + rule.get("des_protocol", "http").asString();
+  url += "://" + rule.get("host_name", "").asString();
+  url += ":" + std::to_string(rule.get("des_port", 0).asInt());
+  const std::string type = "type=" + rule.get("browser_type", "chrome").asString();
+  if (action == "add") {
+    return Arguments{"web-booth.container.create", token, url, "ttl=300", "resolution=1920x1080", type};
+  }
+  if (action == "delete") return Arguments{"web-booth.container.delete", token, id};
+  if (action == "get_status") return Arguments{"web-booth.container", token, id};
+  return std::nullopt;
+}
+
+}  // namespace
+
+void nos_web_booth_handler(ks_io* io, int) {
+  handle_object_request(io, kLogName, Layout::compact, [](const Json::Value& request, Json::Value& reply) {
+    const std::string action = request.get("action", "remove").asString();
+    const Json::Value rules = request.get("rule_list", Json::arrayValue);
+    const std::string token = "token=" + request.get("auth_token", "").asString();
+    if (rules.size() == 0) {  // not empty(), which does not take a text for a list without elements
+      LOG_AT(kLogName, "jRuleList is empty");
+      reply["error_code"] = -5;
+      reply["error_msg"] = "jRuleList is empty";
+      return Outcome::own;
+    }
+    const std::optional<Arguments> arguments = tool_arguments(action, token, rules[0]);
+    if (!arguments) {
+      LOG_AT(kLogName, "unknown action = %s", action.c_str());
+      return Outcome::silent;
+    }
+    return run_logged(kLogName, {.program = kTool, .arguments = *arguments}, reply);
+  });
+}

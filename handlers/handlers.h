@@ -15,6 +15,23 @@ void exec_cli_handler(ks_io* io, int extra_fd);
 // tool_commands.cpp: every command that does nothing but run one platform tool
 void nos_tool_command_handler(ks_io* io, int extra_fd);
 
+// cloud_commands.cpp: every command that returns what a cloud tool prints
+void nos_cloud_command_handler(ks_io* io, int extra_fd);
+
+// event_log.cpp
+void nos_system_call_evrec_tool_handler(ks_io* io, int extra_fd);
+void nos_system_connrec_tool_handler(ks_io* io, int extra_fd);
+
+// package_cli.cpp
+void nos_cmv_cli_handler(ks_io* io, int extra_fd);
+void vistal_agent_cli_handler(ks_io* io, int extra_fd);
+
+// ip_ban_list.cpp, reverse_proxy.cpp, web_booth.cpp, install_app.cpp
+void nos_update_ip_ban_list_handler(ks_io* io, int extra_fd);
+void nos_reverse_proxy_handler(ks_io* io, int extra_fd);
+void nos_web_booth_handler(ks_io* io, int extra_fd);
+void nos_install_app_handler(ks_io* io, int extra_fd);
+
 // sendmail.cpp
 void nos_sendmail_handler(ks_io* io, int extra_fd);
 

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <iterator>
+#include <regex>
 
 #include "common/base64.h"
 #include "harness.h"
@@ -27,6 +28,13 @@ constexpr char kSettings[] = "/usr/lib/libuCore_config.so.0.0";
 constexpr char kSessions[] = "/usr/lib/libuCore_nasauth.so.1.0.0";
 constexpr char kPackages[] = "/etc/config/kpkg.conf";
 
+constexpr char kDevices[] = "/usr/local/bin/kcloud_device_tool";
+constexpr char kTunnel[] = "/usr/local/bin/kcloud_tunnel_agent_tool";
+constexpr char kConfigReader[] = "/sbin/rdconf";
+constexpr char kHost[] = "/usr/sbin/get_kcloud_host";
+constexpr char kAgent[] = "/share/VistalServer/ext_service/ExtVistalCloudAgent/vistal_agent_cli";
+constexpr char kViewer[] = "/share/CayinMediaViewer/bin/rdconf";
+
 constexpr char kVpdCall[] = "hwctl_app|--vpd_get_field|enc_sys_id=root,obj_index=0:";
 constexpr char kX40[] = "xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx";
 
@@ -39,6 +47,15 @@ struct Command {
   const char* reply = R"({"result":0})";
   std::string failure = R"({"error_msg":"nos_)" + name + R"(_handler fail","result":-1})";
 };
+
+std::string tunnel(const std::string& command) {
+  return R"({"callback_path":"C","mode":"M","package_name":"P n","reg_id":"R","command":")" + command + "\"}";
+}
+
+std::string connection(const std::string& more) {
+  return R"({"log_type":1,"service_type":-2,"action_type":3,"log_mseg":"m \"m\"","user_name":"u","IP":"::1")" +
+         more + "}";
+}
 
 const Command kCommands[] = {
     {"system_call_share_guard_add", R"({"share_name":"Camera 1"})", kGuard,
@@ -90,6 +107,40 @@ const Command kCommands[] = {
      "", R"({"result":0,"user":"al ice"})"},
 };
 
+// The programs of these have no environment, even where their output is wanted.
+const Command kCapturingCommands[] = {
+    {"system_call_cloud_get_access_token", R"({"access_token":"t","client_id":"i d","client_secret":"s"})",
+     "/usr/local/bin/kcloud_auth_tool",
+     "usr/local/bin/kcloud_auth_tool|signin|-t|exchange_token|-a|t|-i|i d|-s|s|-o|json", "stdout {}\\n\n",
+     R"({"cli_ret":0,"result":0,"result_out":"e30K"})"},
+    {"system_call_cloud_kcm_tunnel_agent", tunnel("register_kcm"), kTunnel,
+     "usr/local/bin/kcloud_tunnel_agent_tool|register_kcm|-m|M|-p|P n|-c|C", "stdout a\nstderr b\n",
+     R"({"cli_ret":0,"result":0,"result_out":"YQ=="})"},
+    {"system_call_cloud_kcm_tunnel_agent", tunnel("unregister_kcm"), kTunnel,
+     "usr/local/bin/kcloud_tunnel_agent_tool|unregister_kcm|-r|R", "",
+     R"({"cli_ret":0,"result":0,"result_out":""})"},
+    {"system_call_cloud_kcm_tunnel_agent", tunnel("get_url"), kTunnel,
+     "usr/local/bin/kcloud_tunnel_agent_tool|get_url", "", R"({"cli_ret":0,"result":0,"result_out":""})"},
+    {"system_call_cloud_get_user_token", "not read", "/usr/bin/kcloud_cli", "usr/bin/kcloud_cli|-t",
+     "stdout a\\x00b\n", R"({"cli_ret":0,"result":0,"result_out":"YQBi"})"},
+    {"system_call_cloud_get_host_site", "", kHost, "usr/sbin/get_kcloud_host|-s", "",
+     R"({"cli_ret":0,"result":0,"result_out":""})"},
+    {"system_call_cloud_get_host_endpoint", "", kHost, "usr/sbin/get_kcloud_host|-n|k2_api", "",
+     R"({"cli_ret":0,"result":0,"result_out":""})"},
+    {"system_call_cloud_get_device_info", "", kDevices, "usr/local/bin/kcloud_device_tool|get_device_info",
+     "stdout a\n", R"({"device_info":"YQ==","result":0})"},
+    {"system_call_cloud_get_device_list", "", kDevices,
+     "usr/local/bin/kcloud_device_tool|get_device_list|-d|TALKBOX_IOS", "stdout [\"a\"]\\n\n",
+     R"({"device_list":"[\"a\"]\n","result":0})"},
+    {"read_hwsn", "", "/sbin/read_hwsn", "sbin/read_hwsn", "stdout Q1\\n\n",
+     R"({"result":0,"result_out":"UTEK"})"},
+    {"system_call_evrec_tool", R"({"log_mseg":"","log_type":-1})", "/sbin/evrec_tool",
+     "sbin/evrec_tool|-t|-1|-a|"},
+    {"system_connrec_tool", connection(R"(,"computer_name":"pc")"), "/sbin/connrec_tool",
+     "sbin/connrec_tool|-t|1|-i|-2|-n|3|-a|m \"m\"|-u|u|-p|::1|-m|pc", "", R"({"result":0})",
+     R"({"error_msg":"nos_system_call_evrec_tool_handler fail","result":-1})"},
+};
+
 const Command& command(const std::string& name) {
   return *std::find_if(std::begin(kCommands), std::end(kCommands),
                        [&](const Command& row) { return row.name == name; });
@@ -133,28 +184,31 @@ class Commands : public DaemonTest {
   }
 };
 
-TEST_F(Commands, EachMakesItsCallAndAnswersByWhatComesOfIt) {
-  for (const Command& command : kCommands) {
-    SCOPED_TRACE(command.name);
-    const auto ask = [&] {
-      return answer(command.name, command.body.empty() ? std::nullopt : std::optional(command.body));
-    };
-    const StandIn program(command.program);
-    program.plays(command.script);
-    EXPECT_EQ(ask(), command.reply);
-    EXPECT_EQ(program.calls().size(), 1u);
-    EXPECT_EQ(program.calls().at(0).line, command.call);
-    EXPECT_EQ(program.calls().at(0).bare, *command.script == '\0');
-    for (const char* script : {"exit 3\nreturn -1\n", "signal 9\nreturn -1\n"}) {
-      program.plays(script);
-      EXPECT_EQ(ask(), command.failure) << script;
-    }
-    program.remove();
-    EXPECT_EQ(ask(), command.failure) << "missing";
-    program.restore();
-    program.plays(command.script);
-    EXPECT_EQ(ask(), command.reply) << "restored";
+void try_out(const Command& command, bool without_environment) {
+  SCOPED_TRACE(command.name);
+  const auto ask = [&] {
+    return answer(command.name, command.body.empty() ? std::nullopt : std::optional(command.body));
+  };
+  const StandIn program(command.program);
+  program.plays(command.script);
+  EXPECT_EQ(ask(), command.reply);
+  EXPECT_EQ(program.calls().size(), 1u);
+  EXPECT_EQ(program.calls().at(0).line, command.call);
+  EXPECT_EQ(program.calls().at(0).bare, without_environment);
+  for (const char* script : {"exit 3\nreturn -1\n", "signal 9\nreturn -1\n"}) {
+    program.plays(script);
+    EXPECT_EQ(ask(), command.failure) << script;
   }
+  program.remove();
+  EXPECT_EQ(ask(), command.failure) << "missing";
+  program.restore();
+  program.plays(command.script);
+  EXPECT_EQ(ask(), command.reply) << "restored";
+}
+
+TEST_F(Commands, EachMakesItsCallAndAnswersByWhatComesOfIt) {
+  for (const Command& command : kCommands) try_out(command, *command.script == '\0');
+  for (const Command& command : kCapturingCommands) try_out(command, true);
   EXPECT_THAT(read_file("/proc/" + std::to_string(daemon_->pid()) + "/maps"),
               testing::Not(testing::HasSubstr("libuCore")));
 }
@@ -188,14 +242,19 @@ TEST_F(Commands, WhatProgramsPrintIsReadAsFarAsItMakesSense) {
 }
 
 TEST_F(Commands, BadRequestsAreRefusedAndRunNothing) {
-  const std::pair<const char*, const char*> rows[] = {
+  const std::pair<const char*, std::string> rows[] = {
       {"system_call_share_guard_add", "{}"},
       {"system_call_share_guard_add", R"({"share_name":5})"},
       {"get_vpd_ext_area", R"({"offest":2147483648,"length":8})"},
       {"vistal_auth_get_session", R"({"type":1,"sid":"s2"})"},
-      {"notify_return", R"({"cmd":2,"type":1,"acy":"5"})"}};
+      {"notify_return", R"({"cmd":2,"type":1,"acy":"5"})"},
+      {"system_call_evrec_tool", R"({"log_type":"1","log_mseg":""})"},
+      {"system_call_cloud_kcm_tunnel_agent", R"({"command":"get_url"})"},
+      {"system_connrec_tool", connection("")}};
   for (const auto& [name, body] : rows)
     EXPECT_EQ(answer(name, body), R"({"error_code":-1,"error_msg":"paser fail"})") << body;
+  EXPECT_EQ(answer("system_call_cloud_kcm_tunnel_agent", tunnel("GET_URL")),
+            R"({"error_code":-6,"error_msg":"not support command"})");
   EXPECT_EQ(new_log(), "");
   const StandIn tool(kGuard);
   EXPECT_EQ(answer("system_call_share_guard_add", "{\"share_name\":\"x\""),
@@ -280,6 +339,110 @@ TEST_F(Commands, WhatALibraryTellsIsHeldAgainstWhatItGives) {
   accounts.remove();
   fs::copy_file(kSettings, kAccounts);
   EXPECT_EQ(answer(users.name), users.failure) << "lacks the function";
+}
+
+// What the log says, line by line, without the time and the line numbers of the source.
+std::string without_numbers(const std::string& log) {
+  return std::regex_replace(std::regex_replace(log, std::regex("\\[[0-9]+\\] \\[[^\\]]*\\] "), ""),
+                            std::regex("\\]\\[[0-9]+\\] "), "] ");
+}
+
+TEST_F(Commands, CloudToolsAreHeardAsTheyAre) {
+  const StandIn devices(kDevices), settings(kConfigReader), version("/usr/sbin/kcloud_tool"),
+      id("/sbin/read_suid");
+  const auto status = [](const std::string& result, const std::string& output) {
+    return R"({"device_status":")" + base64(output) + "\"," + result + "}";
+  };
+  const std::string failed =
+      R"("error_msg":"nos_system_call_cloud_get_device_status_handler fail","result":)";
+  const std::pair<const char*, std::string> statuses[] = {
+      {"stderr no cloud\n", status("\"result\":0", "no cloud")},
+      {"stdout a\nstderr b\nstdout c\nexit 3\n", status(failed + "768", "abc")},
+      {"signal 9\n", status(failed + "9", "")}};
+  for (const auto& [script, reply] : statuses) {
+    devices.plays(script);
+    EXPECT_EQ(answer("system_call_cloud_get_device_status"), reply) << script;
+  }
+  const std::pair<const char*, const char*> services[] = {
+      {"a\\nb", "a"}, {"abc\\n", "abc"}, {"a\\n\\n", "a\n"}, {"abc", "abc"}, {"\\n", ""}};
+  fs::rename(kConfigReader, "/sbin/aside");
+  fs::copy_file(kGuard, kConfigReader);
+  for (const auto& [output, kept] : services) {
+    settings.plays(std::string("stdout ") + output + "\n");
+    EXPECT_EQ(answer("system_call_cloud_get_kid_service", R"({"section_name":"S 1","field_name":"f"})"),
+              R"({"cli_ret":0,"result":0,"result_out":")" + base64(kept) + "\"}");
+    EXPECT_EQ(settings.calls().at(0).line, "sbin/rdconf|S 1|f|-f|/etc/config/kid.conf");
+  }
+  fs::rename("/sbin/aside", kConfigReader);
+  id.plays("stdout in the cloud\n");
+  const std::pair<const char*, const char*> versions[] = {
+      {"stdout VNOS_CLD\\nmore\nexit 3\n", "in the cloud"}, {"stdout VNOS_CLD \n", ""}};
+  for (const auto& [script, output] : versions) {
+    version.plays(script);
+    EXPECT_EQ(answer("read_hwsn"), R"({"result":0,"result_out":")" + base64(output) + "\"}") << script;
+    EXPECT_EQ(version.calls().at(0).line, "usr/sbin/kcloud_tool|-d");
+  }
+  EXPECT_EQ(new_log(), "") << "file names, arguments and tokens are nobody's business";
+}
+
+TEST_F(Commands, EntriesForTheLogsAreLoggedHereToo) {
+  const StandIn connections("/sbin/connrec_tool");
+  connections.plays("exit 1\n");
+  answer("system_call_evrec_tool", R"({"log_mseg":"a b","log_type":4})");
+  answer("system_connrec_tool", connection(R"(,"computer_name":"pc")"));
+  EXPECT_EQ(without_numbers(new_log()),
+            "[nos_system_call_evrec_tool_handler] argv:2 , index:-t .\n"
+            "[nos_system_call_evrec_tool_handler] argv:3 , index:4 .\n"
+            "[nos_system_call_evrec_tool_handler] argv:4 , index:-a .\n"
+            "[nos_system_call_evrec_tool_handler] argv:5 , index:a b .\n"
+            "[nos_system_connrec_tool_handler] LogType:1 , ServiceType:-2, ActionType:3, LogMsg:m \"m\", "
+            "UserName:u, "
+            "IP:::1, ComputerName:pc .\n"
+            "[nos_system_connrec_tool_handler] fail .\n");
+}
+
+TEST_F(Commands, PackageProgramsAreReportedWhateverBecomesOfThem) {
+  const StandIn viewer(kViewer), agent(kAgent);
+  const auto viewed = [](const std::string& more, int installed, int enabled, const std::string& output) {
+    return "{\"cli_ret\":" + more + ",\"is_enabled\":" + std::to_string(enabled) +
+           ",\"is_installed\":" + std::to_string(installed) +
+           ",\"result\":" + (more.find("error") == more.npos ? "0" : "-1") + ",\"result_out\":\"" +
+           base64(output) + "\"}";
+  };
+  viewer.plays("stdout a\\x00b\nbytes 1019\nstdout cd\nexit 3\n");
+  EXPECT_EQ(answer("cmv_cli", R"({"cmd":"a b"})"), viewed("768", 1, 1, "ad"));
+  EXPECT_EQ(viewer.calls().at(0).line, "rdconf|a b");
+  EXPECT_EQ(answer("cmv_cli", "{"), viewed(R"(-1,"error_code":-1,"error_msg":"input error")", 0, 0, ""));
+  EXPECT_THAT(without_numbers(new_log()), testing::EndsWith("[nos_cmv_cli_handler] ks_io input fail. [{]\n"));
+  EXPECT_EQ(answer("cmv_cli", "{}"), viewed(R"(-1,"error_code":-1,"error_msg":"paser fail")", 0, 0, ""));
+
+  agent.plays("stdout out\nsignal 9\n");
+  EXPECT_EQ(answer("vistal_agent_cli", R"({"opt":["status","-v x"]})"),
+            R"({"cli_ret":9,"result":0,"result_out":"b3V0"})");
+  EXPECT_EQ(agent.calls().at(0).line, std::string(kAgent + 1) + "|status|-v x");
+  EXPECT_EQ(agent.calls().at(0).bare, true);
+  EXPECT_THAT(without_numbers(new_log()),
+              testing::EndsWith("[vistal_agent_cli_handler] args=[status,-v x,], \n"
+                                "[vistal_agent_cli_handler] ret=[9][out]\n"));
+  EXPECT_EQ(answer("vistal_agent_cli", "{"), R"({"error_msg":"input error","result":-1})");
+  EXPECT_EQ(call(kMain, "vistal_agent_cli", R"({"opt":["a",1]})").status, KS_STATUS_BROKEN);
+  agent.remove();
+  EXPECT_EQ(answer("vistal_agent_cli", "{"),
+            R"({"error_msg":"vistal_agent_cli_path does not exist","result":-4})");
+  EXPECT_THAT(without_numbers(new_log()),
+              testing::EndsWith("vistal_agent_cli_path does not exist: " + std::string(kAgent) + "\n"));
+
+  // As far as the package list knows: enabled in another spelling, and nowhere.
+  fs::copy_file(kPackages, "/etc/config/aside");
+  write_file(kPackages, "[CayinMediaViewer]\nEnable = true\n");
+  const Json::Value missing = call(kMain, "cmv_cli", R"({"cmd":""})").json();
+  std::string message;
+  base64_decode(missing["result_out"].asString(), &message);
+  EXPECT_THAT(message,
+              testing::MatchesRegex(
+                  R"(\[nos_cmv_cli_handler\]\[[0-9]+\] cmv_cli_path=\[\] doesnt exist\. errno=\[2\])"));
+  EXPECT_EQ(answer("cmv_cli", R"({"cmd":""})"), viewed("-1", 0, 1, message));
+  fs::rename("/etc/config/aside", kPackages);
 }
 
 TEST_F(Commands, ConfigurationAndMarkerAreReadAsTheyAreNow) {

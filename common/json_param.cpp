@@ -69,7 +69,7 @@ std::string json_write(const Json::Value& value) {
 
 #pragma GCC diagnostic pop
 
-bool json_parse_lenient(const std::string& text, Json::Value* root, std::string* errors) {
+bool json_parse_builder(const std::string& text, Json::Value* root, std::string* errors) {
   Json::CharReaderBuilder builder;
   builder["collectComments"] = false;  // as above
   const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());

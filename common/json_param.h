@@ -1,8 +1,8 @@
-// Parameters of a request, and the one door to the JSON library's classic reader and writer.
+// Parameters of a request, and the one door to the JSON library's readers and writers.
 //
 // The library throws (std::exception) where a text is nested beyond its limit, a member is asked of something
-// that is no object, or a conversion cannot be made. Nothing in here catches, but for json_parse_lenient. All of it is safe on any thread
-// as long as nobody changes the values meanwhile.
+// that is no object, or a conversion cannot be made. Nothing in here catches, but for json_parse_builder. All
+// of it is safe on any thread as long as nobody changes the values meanwhile.
 #pragma once
 
 #include <json/value.h>
@@ -29,8 +29,9 @@ void json_value_type_name(const Json::Value& root, const std::string& key, std::
 // given, is then the reader's account for people.
 bool json_parse(const std::string& text, Json::Value* root, std::string* errors = nullptr);
 
-// The same by the library's newer reader, whose exceptions end up in `*errors` too. Besides comments it lets commas trail.
-bool json_parse_lenient(const std::string& text, Json::Value* root, std::string* errors);
+// The same by the library's newer reader, built with its default settings: it also lets commas trail, passes
+// over a byte-order mark, and what it throws becomes an account like any other. `errors` is not null.
+bool json_parse_builder(const std::string& text, Json::Value* root, std::string* errors);
 
 // The text of `value` on one line, members sorted by name, ending in a newline.
 std::string json_write(const Json::Value& value);

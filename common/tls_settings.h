@@ -1,10 +1,11 @@
-// What the appliance's own TLS services offer; whatever publishes something over TLS offers the same. Any thread.
+// What the appliance's own TLS services offer; whatever publishes something over TLS offers the same. Any
+// thread.
 #pragma once
 
 #include <string>
 
-// Replace `*protocols` with the accepted versions and `*ciphers` with the accepted cipher suites, in the web server's
-// syntax. Always 0.
+// Replace `*protocols` with the accepted versions and `*ciphers` with the accepted cipher suites, in the web
+// server's syntax. Always 0.
 int get_ssl_protocols(std::string* protocols);
 int get_ssl_cipher_suite(std::string* ciphers);
 

@@ -7,8 +7,8 @@
 //
 // Each request loads its library, makes one call and unloads the library, whatever comes of it: a library
 // that is missing, lacks the function or reports an error fails the command. What a call returns is copied or
-// owned here before the library goes. The count of a name list is held against the size of its block, which is
-// ours; a count beyond it fails the command as well.
+// owned here before the library goes. The count of a name list is held against the size of its block, which
+// is ours; a count beyond it fails the command as well.
 #include <malloc.h>
 
 #include <cstddef>

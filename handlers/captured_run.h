@@ -13,7 +13,8 @@
 // called.
 std::string base_name(const std::string& path);
 
-// The text of `path` after its first "/", or all of it: the name that the cloud's and the log's programs are given.
+// The text of `path` after its first "/", or all of it: the name that the cloud's and the log's programs are
+// given.
 std::string rootless_path(const std::string& path);
 
 // A whole argument vector: `name`, then `arguments`.
@@ -33,8 +34,8 @@ int run_quietly(const std::string& path, std::vector<std::string> arguments);
 
 enum class Streams { output, both };
 
-// Its standard output, or that and standard error in one, goes to a temporary file, which lives as long as this
-// object or until remove(), or for good after keep(). Standard error is discarded otherwise.
+// Its standard output, or that and standard error in one, goes to a temporary file, which lives as long as
+// this object or until remove(), or for good after keep(). Standard error is discarded otherwise.
 class CapturedRun {
  public:
   CapturedRun(const std::string& path, std::vector<std::string> arguments, Streams streams = Streams::output);
@@ -55,12 +56,13 @@ class CapturedRun {
 
 // Its standard output comes through a pipe, all of it, in pieces of `chunk_size` bytes (the last one may be
 // shorter); of each piece only what stands before its first NUL is kept, as tools print texts. Standard error
-// is discarded and the environment is the daemon's. A program that cannot be executed has printed nothing. The raw wait
-// status goes to `*status`, when given. Nothing, with errno set, when no program can be started at all.
+// is discarded and the environment is the daemon's. A program that cannot be executed has printed nothing.
+// The raw wait status goes to `*status`, when given. Nothing, with errno set, when no program can be started
+// at all.
 std::optional<std::string> piped_output(const std::string& path, std::vector<std::string> arguments,
                                         std::size_t chunk_size, int* status = nullptr);
 
-// The same, but the end of the program is not looked at, and every byte counts, NULs included, and at most `limit` bytes are kept: the rest is read, so
-// that the program can end, and dropped.
+// The same, but the end of the program is not looked at, and every byte counts, NULs included, and at most
+// `limit` bytes are kept: the rest is read, so that the program can end, and dropped.
 std::optional<std::string> piped_bytes(const std::string& path, std::vector<std::string> arguments,
                                        std::size_t limit);

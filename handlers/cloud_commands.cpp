@@ -1,9 +1,10 @@
-// The cloud's commands: each runs one of the platform's cloud tools and returns what it prints. One row per command says
-// what differs; those that do more than that have a function of their own.
+// The cloud's commands: each runs one of the platform's cloud tools and returns what it prints. One row per
+// command says what differs; those that do more than that have a function of their own.
 //
 //   request  the row's parameters
-//   reply    {"result": 0, MEMBER: base64 of the output} and, in most, "cli_ret": 0, or the failure reply when the tool
-//            does not exit with 0
+//   reply    {"result": 0, MEMBER: base64 of the output} and, in most, "cli_ret": 0, or the failure reply when
+//            the tool does not exit with 0. The device list is text instead of base64, and the device status
+//            comes with a failure, too.
 //
 // To add a command: a row here, a row in the daemon's table, an entry in docs/commands.md.
 #include <algorithm>
@@ -24,25 +25,17 @@ namespace {
 
 constexpr char kDeviceTool[] = "/usr/local/bin/kcloud_device_tool";
 constexpr char kHostTool[] = "/usr/sbin/get_kcloud_host";
-constexpr char kVersionTool[] = "/usr/sbin/kcloud_tool";
+constexpr char kIdentityTool[] = "/usr/sbin/kcloud_tool";
 constexpr char kSerialReader[] = "/sbin/read_hwsn";
 constexpr char kCloudSerialReader[] = "/sbin/read_suid";
-constexpr char kCloudVersion[] =
-    "VNOS_CLD";  // what the version tool prints on an appliance that runs in the cloud
+constexpr char kCloudIdentity[] = "VNOS_CLD";  // of an appliance that itself runs in the cloud
 
 struct CloudCommand;
 
 // Runs the row's program. The run is the caller's, who removes its output file.
-using Relay = Outcome (*)(const CloudCommand& row, const ParamValues& values, std::optional<CapturedRun>& run,
-                          Json::Value& reply);
-Outcome relay_output(const CloudCommand& row, const ParamValues& values, std::optional<CapturedRun>& run,
-                     Json::Value& reply);
-Outcome relay_status(const CloudCommand& row, const ParamValues& values, std::optional<CapturedRun>& run,
-                     Json::Value& reply);
-Outcome relay_tunnel_agent(const CloudCommand& row, const ParamValues& values,
-                           std::optional<CapturedRun>& run, Json::Value& reply);
-Outcome relay_serial(const CloudCommand& row, const ParamValues& values, std::optional<CapturedRun>& run,
-                     Json::Value& reply);
+using Relay = Outcome(const CloudCommand& row, const ParamValues& values, std::optional<CapturedRun>& run,
+                      Json::Value& reply);
+Relay relay_output, relay_status, relay_tunnel_agent, relay_serial;
 
 struct CloudCommand {
   std::string_view command;
@@ -50,7 +43,7 @@ struct CloudCommand {
   const char* program = nullptr;
   std::array<Argument, 11> args = {};
   const char* member = "result_out";
-  Relay relay = relay_output;
+  Relay* relay = relay_output;
   bool has_cli_ret = false;  // and an output file that cannot be removed is logged
   bool without_last_line_feed = false;
   bool as_text = false;       // not encoded
@@ -106,16 +99,16 @@ constexpr CloudCommand kCloudCommands[] = {
     {.command = "read_hwsn", .relay = relay_serial},
 };
 
-// What the tunnel agent is told after the command, by the command.
+// What the tunnel agent is told, by the command.
 struct TunnelCommand {
   std::string_view command;
-  std::array<Argument, 6> args;
+  std::array<Argument, 7> args;
 };
 
 constexpr TunnelCommand kTunnelCommands[] = {
-    {.command = "register_kcm", .args = {"-m", param(1), "-p", param(2), "-c", param(3)}},
-    {.command = "unregister_kcm", .args = {"-r", param(4)}},
-    {.command = "get_url", .args = {}},
+    {.command = "register_kcm", .args = {param(0), "-m", param(1), "-p", param(2), "-c", param(3)}},
+    {.command = "unregister_kcm", .args = {param(0), "-r", param(4)}},
+    {.command = "get_url", .args = {param(0)}},
 };
 
 std::string log_name_of(const CloudCommand& row) {
@@ -154,23 +147,22 @@ Outcome relay_status(const CloudCommand& row, const ParamValues& values, std::op
 
 Outcome relay_tunnel_agent(const CloudCommand& row, const ParamValues& values,
                            std::optional<CapturedRun>& run, Json::Value& reply) {
-  const std::string& command = values[0];
-  const auto* const known = std::ranges::find(kTunnelCommands, command, &TunnelCommand::command);
+  const auto* const known = std::ranges::find(kTunnelCommands, values[0], &TunnelCommand::command);
   if (known == std::end(kTunnelCommands)) {
     reply["error_msg"] = "not support command";
     reply["error_code"] = -6;
     return Outcome::own;
   }
-  start(run, row.program, argument_vector(command, arguments_of(known->args, values)));
+  start(run, row.program, arguments_of(known->args, values));
   return answer(row, *run, reply);
 }
 
 // An appliance that runs in the cloud has no hardware whose number could be read.
 Outcome relay_serial(const CloudCommand& row, const ParamValues&, std::optional<CapturedRun>& run,
                      Json::Value& reply) {
-  start(run, kVersionTool, {"-d"});
-  const std::string version = run->output();
-  const bool in_cloud = version.substr(0, version.find('\n')) == kCloudVersion;
+  start(run, kIdentityTool, {"-d"});
+  const std::string identity = run->output();
+  const bool in_cloud = identity.substr(0, identity.find('\n')) == kCloudIdentity;
   start(run, in_cloud ? kCloudSerialReader : kSerialReader, {});
   return answer(row, *run, reply);
 }
@@ -184,8 +176,7 @@ void clean_up(const CloudCommand& row, CapturedRun& run) {
 }  // namespace
 
 void nos_cloud_command_handler(ks_io* io, int) {
-  const CloudCommand& row =
-      *std::ranges::find(kCloudCommands, std::string_view(io->request_name), &CloudCommand::command);
+  const CloudCommand& row = row_of<CloudCommand>(kCloudCommands, io->request_name);
   std::optional<CapturedRun> run;
   handle_row(io, log_name_of(row).c_str(), row.params, [&](const ParamValues& values, Json::Value& reply) {
     const Outcome outcome = row.relay(row, values, run, reply);

@@ -4,8 +4,8 @@
 //   request  {"log_type": number, "log_mseg": text}
 //   runs     /sbin/evrec_tool -t LOG_TYPE -a LOG_MSEG
 // `system_connrec_tool`, the connection log
-//   request  {"log_type": number, "service_type": number, "action_type": number, "log_mseg": text, "user_name": text,
-//            "IP": text, "computer_name": text}
+//   request  {"log_type": number, "service_type": number, "action_type": number, "log_mseg": text,
+//            "user_name": text, "IP": text, "computer_name": text}
 //   runs     /sbin/connrec_tool -t LOG_TYPE -i SERVICE_TYPE -n ACTION_TYPE -a LOG_MSEG -u USER_NAME -p IP
 //            -m COMPUTER_NAME
 //

@@ -13,8 +13,8 @@
 namespace {
 
 // Longer bodies are cut here, and are then no JSON as a rule: parsed values take up to fifty times the memory
-// of their text, and a client shall not be able to use up the appliance's. The longest known body is a list of
-// addresses of some hundred kilobytes.
+// of their text, and a client shall not be able to use up the appliance's. The longest known body is a list
+// of addresses of some hundred kilobytes.
 constexpr std::size_t kMaxRequestText = 4 * 1024 * 1024;
 constexpr std::size_t kReadSize = 16 * 1024;
 
@@ -92,7 +92,7 @@ void handle_object_request(ks_io* io, const char* log_name, Layout layout, const
   Json::Value reply;
   Outcome outcome = Outcome::own;
   std::string errors;
-  if (json_parse_lenient(text, &request, &errors)) {
+  if (json_parse_builder(text, &request, &errors)) {
     outcome = action(request, reply);
   } else {
     LOG_AT(log_name, "parse strInputArg failed, error=[%s]", errors.c_str());

@@ -13,14 +13,15 @@
 //       });
 //     }
 //
-// and the skeleton sends, one line of JSON each:
+// and the skeleton sends, one line of JSON each (handle_object_request has its own layout):
 //   the body is not JSON                 {"error_code":-1,"error_msg":"input error"}     and one log line
 //   a parameter is missing or mistyped   {"error_code":-1,"error_msg":"paser fail"}
 //   Outcome::failure                     {"error_msg":"<log name> fail","result":-1}
 //   Outcome::success                     {"result":0} and what the action has set
 //   Outcome::own                         what the action has set
 //   Outcome::silent                      nothing: the dispatcher hangs up
-// A request without any body raises std::logic_error out of the handler, as does JSON that is not an object
+// A request without any body raises std::logic_error out of the handler, as does JSON that is neither an
+// object nor null
 // (Json::LogicError); the dispatcher catches.
 #pragma once
 
@@ -60,9 +61,10 @@ enum class Layout { compact, indented };
 
 using ObjectAction = std::function<Outcome(const Json::Value& request, Json::Value& reply)>;
 
-// Runs a handler that takes its members from the request itself, by the library's own conversions (which throw) and with
-// defaults for those that are absent. Commas may trail in the body. For one that is not JSON, the log line has the
-// reader's account.
+// Runs a handler that takes its members from the request itself, by the library's own conversions and with
+// defaults for those that are absent; what the action throws passes through. The body is read by
+// json_parse_builder. For one that is not JSON, the log line has the reader's account. `layout` holds for
+// every reply, the refusal included.
 void handle_object_request(ks_io* io, const char* log_name, Layout layout, const ObjectAction& action);
 
 // The request's body up to its first NUL, and at most its first 4 MiB (kMaxRequestText). Throws

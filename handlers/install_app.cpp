@@ -1,8 +1,10 @@
 // `install_app`: installs an application package by the package centre's script.
 //
-//   request  {"sys_install_folder": folder of the script, "app_file_path": the package, "install_volume": text, not used}
+//   request  {"sys_install_folder": folder of the script, "app_file_path": the package, "install_volume": text,
+//            not used}
 //   runs     SYS_INSTALL_FOLDER/script/operate_kpkgcenter_app.sh install APP_FILE_PATH
-//   reply    {"cli_ret": 0, "result": 0, "result_out": base64 of the output}, indented; none when the script failed
+//   reply    {"cli_ret": 0, "result": 0, "result_out": base64 of the output}, indented; none when the script
+//            failed
 #include <stdlib.h>
 
 #include <cstddef>
@@ -18,9 +20,9 @@ namespace {
 constexpr char kLogName[] = "nos_install_app_handler";
 constexpr std::size_t kScriptPathSize = 1024;  // bytes, terminator included
 
-// Tells programs that are started with the daemon's environment from then on, not this command's script, that they may
-// install. Once, because other threads read the environment meanwhile: that the C library replaces the array of its own
-// start is harmless to them, that it grows its replacement would not be.
+// Tells programs that are started with the daemon's environment from then on, not this command's script, that
+// they may install. Once, because other threads read the environment meanwhile: that the C library replaces
+// the array of its own start is harmless to them, that it grows its replacement would not be.
 void allow_installation() {
   static char variable[] = "KPKGD=ALLOW";  // becomes part of the environment
   static const int done = putenv(variable);
@@ -33,7 +35,7 @@ void nos_install_app_handler(ks_io* io, int) {
   handle_object_request(io, kLogName, Layout::indented, [](const Json::Value& request, Json::Value& reply) {
     const std::string folder = request.get("sys_install_folder", "").asString();
     const std::string package = request.get("app_file_path", "").asString();
-    (void)request.get("install_volume", "").asString();  // must be a text, but the script chooses the volume
+    (void)request.get("install_volume", "").asString();  // must be convertible, but is not passed on
     allow_installation();
     const LoggedRun run = {
         .program = format_bounded(kScriptPathSize, "%s/script/operate_kpkgcenter_app.sh", folder.c_str()),

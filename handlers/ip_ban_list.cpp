@@ -2,7 +2,8 @@
 //
 //   request  {"ip_list": addresses, separated by commas, each as the web server reads it after "deny from"}
 //   writes   the server's fragment
-//   runs     /usr/local/apache/bin/httpd_proxy -k graceful -f /etc/httpd-sys-proxy.conf, then /etc/init.d/stunnel.sh reload
+//   runs     /usr/local/apache/bin/httpd_proxy -k graceful -f /etc/httpd-sys-proxy.conf, then
+//            /etc/init.d/stunnel.sh reload
 //   reply    {"result": 0}, whatever the two made of it; the failure reply when nothing could be written
 #include <string>
 

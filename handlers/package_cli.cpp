@@ -3,20 +3,23 @@
 // `cmv_cli`, the media viewer's
 //   request  {"cmd": text}
 //   runs     INSTALL_PATH/bin/rdconf CMD
-//   reply    {"cli_ret": raw wait status, "is_enabled": 1 or 0, "is_installed": 1 or 0, "result": 0, "result_out": base64
-//            of the output}; without the program a success too: "cli_ret" -1, "is_installed" 0, and a message as output.
-//            With "error_msg", "error_code" and "result" -1 when the request is refused or nothing can be started.
+//   reply    {"cli_ret": raw wait status, "is_enabled": 1 or 0, "is_installed": 1 or 0, "result": 0,
+//            "result_out": base64 of the output}; without the program a success too, with "cli_ret" -1,
+//            "is_installed" 0 and a message as output. "result" is -1, with "error_msg" and "error_code", when
+//            the request is refused or nothing can be started.
 // `vistal_agent_cli`, our own cloud agent's
 //   request  {"opt": [argument, ...]}
 //   runs     INSTALL_PATH/ext_service/ExtVistalCloudAgent/vistal_agent_cli OPT...
-//   reply    {"cli_ret": raw wait status, "result": 0, "result_out": base64 of the output}, however the program ended;
-//            "error_msg" and a negative "result" without a program or a request.
+//   reply    {"cli_ret": raw wait status, "result": 0, "result_out": base64 of the output}, however the program
+//            ended; "error_msg" and a negative "result" without a program or a request; none for an option that
+//            is no text.
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/base64.h"
@@ -125,15 +128,15 @@ void vistal_agent_cli_handler(ks_io* io, int) {
     LOG_AT(kAgentLogName, "ks_io input fail.");
     return refuse_with("input error", -1);
   }
-  std::vector<std::string> arguments;
+  std::vector<std::string> arguments = {rootless_path(path)};
   std::string list;
-  const Json::Value options = request.get("opt", Json::arrayValue);
+  const Json::Value& options = std::as_const(request)["opt"];  // not get(), which copies
   for (Json::ArrayIndex i = 0; i < options.size(); ++i) {
     arguments.emplace_back(options[i].asCString());  // throws for what is no text
     list += arguments.back() + ",";
   }
   log_write("[%s] args=[%s], ", kAgentLogName, list.c_str());
-  CapturedRun run(path, argument_vector(rootless_path(path), arguments));
+  CapturedRun run(path, std::move(arguments));
   const std::string output = run.output();
   run.remove();
   log_write("[%s] ret=[%d][%s]", kAgentLogName, run.status(), output.c_str());

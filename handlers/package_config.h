@@ -8,10 +8,11 @@ inline constexpr char kOwnPackage[] = "VistalServer";
 
 // Each call asks anew, for a package can be moved or updated while the daemon runs. Any thread.
 
-// The path of the file `name`, relative to the package's directory, cut to `size` bytes, its terminator included; empty
-// when nobody knows where the package is.
+// The path of the file `name`, relative to the package's directory, cut to `size` bytes, its terminator
+// included; empty when nobody knows where the package is.
 std::string package_file(const char* package, const char* name, std::size_t size);
 
+// Whether its entry Enable is TRUE, in any case; false when there is none.
 bool package_enabled(const char* package);
 
 // True when the list has the entry of our own package; `*path` is then its value, else untouched.

@@ -1,12 +1,13 @@
 // `reverse_proxy`: publishes web services of the application on ports of the appliance, or takes them back.
 //
 //   request  {"action": "add" or "delete" (default), "rule_list": [{"GUID": name of the rule, "port": number,
-//            "des_port": number, "protocol": "http" or "https", "des_protocol": "http", "https", "ws" or "wss",
-//            "host_name": text, "hsts": true for no such header, "proxy_timeout": number without effect}, ...]}
+//            "des_port": number, "protocol": "http" or "https", "des_protocol": "http", "https", "ws" or
+//            "wss", "host_name": text, "hsts": true for no such header, "proxy_timeout": number without
+//            effect}, ...]}
 //   writes   or removes one fragment a rule, named by the GUID
 //   runs     the proxy, asked to reload gracefully, or the daemon manager when an added rule needs it started
-//   reply    {"cli_ret": 0, "result": 0, "result_out": base64 of what that printed}; none when it failed, for another
-//            action, and for a rule whose values have the wrong type
+//   reply    {"cli_ret": 0 or -1, "result": 0, "result_out": base64 of what that printed}; none when it failed,
+//            for another action, and for a rule whose values have the wrong type
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -49,8 +50,8 @@ std::string fragment_path(const std::string& guid) {
   return kFragmentDir + guid + ".conf";
 }
 
-// Throws when a value has the wrong type or a port is missing; which values are looked at first decides what a client is
-// left with that sends several wrong ones.
+// Throws when a value has the wrong type or a port is missing; which values are looked at first decides what
+// a client is left with that sends several wrong ones.
 Rule read_rule(const Json::Value& rule) {
   Rule read;
   read.port = rule.get("port", "").asInt();
@@ -63,7 +64,8 @@ Rule read_rule(const Json::Value& rule) {
   return read;
 }
 
-// The line of protocols has no directive before it: those who include the fragment expect it so.
+// The line of protocols has no directive before it. Web servers refuse that line, and with it their whole
+// configuration, unless the platform's own is taught otherwise; the text has always been this.
 std::string tls_text(const TlsSettings& tls, bool without_hsts) {
   std::string text = "\tSSLEngine on\n";
   text += "\tSSLCipherSuite " + tls.ciphers + "\n";
@@ -95,7 +97,7 @@ std::string rule_text(const Rule& rule, const TlsSettings& tls) {
 // Calls `act` with each rule that has a GUID, and with the GUID.
 template <typename Act>
 void for_each_rule(const Json::Value& request, const Act& act) {
-  const Json::Value rules = request.get("rule_list", Json::arrayValue);
+  const Json::Value& rules = request["rule_list"];  // not get(), which copies
   for (Json::ArrayIndex i = 0; i < rules.size(); ++i) {
     const std::string guid = rules[i].get("GUID", "").asString();
     if (guid.empty()) {
@@ -115,8 +117,8 @@ void add_rules(const Json::Value& request) {
     const std::string text = rule_text(read_rule(rule), tls);
     const std::string path = fragment_path(guid);
     unlink(path.c_str());
-    write_fragment(path,
-                   text);  // a rule that cannot be written is as good as one without effect: the rest goes on
+    // Not reported: the other rules still take effect, and there is no reply for a single one.
+    write_fragment(path, text);
   });
 }
 

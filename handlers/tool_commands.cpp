@@ -1,6 +1,5 @@
 // The commands that do nothing but run one program: the request's texts become arguments, and exit status 0
 // is success. One row per command says what differs.
-#include <algorithm>
 #include <array>
 #include <string>
 #include <string_view>
@@ -88,8 +87,7 @@ Outcome run_tool(const ToolCommand& row, const ParamValues& values) {
 }  // namespace
 
 void nos_tool_command_handler(ks_io* io, int) {
-  const ToolCommand& row =
-      *std::ranges::find(kToolCommands, std::string_view(io->request_name), &ToolCommand::command);
+  const ToolCommand& row = row_of<ToolCommand>(kToolCommands, io->request_name);
   handle_row(io, row.log_name, row.params,
              [&](const ParamValues& values, Json::Value&) { return run_tool(row, values); });
 }

@@ -1,11 +1,12 @@
 // `web_booth`: a browser in a container of the appliance, opened on a page and shown to the user.
 //
 //   request  {"action": "add", "delete" or "get_status", "auth_token": text, "rule_list": [{"bs_id": text,
-//            "des_protocol": scheme, "host_name": text, "des_port": number, "browser_type": text}]}; of the list only the
-//            first element counts
-//   runs     /usr/sbin/kesh web-booth.container.create token=... open_url=... ttl=300 resolution=1920x1080 type=...
-//            /usr/sbin/kesh web-booth.container.delete token=... id=...
-//            /usr/sbin/kesh web-booth.container token=... id=...
+//            "des_protocol": scheme, "host_name": text, "des_port": number, "browser_type": text}]}; of the
+//            list only the first element counts
+//   runs     /usr/sbin/kesh with web-booth.container.create token=... open_url=... ttl=300
+//                                resolution=1920x1080 type=...
+//                              web-booth.container.delete token=... id=...
+//                              web-booth.container token=... id=...
 //   reply    {"cli_ret": 0, "result": 0, "result_out": base64 of the output}; without a list {"error_code": -5,
 //            "error_msg": "jRuleList is empty"}; none when the tool failed, and for another action or none
 #include <optional>
@@ -45,9 +46,9 @@ std::optional<Arguments> tool_arguments(const std::string& action, const std::st
 void nos_web_booth_handler(ks_io* io, int) {
   handle_object_request(io, kLogName, Layout::compact, [](const Json::Value& request, Json::Value& reply) {
     const std::string action = request.get("action", "remove").asString();
-    const Json::Value rules = request.get("rule_list", Json::arrayValue);
+    const Json::Value& rules = request["rule_list"];  // not get(), which copies
     const std::string token = "token=" + request.get("auth_token", "").asString();
-    if (rules.size() == 0) {  // not empty(), which does not take a text for a list without elements
+    if (rules.size() == 0) {  // empty() would not do: it does not count a text as a list without elements
       LOG_AT(kLogName, "jRuleList is empty");
       reply["error_code"] = -5;
       reply["error_msg"] = "jRuleList is empty";

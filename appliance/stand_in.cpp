@@ -14,6 +14,8 @@
 //   bytes N          write N filler bytes to standard output
 //   delay MS         wait
 //   linger MS        close the three standard streams, then wait
+//   run N            as the daemon manager does: take argument N, quotes and all, as one word of a shell's
+//                    line, and what that is as a command; wait for its end, and end with its status if not 0
 //   exit N           end with status N
 //   signal N         die from signal N
 //
@@ -32,6 +34,7 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -186,7 +189,14 @@ void wait_ms(long ms) {
   give_up("survived signal " + std::to_string(number));
 }
 
-void play(std::string_view line) {
+// `quoted` is not a command yet: the line's shell takes the quotes off, the inner one splits what is in them.
+void run_as_command(const char* quoted) {
+  const int status = std::system((std::string("exec /bin/sh -c ") + quoted).c_str());
+  if (status == -1 || WIFSIGNALED(status)) give_up("cannot run " + std::string(quoted));
+  if (status != 0) _exit(WEXITSTATUS(status));
+}
+
+void play(std::string_view line, int argc, char** argv) {
   const std::size_t blank = line.find(' ');
   const std::string_view step = line.substr(0, blank);
   const std::string value(blank == std::string_view::npos ? std::string_view{} : line.substr(blank + 1));
@@ -205,6 +215,10 @@ void play(std::string_view line) {
   } else if (step == "linger") {
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) close(fd);
     wait_ms(number_of(line, value));
+  } else if (step == "run") {
+    const long index = number_of(line, value);
+    if (index >= argc) give_up("no such argument: " + value);
+    run_as_command(argv[index]);
   } else if (step == "exit") {
     _exit(static_cast<int>(number_of(line, value)));
   } else if (step == "signal") {
@@ -216,14 +230,14 @@ void play(std::string_view line) {
 
 }  // namespace
 
-int main(int, char** argv) {
+int main(int argc, char** argv) {
   const std::string place = kRecordRoot + own_path();
   std::string script;
   read_file(place + ".outcome", &script);
   append_record(place + ".calls", compose_record(argv, environ));
   for (std::size_t start = 0; start < script.size();) {
     const std::size_t end = std::min(script.find('\n', start), script.size());
-    play(std::string_view(script).substr(start, end - start));
+    play(std::string_view(script).substr(start, end - start), argc, argv);
     start = end + 1;
   }
   return 0;

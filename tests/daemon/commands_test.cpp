@@ -7,7 +7,6 @@
 #include <cstring>
 #include <filesystem>
 #include <iterator>
-#include <regex>
 
 #include "common/base64.h"
 #include "harness.h"
@@ -339,12 +338,6 @@ TEST_F(Commands, WhatALibraryTellsIsHeldAgainstWhatItGives) {
   accounts.remove();
   fs::copy_file(kSettings, kAccounts);
   EXPECT_EQ(answer(users.name), users.failure) << "lacks the function";
-}
-
-// What the log says, line by line, without the time and the line numbers of the source.
-std::string without_numbers(const std::string& log) {
-  return std::regex_replace(std::regex_replace(log, std::regex("\\[[0-9]+\\] \\[[^\\]]*\\] "), ""),
-                            std::regex("\\]\\[[0-9]+\\] "), "] ");
 }
 
 TEST_F(Commands, CloudToolsAreHeardAsTheyAre) {

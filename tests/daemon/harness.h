@@ -20,6 +20,9 @@ inline constexpr char kLogFile[] = "/share/VistalServer/.log/.nxe_ks_vistalprod.
 std::string read_file(const std::string& path);  // empty when there is none
 void write_file(const std::string& path, const std::string& text);
 
+// What a log says, line by line, without the process, the time and the line numbers of the source.
+std::string without_numbers(const std::string& log);
+
 // A running program, killed and reaped with the object.
 class Process {
  public:

@@ -1,0 +1,340 @@
+// The web front: request -> files written, program run -> reply, log, what is left. First with stand-ins that
+// can do anything, then with the real web server in their place.
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <filesystem>
+#include <sstream>
+
+#include "harness.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kProxy[] = "/usr/sbin/reverseproxy_vistalsurveillance";
+constexpr char kProxySettings[] = "/etc/reverseproxy_vistalsurveillance/reverseproxy-vistalsurveillance.conf";
+constexpr char kProxyRuns[] = "/var/lock/apache_reverse_proxy_vistalsurveillance.pid";
+constexpr char kFront[] = "/usr/local/apache/bin/httpd_proxy";
+constexpr char kManager[] = "/sbin/svc_mgr";
+constexpr char kBooths[] = "/usr/sbin/kesh";
+constexpr char kChain[] = "/etc/stunnel/uca.pem";
+const std::string kRules = "/etc/reverseproxy_vistalsurveillance/extra/";
+const std::string kFrontParts = "/etc/default_config/apache/extra/";
+const std::string kBanList = kFrontParts + "vistalcms_ip_ban_list.conf";
+
+const std::string kStart = std::string("\"") + kProxy + " -k start -f " + kProxySettings + "\"";
+constexpr char kDone[] = "{\"cli_ret\":0,\"result\":0,\"result_out\":\"\"}\n";
+constexpr char kInputError[] = "{\"error_code\":-1,\"error_msg\":\"input error\"}\n";
+constexpr char kBanFails[] = "{\"error_msg\":\"nos_update_ip_ban_list_handler fail\",\"result\":-1}\n";
+
+// The output files that failed runs leave: takes them away and returns what is in them, each in brackets.
+std::string left_outputs() {
+  std::string left;
+  for (const auto& entry : fs::directory_iterator("/tmp")) {
+    if (!entry.path().filename().string().starts_with("file")) continue;
+    left += "[" + read_file(entry.path()) + "]";
+    fs::remove(entry.path());
+  }
+  return left;
+}
+
+class WebFront : public DaemonTest {
+ protected:
+  WebFront() { clear(); }
+  ~WebFront() override { clear(); }
+  static void clear() {
+    for (const std::string& folder : {kRules, kFrontParts}) {
+      fs::remove_all(folder);
+      fs::create_directory(folder);
+    }
+    fs::remove(kProxyRuns);
+    fs::remove(kChain);
+  }
+  // What the log has grown by since the last call.
+  std::string said() { return without_numbers(new_log().substr(std::exchange(heard_, new_log().size()))); }
+  std::size_t heard_ = 0;
+};
+
+TEST_F(WebFront, ProgramsAreRunAndTheirOutputRelayed) {
+  const struct {
+    std::string name, body;
+    const char* program;
+    std::string call, first_said = "";
+  } rows[] = {
+      {"reverse_proxy", R"({"rule_list":[null]} tail)", kProxy,
+       std::string("reverseproxy_vistalsurveillance|-k|graceful|-f|") + kProxySettings,
+       "get jRuleList[0] strGUID failed\n"},
+      {"reverse_proxy", R"({"action":"add"})", kManager,
+       "svc_mgr|reverseproxy_vistalsurveillance|start|" + kStart, "proxy_cmd = " + kStart + "\n"},
+      {"web_booth", R"({"action":"add","rule_list":[{"bs_id":"b"},{"bs_id":"c","host_name":"h"}]})", kBooths,
+       "kesh|web-booth.container.create|token=|open_url=http://:0|ttl=300|resolution=1920x1080|type=chrome"},
+      {"web_booth",
+       R"({"action":"add","auth_token":"t =","rule_list":[)"
+       R"({"des_protocol":"rtsp","host_name":"h","des_port":-1,"browser_type":"f x"}]})",
+       kBooths,
+       "kesh|web-booth.container.create|token=t =|open_url=rtsp://h:-1|ttl=300|resolution=1920x1080|type=f "
+       "x"},
+      {"web_booth", R"({"action":"delete","auth_token":"t","rule_list":[{"bs_id":"b 1"}]})", kBooths,
+       "kesh|web-booth.container.delete|token=t|id=b 1"},
+      {"web_booth", R"({"action":"get_status","rule_list":[{}]})", kBooths,
+       "kesh|web-booth.container|token=|id="},
+      {"install_app",
+       R"({"sys_install_folder":"/share/VistalServer","app_file_path":"/a b.kpk","install_volume":"v"})",
+       "/share/VistalServer/script/operate_kpkgcenter_app.sh", "operate_kpkgcenter_app.sh|install|/a b.kpk"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name + row.body);
+    const bool installs = row.name == "install_app";
+    const std::string by = "[nos_" + row.name + "_handler] ";
+    std::string ahead = row.first_said.empty() ? "" : by + row.first_said;
+    std::istringstream arguments(row.call + "|(null)");
+    std::string argument;
+    for (int i = 0; std::getline(arguments, argument, '|'); ++i) {
+      const char* const end = row.name == "reverse_proxy" ? "] \n" : "]\n";
+      ahead += by + "argv[" + std::to_string(i) + "] = [" + argument + end;
+    }
+    ahead += by + "exec " + row.program;
+    const StandIn program(row.program);
+    program.plays("stdout o\\n\\xFF\nstderr e\n");
+    EXPECT_EQ(call(kMain, row.name, row.body).text,
+              installs ? "{\n\t\"cli_ret\" : 0,\n\t\"result\" : 0,\n\t\"result_out\" : \"bwr/\"\n}"
+                       : "{\"cli_ret\":0,\"result\":0,\"result_out\":\"bwr/\"}\n");
+    EXPECT_EQ(said(), ahead + " succ, ret_out=[o\n\xFF]\n");
+    EXPECT_EQ(program.calls().size(), 1u);
+    EXPECT_EQ(program.calls().at(0).line, row.call);
+    EXPECT_TRUE(program.calls()[0].bare);
+    EXPECT_EQ(left_outputs(), "");
+    program.plays("stdout half\nexit 3\n");
+    EXPECT_EQ(call(kMain, row.name, row.body).status, KS_STATUS_BROKEN);
+    EXPECT_EQ(said(), ahead + (installs ? " failed, ret_out=[half]\n" : " failed, ret=[768]\n"));
+    EXPECT_EQ(left_outputs(), "[half]");
+  }
+  // The installation left word in the environment for those who get the daemon's.
+  const StandIn heir("/sbin/hwctl_app");
+  call(kMain, "get_vpd_channel");
+  EXPECT_THAT(read_file("/tmp/stand_in/sbin/hwctl_app.calls"), testing::HasSubstr("\nenv KPKGD=ALLOW\n"));
+}
+
+TEST_F(WebFront, WhatMakesNoSenseIsRefusedOrHungUpOn) {
+  const std::string deep(5000, '['), long_folder(1100, 'x'), path = long_folder.substr(0, 1023);
+  const std::string not_json = "_handler] parse strInputArg failed, error=[";
+  const std::string too_deep = not_json + "Exceeded stackLimit in readValue().]\n";
+  const struct {
+    std::string name, body, said, reply;  // what is said last; no reply: hung up
+  } rows[] = {
+      {"reverse_proxy", R"({"action":"Add"})", "[nos_reverse_proxy_handler] unknown action = Add\n", ""},
+      {"reverse_proxy", deep, too_deep, kInputError},
+      {"reverse_proxy", "[1]", "requires objectValue or nullValue\n", ""},
+      {"web_booth", R"({"rule_list":[{}]})", "[nos_web_booth_handler] unknown action = remove\n", ""},
+      {"web_booth", R"({"action":"?"})", "[nos_web_booth_handler] jRuleList is empty\n",
+       "{\"error_code\":-5,\"error_msg\":\"jRuleList is empty\"}\n"},
+      {"web_booth", R"({"action":"?","rule_list":[{"des_port":"80"}]})", "not convertible to Int.\n", ""},
+      {"web_booth", "x",
+       not_json + "* Line 1, Column 1\n  Syntax error: value, object or array expected.\n]\n", kInputError},
+      {"install_app", deep, too_deep, "{\n\t\"error_code\" : -1,\n\t\"error_msg\" : \"input error\"\n}"},
+      {"install_app", R"({"install_volume":[]})", "not convertible to string\n", ""},
+      {"install_app", "{\"sys_install_folder\":\"" + long_folder + "\"}",
+       "exec " + path + " failed, ret_out=[]\n", ""},
+  };
+  for (const auto& row : rows) {
+    const Reply reply = call(kMain, row.name, row.body);
+    EXPECT_EQ(reply.text, row.reply);
+    EXPECT_EQ(reply.status, row.reply.empty() ? KS_STATUS_BROKEN : KS_STATUS_OK);
+    EXPECT_THAT(said(), testing::EndsWith(row.said));
+  }
+  EXPECT_EQ(left_outputs(), "[]");
+}
+
+TEST_F(WebFront, RulesAreWrittenToTheByte) {
+  const std::string common = "\tHeader set X-Frame-Options \"ALLOW-FROM *\"\n\tProxyPreserveHost on\n";
+  const std::string tls =
+      "\tSSLEngine on\n\tSSLCipherSuite EECDH+CHACHA20:EECDH+AES\n\tAll -SSLv2 -SSLv3 -TLSv1 -TLSv1.1\n"
+      "\tSSLCertificateFile \"/etc/stunnel/stunnel.pem\"\n";
+  const std::string chain_and_hsts =
+      "\tSSLCertificateChainFile \"/etc/stunnel/uca.pem\"\n"
+      "\tHeader set Strict-Transport-Security \"max-age=63072000\"\n";
+  const std::string unverified =
+      "\tSSLProxyEngine on\n\tSSLProxyVerify none\n\tSSLProxyCheckPeerCN off\n"
+      "\tSSLProxyCheckPeerName off\n\tSSLProxyCheckPeerExpire off\n";
+  const auto listen = [](const std::string& port) {
+    return "Listen " + port + "\n<VirtualHost *:" + port + ">\n";
+  };
+  const auto pass = [](const std::string& url) {
+    return "\tProxyPass / " + url + "/ connectiontimeout=60 timeout=60\n\tProxyPassReverse / " + url +
+           "/\n</VirtualHost>\n";
+  };
+  const struct {
+    std::string rule, text;  // no text: it cannot be converted, and the connection is closed
+    bool has_chain = true;
+  } rows[] = {
+      {R"("port":8080,"des_port":80,"host_name":"h")", listen("8080") + common + pass("http://h:80")},
+      {R"("port":-1,"des_port":-2,"host_name":"h","protocol":"https","des_protocol":"wss")",
+       listen("-1") + tls + chain_and_hsts + unverified + common + pass("wss://h:-2")},
+      {R"("port":1,"des_port":2,"protocol":"https","des_protocol":"https","hsts":true)",
+       listen("1") + tls + unverified + common + pass("https://:2"), false},
+      {R"("port":1,"des_port":2,"protocol":"HTTPS","des_protocol":"x y","proxy_timeout":5)",
+       listen("1") + common + pass("x y://:2")},
+      {R"("port":1)", ""},
+      {R"("port":"80","des_port":1)", ""},
+      {R"("port":3000000000,"des_port":1)", ""},
+      {R"("port":1,"des_port":1,"hsts":"yes")", ""},
+      {R"("port":1,"des_port":1,"proxy_timeout":"5")", ""},
+  };
+  const StandIn manager(kManager);
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.rule);
+    clear();
+    if (row.has_chain) write_file(kChain, "");
+    if (!row.text.empty()) write_file(kRules + "cam 1.conf", std::string(10000, 'x'));
+    manager.plays("");
+    EXPECT_EQ(call(kMain, "reverse_proxy",
+                   R"({"action":"add","rule_list":[{"GUID":5,"port":1,"des_port":1},{},{"GUID":"cam 1",)" +
+                       row.rule + "}]}")
+                  .text,
+              row.text.empty() ? "" : kDone);
+    EXPECT_THAT(said(), testing::StartsWith("[nos_reverse_proxy_handler] get jRuleList[1] strGUID failed\n"));
+    EXPECT_EQ(read_file(kRules + "cam 1.conf"), row.text);
+    EXPECT_EQ(read_file(kRules + "5.conf"), listen("1") + common + pass("http://:1"));
+    EXPECT_EQ(manager.calls().size(), row.text.empty() ? 0u : 1u);
+  }
+  write_file(kRules + "cam 1.conf", "");
+  EXPECT_EQ(
+      call(kMain, "reverse_proxy", R"({"rule_list":[{"GUID":"none"},{"GUID":""},{"GUID":"cam 1"}]})").text,
+      kDone);
+  EXPECT_FALSE(fs::exists(kRules + "cam 1.conf"));
+  EXPECT_TRUE(fs::exists(kRules + "5.conf"));
+}
+
+std::string ban(const std::string& body) {
+  return call(kMain, "update_ip_ban_list", body).text;
+}
+
+TEST_F(WebFront, TheBanListIsReplacedWhole) {
+  const StandIn front(kFront), tunnel("/etc/init.d/stunnel.sh");
+  write_file(kBanList, std::string(10000, 'x'));
+  const std::pair<const char*, const char*> rows[] = {
+      {"{\"ip_list\":\",a,,b,\"}", "deny from a\ndeny from b\n"},
+      {"{\"ip_list\":\"10.0.0.0/8, c\"}", "deny from 10.0.0.0/8\ndeny from  c\n"},
+      {"{\"ip_list\":\"\"} // nobody", ""}};
+  for (const auto& [body, denied] : rows) {
+    front.plays("exit 3\n");
+    tunnel.plays("signal 9\n");
+    EXPECT_EQ(ban(body), "{\"result\":0}\n");
+    EXPECT_EQ(read_file(kBanList), std::string("<LocationMatch \"/.*\">\norder allow,deny\n") + denied +
+                                       "allow from all\n</LocationMatch>\n");
+    EXPECT_EQ(front.calls().at(0).line, "httpd_proxy|-k|graceful|-f|/etc/httpd-sys-proxy.conf");
+    EXPECT_EQ(tunnel.calls().at(0).line, "stunnel.sh|reload");
+    EXPECT_TRUE(front.calls()[0].bare && tunnel.calls()[0].bare);
+  }
+  front.plays("");
+  EXPECT_EQ(ban(R"({"ip_list":["a"]})"), "{\"error_code\":-1,\"error_msg\":\"paser fail\"}\n");
+  EXPECT_EQ(ban("a"), kInputError);
+  EXPECT_EQ(said(), "[nos_update_ip_ban_list_handler] ks_io input fail.\n");
+  EXPECT_EQ(fs::file_size(kBanList), 71u) << "as it was";
+  fs::remove_all(kFrontParts);
+  EXPECT_EQ(ban(R"({"ip_list":"a"})"), kBanFails) << "no folder";
+  EXPECT_TRUE(front.calls().empty());
+}
+
+TEST_F(WebFront, ADiskThatTakesNothingHarmsNobody) {
+  const std::string add = R"({"action":"add","rule_list":[{"GUID":"g","port":1,"des_port":1}]})";
+  fs::remove_all(kRules);
+  EXPECT_EQ(call(kMain, "reverse_proxy", add).text, kDone) << "no folder";
+  clear();
+  for (const std::string& folder : {kRules, kFrontParts}) {
+    if (Process("mount -n -t tmpfs -o size=4096 full " + folder).wait() != 0)
+      GTEST_SKIP() << "cannot mount here";
+    write_file(folder + "taken", std::string(4096, 'x'));
+  }
+  EXPECT_EQ(call(kMain, "reverse_proxy", add).text, kDone);
+  EXPECT_TRUE(fs::is_empty(kRules + "g.conf"));
+  EXPECT_EQ(ban(R"({"ip_list":"a"})"), kBanFails);
+  for (const std::string& folder : {kRules, kFrontParts}) EXPECT_EQ(Process("umount -n " + folder).wait(), 0);
+}
+
+// One that nobody has for the moment.
+std::string free_port() {
+  const Fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  socklen_t size = sizeof address;
+  auto* const bytes = reinterpret_cast<sockaddr*>(&address);
+  EXPECT_TRUE(bind(fd, bytes, size) == 0 && getsockname(fd, bytes, &size) == 0);
+  return std::to_string(ntohs(address.sin_port));
+}
+
+// A client of the web server at `port`, as a command. `reads` has the answer on its descriptor 3.
+std::string client(const std::string& port, const std::string& page, const std::string& reads) {
+  return "timeout 20 bash -c 'exec 3<>/dev/tcp/127.0.0.1/" + port + " && printf \"GET " + page +
+         " HTTP/1.0\\r\\nHost: cam.example:81\\r\\n\\r\\n\" >&3 && " + reads + "' 2>/dev/null";
+}
+
+bool answers(const std::string& port, const std::string& status) {
+  return eventually([&] {
+    Process(client(port, "/none", "cat <&3 >/tmp/answer")).wait();
+    const std::string answer = read_file("/tmp/answer");
+    return answer.starts_with("HTTP/1.1 " + status) &&
+           answer.find("\r\nSeen-Host: cam.example:81\r\n") != std::string::npos;
+  });
+}
+
+// The front is also what the proxy publishes. It tells for what host it was asked.
+TEST_F(WebFront, TheRealServerPublishesReloadsRefusesAndWithdraws) {
+  const StandIn proxy(kProxy), front(kFront), manager(kManager);
+  for (const StandIn* program : {&proxy, &front}) program->remove();
+  for (const char* program : {kProxy, kFront}) fs::create_symlink("/sbin/web_server", program);
+  manager.plays("run 3\n");
+  const std::string behind = free_port(), first = free_port(), second = free_port();
+  constexpr std::size_t kFilmSize = 64 << 20;  // more than all that is between server and client can hold
+  fs::create_directory("/tmp/films");
+  write_file("/tmp/films/film", "");
+  fs::resize_file("/tmp/films/film", kFilmSize);
+  write_file(kFrontParts + "port.conf", "Listen " + behind + "\nDocumentRoot /tmp/films\n" +
+                                            "Header always set Seen-Host expr=%{HTTP_HOST}\n");
+  const auto publish = [&](const std::string& port, const std::string& protocol) {
+    return call(kMain, "reverse_proxy",
+                R"({"action":"add","rule_list":[{"host_name":"127.0.0.1","GUID":")" + port + "\",\"port\":" +
+                    port + ",\"des_port\":" + behind + ",\"protocol\":\"" + protocol + "\"}]}")
+        .text;
+  };
+  ban(R"({"ip_list":"192.0.2.1"})");
+  EXPECT_TRUE(answers(behind, "404"));
+  EXPECT_EQ(publish(first, "http"), kDone);
+  EXPECT_TRUE(answers(first, "404"));
+  EXPECT_TRUE(eventually([] { return fs::exists(kProxyRuns); }));
+
+  Process download(
+      client(first, "/film",
+             "head -c 1000 <&3 >/tmp/films/start; until [ -e /tmp/films/go ]; do sleep 0.02; done; "
+             "cat <&3 >/tmp/films/rest"));
+  EXPECT_TRUE(eventually([] { return read_file("/tmp/films/start").size() == 1000; }));
+  EXPECT_EQ(publish(second, "http"), kDone);
+  EXPECT_TRUE(answers(second, "404"));
+  write_file("/tmp/films/go", "");
+  EXPECT_EQ(download.wait(), 0);
+  const std::size_t head = read_file("/tmp/films/start").find("\r\n\r\n") + 4;
+  EXPECT_EQ(1000 - head + fs::file_size("/tmp/films/rest"), kFilmSize);
+  EXPECT_EQ(manager.calls().size(), 1u) << "and reloaded since";
+
+  EXPECT_EQ(call(kMain, "reverse_proxy", "{\"rule_list\":[{\"GUID\":\"" + first + "\"}]}").text, kDone);
+  EXPECT_TRUE(eventually([&] { return Process(client(first, "/none", ":")).wait() != 0; }));
+  // The server does not take a TLS rule as it stands, and goes on with what it has.
+  EXPECT_EQ(publish(first, "https"), "");
+  EXPECT_EQ(left_outputs(), "[]");
+  ban(R"({"ip_list":"192.0.2.1,127.0.0.1"})");
+  EXPECT_TRUE(answers(second, "403"));
+  ban(R"({"ip_list":""})");
+  EXPECT_TRUE(answers(second, "404"));
+
+  fs::remove(kRules + first + ".conf");
+  for (const std::string& stop : {kProxy + (" -k stop -f " + std::string(kProxySettings)),
+                                  std::string(kFront) + " -k stop -f /etc/httpd-sys-proxy.conf"}) {
+    EXPECT_EQ(Process(stop).wait(), 0);
+  }
+  EXPECT_TRUE(
+      eventually([] { return !fs::exists(kProxyRuns) && !fs::exists("/var/lock/apache_sys_proxy.pid"); }));
+  fs::remove_all("/tmp/films");
+}
+
+}  // namespace

@@ -1,7 +1,6 @@
 // What a client may do to a running service: the input is read as a list of steps. Whatever they are, the next
 // client is served, and nothing that the service holds piles up.
 #include <fcntl.h>
-#include <fuzzer/FuzzedDataProvider.h>
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -12,6 +11,7 @@
 #include <cstring>
 #include <string>
 
+#include "fuzz/input.h"
 #include "service/directive.h"
 #include "service/ks.h"
 #include "service/ks_internal.h"
@@ -24,10 +24,6 @@ constexpr std::size_t kMaxAttached = 4;
 constexpr int kMaxOpen = 48;  // the service's own descriptors, and clients that are just being released
 const std::string name = "@/tmp/conversation_fuzz." + std::to_string(getpid());
 
-void require(bool condition, const char* what) {
-  if (!condition) ks_abort("conversation_fuzz", what, "does not hold");
-}
-
 void echo(const char*, ks_io* io, int extra_fd) {
   const unique_fd extra(extra_fd);
   char body[64];
@@ -39,14 +35,14 @@ void echo(const char*, ks_io* io, int extra_fd) {
 }
 
 // A memory file that serves, one that may not, or something else in its place.
-unique_fd make_descriptor(FuzzedDataProvider& input) {
-  if (input.ConsumeBool()) return unique_fd(open(input.ConsumeBool() ? "/dev/zero" : "/tmp", O_RDONLY));
-  if (input.ConsumeBool()) return unique_fd(socket(AF_UNIX, SOCK_STREAM, 0));
+unique_fd make_descriptor(Input& input) {
+  if (input.flag()) return unique_fd(open(input.flag() ? "/dev/zero" : "/tmp", O_RDONLY));
+  if (input.flag()) return unique_fd(socket(AF_UNIX, SOCK_STREAM, 0));
   unique_fd file(memfd_create("body", MFD_ALLOW_SEALING));
-  const off_t size = input.ConsumeIntegralInRange<off_t>(-1, 1) << input.ConsumeIntegralInRange(0, 62);
+  const off_t size = (static_cast<off_t>(input.below(3)) - 1) << input.below(63);
   const bool resized = ftruncate(file.get(), size) == 0;
   require(resized || write(file.get(), "b", 1) == 1, "memory file");
-  if (input.ConsumeBool()) fcntl(file.get(), F_ADD_SEALS, input.ConsumeIntegralInRange<int>(0, 0x1F));
+  if (input.flag()) fcntl(file.get(), F_ADD_SEALS, static_cast<int>(input.below(0x20)));
   return file;
 }
 
@@ -72,47 +68,47 @@ bool glimpse(int client, int wait_ms) {
   return poll(&watched, 1, wait_ms) == 1 && recv(client, &record, sizeof(record), MSG_DONTWAIT) > 0;
 }
 
-void converse(FuzzedDataProvider& input) {
+void converse(Input& input) {
   const unique_fd client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const int fd = client.get();
   const sockaddr_un address = ks_socket_address(name.c_str() + 1);
   require(connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0, "connect");
-  if (input.ConsumeBool()) require(glimpse(fd, 10'000), "not asked");
+  if (input.flag()) require(glimpse(fd, 10'000), "not asked");
   unique_fd file = make_descriptor(input);
-  for (int step = 0; step < kMaxSteps && input.remaining_bytes() > 0; ++step) {
-    const int what = input.ConsumeIntegralInRange(0, 6);
+  for (int step = 0; step < kMaxSteps && !input.empty(); ++step) {
+    const std::size_t what = input.below(7);
     if (what == 0) {
-      const std::string bytes = input.ConsumeRandomLengthString(2 * sizeof(directive));
+      const std::string bytes = input.text();
       send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     } else if (what == 1) {
       directive record = make_directive(KS_DIR_REQUEST);
-      if (input.ConsumeBool()) record.type = input.ConsumeIntegral<std::uint8_t>();
-      record.flag = input.ConsumeIntegral<std::uint8_t>();
-      const std::string data = input.ConsumeRandomLengthString(sizeof(record.data));
+      if (input.flag()) record.type = static_cast<std::uint8_t>(input.number(1));
+      record.flag = static_cast<std::uint8_t>(input.number(1));
+      const std::string data = input.text();
       std::copy(data.begin(), data.end(), record.data);
       send_directive(fd, record);
-      if (!input.ConsumeBool()) attach(fd, file.get(), 1);  // an input that ends here is a whole request
+      if (!input.flag()) attach(fd, file.get(), 1);  // an input that ends here is a whole request
     } else if (what == 2) {
       file = make_descriptor(input);
     } else if (what == 3) {
-      attach(fd, file.get(), input.ConsumeIntegralInRange<std::size_t>(0, kMaxAttached));
+      attach(fd, file.get(), input.below(kMaxAttached + 1));
     } else if (what == 4) {
       glimpse(fd, kGlimpseMs);
     } else if (what == 5) {
-      if (ftruncate(file.get(), input.ConsumeIntegral<std::uint32_t>()) != 0) continue;  // cannot be cut
+      if (ftruncate(file.get(), static_cast<off_t>(input.number(4))) != 0) continue;  // cannot be cut
     } else {
-      shutdown(fd, input.ConsumeBool() ? SHUT_WR : SHUT_RD);
+      shutdown(fd, input.flag() ? SHUT_WR : SHUT_RD);
     }
   }
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   // One worker, so that the next client meets the same one. It goes with the process.
   static ks_handle* const service = ks_create(name.c_str(), KS_PTHREAD_MODE | KS_STANDALONE, 1, echo);
   if (service->worker == nullptr) ks_start(service);
-  FuzzedDataProvider input(data, size);
+  Input input(data, size);
   converse(input);
   void* reply = nullptr;
   std::uint64_t length = 0;

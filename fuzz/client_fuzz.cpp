@@ -1,0 +1,124 @@
+// Clients of a hostile service: the input is what it does to them, step by step, in turn with their own steps. A
+// request that is over has left nothing behind but its reply, and nobody waits or aborts.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+
+#include "fuzz/input.h"
+#include "service/directive.h"
+#include "service/ks.h"
+#include "service/ks_internal.h"
+
+namespace {
+
+constexpr int kMaxSteps = 32;
+const std::string name = "@/tmp/client_fuzz." + std::to_string(getpid());
+
+struct Client {
+  ks_io* io = nullptr;
+  unique_fd service;  // the other end of its socket
+  unique_fd memory;   // its memory file, once the service has received it
+};
+using Clients = std::array<Client, 3>;
+
+int make_listener() {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const sockaddr_un address = ks_socket_address(name.c_str() + 1);
+  require(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 && listen(fd, 9) == 0,
+          "listen");
+  std::atexit([] { unlink(name.c_str() + 1); });
+  return fd;
+}
+
+void check_finished(const ks_io* io, int status) {
+  require(io->sockfd == -1 && status >= KS_STATUS_OK && status <= KS_STATUS_BUSY, "finished");
+  struct stat file {};
+  if (io->memfd == -1) {
+    require(io->shared_data == nullptr && io->extra_fd == -1, "empty");
+  } else {
+    require(status == KS_STATUS_OK && fstat(io->memfd, &file) == 0, "a reply");
+    require(io->shared_size == static_cast<std::uint64_t>(file.st_size), "all of it is mapped");
+  }
+}
+
+// False when nothing happened.
+bool perform(ks_epoll* epoll) {
+  int status = -1;
+  const ks_io* finished = ks_epoll_perform(epoll, 0, &status);
+  if (finished != nullptr) {
+    check_finished(finished, status);
+  } else {
+    require(status == KS_STATUS_OK || status == KS_STATUS_TIMEOUT, "pending");
+  }
+  return finished != nullptr || status == KS_STATUS_OK;
+}
+
+void attack(Input& input, Client& client, ks_epoll* epoll) {
+  const int fd = client.service.get();
+  directive record = make_directive(static_cast<ks_directive_type>(input.below(9) + 1));
+  switch (input.below(8)) {
+    case 0:
+      perform(epoll);
+      break;
+    case 1:
+      send_directive(fd, record);
+      break;
+    case 2: {
+      const std::string bytes = input.text();
+      send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT | (input.flag() ? MSG_OOB : 0));
+      break;
+    }
+    case 3:  // its request
+      if (read_directive(fd, &record)) client.memory.reset(receive_descriptor(fd, {}));
+      break;
+    case 4:
+      if (ftruncate(client.memory.get(), static_cast<off_t>(input.flag()) << input.below(63)) != 0) break;
+      fcntl(client.memory.get(), F_ADD_SEALS, static_cast<int>(input.number(1)));
+      break;
+    case 5:
+      send_descriptor(fd, input.flag() ? fd : STDERR_FILENO);  // a client asks for none
+      break;
+    case 6:
+      shutdown(fd, static_cast<int>(input.below(3)));
+      if (input.flag()) client.service.reset();
+      break;
+    default:
+      ks_epoll_cancel(epoll, client.io);
+  }
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static const int listener = make_listener();
+  const int lowest = unique_fd(dup(listener)).get();
+  {
+    Input input(data, size);
+    ks_epoll* const epoll = ks_epoll_create();
+    Clients clients;
+    for (Client& client : clients) {
+      client.io = ks_io_create();
+      if (input.flag()) ks_io_write(client.io, "body", 4);
+      const int extras[] = {-1, STDERR_FILENO, 1 << 20};
+      const std::string request = input.text();
+      const int status =
+          ks_epoll_call(epoll, name.c_str(), request.c_str(), client.io, extras[input.below(3)]);
+      require(status == KS_STATUS_OK, "connect");
+      client.service.reset(accept(listener, nullptr, nullptr));
+    }
+    for (int step = 0; step < kMaxSteps && !input.empty(); ++step) {
+      attack(input, clients[input.below(clients.size())], epoll);
+    }
+    while (perform(epoll)) {
+    }
+    for (Client& client : clients) ks_io_free(client.io);
+    ks_epoll_free(epoll);
+  }
+  require(unique_fd(dup(listener)).get() == lowest, "a descriptor is left");
+  return 0;
+}

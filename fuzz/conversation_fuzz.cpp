@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -65,7 +66,10 @@ void attach(int client, int fd, std::size_t count) {
 bool glimpse(int client, int wait_ms) {
   pollfd watched{.fd = client, .events = POLLIN, .revents = 0};
   directive record;
-  return poll(&watched, 1, wait_ms) == 1 && recv(client, &record, sizeof(record), MSG_DONTWAIT) > 0;
+  int ready;
+  while ((ready = poll(&watched, 1, wait_ms)) < 0 && errno == EINTR) {
+  }  // the engine's timer
+  return ready == 1 && recv(client, &record, sizeof(record), MSG_DONTWAIT) > 0;
 }
 
 void converse(Input& input) {

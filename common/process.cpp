@@ -173,8 +173,8 @@ bool same_file(const char* output, const char* error) {
 // Makes the child. Every signal is blocked: a handler must not run in a child that has the parent's memory.
 // A function of its own, which has nothing in registers that the child could change behind its back.
 [[gnu::noinline]] pid_t make_child(const ChildPlan& plan) {
-  const pid_t pid = vfork();  // NOLINT(clang-analyzer-security.insecureAPI.vfork): see step 3 above
-  if (pid == 0) become_program(plan);
+  const pid_t pid = vfork();           // NOLINT(clang-analyzer-security.insecureAPI.vfork): see step 3 above
+  if (pid == 0) become_program(plan);  // NOLINT(clang-analyzer-unix.Vfork): likewise
   return pid;
 }
 

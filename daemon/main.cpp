@@ -127,6 +127,7 @@ void set_up_log() {
 void parse_options(int argc, char** argv) {
   opterr = 0;  // the lines below are all that is said about an unknown option
   int option;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody else reads options
   while ((option = getopt(argc, argv, "dt")) != -1) {
     switch (option) {
       case 'd':
@@ -202,6 +203,7 @@ void free_all_obj() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): there is no other thread yet
   unsetenv("LD_LIBRARY_PATH");  // the package's libraries are not for the platform's programs
   occupy_standard_descriptors();
   std::signal(SIGCHLD, SIG_DFL);  // a starter that ignores it would have the kernel swallow every exit status

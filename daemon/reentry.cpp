@@ -55,9 +55,11 @@ bool check_reentry(const char* program) {
   const std::string own_pid = std::to_string(getpid());
   const std::unique_ptr<DIR, CloseDirectory> processes(opendir("/proc"));
   if (processes == nullptr) return false;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): a directory stream of its own
   while (const dirent* entry = readdir(processes.get())) {
     if (std::isdigit(static_cast<unsigned char>(entry->d_name[0])) == 0 || own_pid == entry->d_name) continue;
-    if (is_live_instance(read_stat(entry->d_name), name) && std::atol(entry->d_name) > 0) return true;
+    if (is_live_instance(read_stat(entry->d_name), name) && std::strtol(entry->d_name, nullptr, 10) > 0)
+      return true;
   }
   return false;
 }

@@ -111,6 +111,7 @@ std::optional<std::vector<bool>> fetch_members(const std::string& group_name) {
   const std::int32_t count = list_members(group_name.c_str(), &entries);
   if (count < 0 || count > kMaxMembers || (count > 0 && entries == nullptr)) return std::nullopt;
   std::vector<bool> present;
+  present.reserve(static_cast<std::size_t>(count));
   for (std::int32_t i = 0; i < count; ++i) present.push_back(entries[i] != nullptr);
   return present;
 }

@@ -25,6 +25,7 @@ constexpr std::size_t kScriptPathSize = 1024;  // bytes, terminator included
 // the array of its own start is harmless to them, that it grows its replacement would not be.
 void allow_installation() {
   static char variable[] = "KPKGD=ALLOW";  // becomes part of the environment
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): see above
   static const int done = putenv(variable);
   (void)done;
 }

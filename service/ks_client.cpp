@@ -23,11 +23,11 @@ namespace {
 constexpr std::uint32_t kLeastTimeoutSeconds = 5;
 constexpr std::int64_t kMillisecondsPerSecond = 1000;
 
-#define VERIFY_EPOLL(epoll, operation, description)                    \
-  do {                                                                 \
-    if (!ks_has_magic(epoll, KS_EPOLL_MAGIC)) {                        \
-      ks_abort(operation, kEpollCondition, description, (void*)epoll); \
-    }                                                                  \
+#define VERIFY_EPOLL(epoll, operation, description)                      \
+  do {                                                                   \
+    if (!ks_has_magic(epoll, KS_EPOLL_MAGIC)) {                          \
+      ks_abort(operation, kEpollCondition, description, (void*)(epoll)); \
+    }                                                                    \
   } while (false)
 
 bool fits(const char* text, std::size_t limit) {

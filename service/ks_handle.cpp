@@ -91,6 +91,7 @@ void clear_socket_file(const char* sockfile) {
   if (lstat(sockfile, &status) != 0) {
     char copy[kSockFileSize];
     ks_copy_text(copy, sizeof(copy), sockfile);
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): changes its argument, and nothing else
     mkdir(dirname(copy), kSocketDirMode);
   } else if (!S_ISSOCK(status.st_mode)) {
     ks_abort("ks_producer_worker_init", "S_ISSOCK(st.st_mode)", "%s is not a sock file", sockfile);

@@ -20,11 +20,11 @@ namespace {
 constexpr char kMemoryFileName[] = "kservice";
 
 // `description` names the bad pointer with one %p.
-#define VERIFY_IO(io, operation, description)                    \
-  do {                                                           \
-    if (!ks_has_magic(io, KS_IO_MAGIC)) {                        \
-      ks_abort(operation, kIoCondition, description, (void*)io); \
-    }                                                            \
+#define VERIFY_IO(io, operation, description)                      \
+  do {                                                             \
+    if (!ks_has_magic(io, KS_IO_MAGIC)) {                          \
+      ks_abort(operation, kIoCondition, description, (void*)(io)); \
+    }                                                              \
   } while (false)
 
 void unmap(ks_io* io) {

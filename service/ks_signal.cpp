@@ -88,7 +88,9 @@ void ks_crash_install(void) {
 // Allocates and uses standard I/O inside a signal handler: the process is about to end either way.
 void ks_crash_report(int signum) {
   std::signal(SIGABRT, [](int) { _exit(1); });  // what the report cannot have is no reason to end otherwise
-  std::fprintf(stderr, "%s\n", strsignal(signum));
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the process is about to end
+  const char* const name = strsignal(signum);
+  std::fprintf(stderr, "%s\n", name);
   const int kernel_log = open("/dev/kmsg", O_WRONLY);
   if (kernel_log < 0) _exit(1);
   void* addresses[kMaxFrames];
@@ -96,8 +98,7 @@ void ks_crash_report(int signum) {
   char** symbols = count > 1 ? backtrace_symbols(addresses, count) : nullptr;
   if (symbols == nullptr) _exit(1);
   ks_io* report = ks_io_create();
-  ks_io_printf(report, "%s (pid %d) %s:\n", strsignal(signum), static_cast<int>(getpid()),
-               program_invocation_name);
+  ks_io_printf(report, "%s (pid %d) %s:\n", name, static_cast<int>(getpid()), program_invocation_name);
   print_frames(report, symbols, count);
   std::free(symbols);
   std::uint64_t size = 0;

@@ -94,6 +94,7 @@ void take_over_environment(pid_t peer) {
     while (char* equals = static_cast<char*>(std::memchr(name, '=', static_cast<std::size_t>(end - name)))) {
       *equals = '\0';
       char* value = equals + 1;
+      // NOLINTNEXTLINE(concurrency-mt-unsafe): a consumer process has one thread
       setenv(name, value, 1);
       name = value + std::strlen(value) + 1;
       if (name >= end) break;
@@ -190,8 +191,9 @@ void close_inherited_descriptors() {
   DIR* directory = opendir("/proc/self/fd");
   if (directory == nullptr) return;
   const int own = dirfd(directory);
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): a directory stream of its own
   while (const dirent* entry = readdir(directory)) {
-    const int fd = std::atoi(entry->d_name);
+    const int fd = static_cast<int>(std::strtol(entry->d_name, nullptr, 10));
     if (fd > kChildControlFd && fd != own) close(fd);
   }
   closedir(directory);

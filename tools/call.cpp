@@ -8,6 +8,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <system_error>
 
 #include "service/ks.h"
 #include "tools/cli.h"
@@ -88,7 +89,7 @@ bool reply_arrived(const ks_io* io) {
 
 // To be called right behind what failed, for its errno.
 int local_trouble(const char* what) {
-  const char* why = std::strerror(errno);
+  const std::string why = std::generic_category().message(errno);
   complain(std::string("call: ") + what + ": " + why);
   return kExitLocal;
 }

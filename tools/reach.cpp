@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstring>
 #include <string>
+#include <system_error>
 #include <thread>
 
 #include "service/ks.h"
@@ -72,7 +73,7 @@ int run_wait(int argc, char** argv) {
   const int error = wait_for_accept(path, std::chrono::seconds(seconds));
   if (error == 0) return 0;
   complain("wait " + std::string(name) + ": " + path + " accepts no connection after " +
-           std::to_string(seconds) + " s: " + std::strerror(error));
+           std::to_string(seconds) + " s: " + std::generic_category().message(error));
   return kExitStatusBase + KS_STATUS_TIMEOUT;
 }
 
@@ -85,7 +86,7 @@ int run_path(int argc, char** argv) {
 
   const std::string line = socket_path(name) + "\n";
   if (write_all(STDOUT_FILENO, line.data(), line.size())) return 0;
-  complain(std::string("path: cannot write: ") + std::strerror(errno));
+  complain(std::string("path: cannot write: ") + std::generic_category().message(errno));
   return kExitLocal;
 }
 

@@ -123,6 +123,7 @@ TEST(Stop, WithItsHandsFullItEndsWhenTheMainHandlersDo) {
   const StandIn mailer("/usr/sbin/sendmail");
   script.plays("delay 300\n");
   mailer.plays("delay 2000\n");  // outlives the daemon, and holds copies of its sockets meanwhile
+  write_file("/tmp/vistalsurveillance_sendmail/m", "");
   Daemon daemon;
   std::vector<std::future<Reply>> answers;
   for (int i = 0; i < 7; ++i) {
@@ -131,7 +132,6 @@ TEST(Stop, WithItsHandsFullItEndsWhenTheMainHandlersDo) {
                    : call(kMail, "sendmail", R"({"user":"","pwd":"","config_file":"c","content_file":"m"})");
     }));
   }
-  write_file("/tmp/vistalsurveillance_sendmail/m", "");
   EXPECT_TRUE(eventually([&] { return script.calls().size() + mailer.calls().size() == 7; }));
   std::vector<Fd> waiting;
   for (int i = 0; i < 200; ++i) waiting.push_back(connected_client(kMainSocket));

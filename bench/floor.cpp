@@ -9,7 +9,7 @@
 #include <cstring>
 #include <vector>
 
-#include "bench/server_process.h"
+#include "bench/child_process.h"
 
 namespace {
 

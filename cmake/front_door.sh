@@ -1,6 +1,6 @@
 # Sourced by ./run and ./test: what both need installed and built.
 
-packages='g++ cmake ninja-build pkg-config ccache libjsoncpp-dev libgtest-dev libgmock-dev libbenchmark-dev
+packages='g++ cmake ninja-build pkg-config ccache libjsoncpp-dev libgtest-dev libgmock-dev
   tini util-linux procps attr ssmtp apache2-bin python3 dpkg-dev file'
 
 install_missing() {

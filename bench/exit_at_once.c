@@ -1,0 +1,4 @@
+// A program that costs what any program costs.
+int main(void) {
+  return 0;
+}

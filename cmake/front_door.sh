@@ -1,7 +1,9 @@
-# Sourced by ./run and ./test: what both need installed and built.
+# Sourced by ./run and ./test: what both need installed and built. `packages` is what install_missing looks for.
 
 packages='g++ cmake ninja-build pkg-config ccache libjsoncpp-dev libgtest-dev libgmock-dev
   tini util-linux procps attr ssmtp apache2-bin python3 dpkg-dev file'
+# What the preset aarch64 takes besides.
+packages_aarch64='g++-aarch64-linux-gnu libjsoncpp-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64 qemu-user-static'
 
 install_missing() {
   missing=
@@ -18,6 +20,7 @@ install_missing() {
   fi
   echo "installing:$missing"
   export DEBIAN_FRONTEND=noninteractive
+  case $missing in *:arm64*) dpkg --add-architecture arm64 ;; esac
   # shellcheck disable=SC2086 # one word a package
   if ! { apt-get -qq update && apt-get -qq install --no-install-recommends $missing; } >/tmp/apt.$$ 2>&1; then
     cat /tmp/apt.$$ >&2
@@ -38,4 +41,30 @@ build() {
     exit 1
   fi
   rm -f "$log"
+}
+
+# emulated BUILD CMD...: runs CMD where the programs in BUILD, which are for AArch64, start like any other: here, if the
+# kernel hands them to an emulator already. Else in a user namespace, which from Linux 6.7 on can make it do so for
+# itself alone: P lets a program see its argument 0, F keeps the emulator at hand inside the appliance. Where that
+# cannot be had either CMD runs all the same: ctest itself starts the emulator for tests that are programs, and those
+# that need the appliance are skipped.
+emulated() {
+  probe=$1/bin/ksctl
+  shift
+  if "$probe" -h >/dev/null 2>&1; then
+    "$@"
+    return
+  fi
+  magic='\x7fELF\x02\x01\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00\x02\x00\xb7\x00' # an executable for AArch64, by
+  mask='\xff\xff\xff\xff\xff\xff\xff\x00\xff\xff\xff\xff\xff\xff\xff\xff\xfe\xff\xff\xff' # its first 20 bytes
+  # shellcheck disable=SC2016 # for the shell inside
+  prepare='mount -t binfmt_misc none /proc/sys/fs/binfmt_misc &&
+    printf %s "$1" >/proc/sys/fs/binfmt_misc/register && shift && exec "$@"'
+  rule=":aarch64:M::$magic:$mask:$(command -v qemu-aarch64-static):PF"
+  if unshare --user --map-root-user --mount sh -c "$prepare" - "$rule" "$probe" -h >/dev/null 2>&1; then
+    set -- unshare --user --map-root-user --mount sh -c "$prepare" - "$rule" "$@"
+  else
+    echo "no kernel help to start programs for AArch64: what needs the appliance is skipped"
+  fi
+  "$@"
 }

@@ -141,6 +141,7 @@ TEST_F(ProcessTest, TakesNoProcessForSuccess) {
     FILE* const stream = popen_cmd_args(nullptr, nullptr, nullptr, "r", "/bin/true", nullptr);
     _exit(status == 0 && stream == nullptr && errno == EAGAIN ? 0 : 1);
   });
+  if (outcome.status == 9 << 8) GTEST_SKIP() << "a user namespace without any user but root";
   EXPECT_EQ(outcome.status, 0) << outcome.error;
 }
 

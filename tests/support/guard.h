@@ -33,6 +33,9 @@ std::string content_of(int fd);
 // The open descriptors of a process and what they refer to.
 std::map<int, std::string> open_descriptors(pid_t process = getpid());
 
+// Whether the tests run under an emulator of another processor, whose kernel interface has gaps.
+bool emulated();
+
 // What a child process did: its raw wait status and everything it wrote on standard error.
 struct ChildOutcome {
   int status;

@@ -147,34 +147,31 @@ TEST_F(WebFront, WhatMakesNoSenseIsRefusedOrHungUpOn) {
 }
 
 TEST_F(WebFront, RulesAreWrittenToTheByte) {
-  const std::string common = "\tHeader set X-Frame-Options \"ALLOW-FROM *\"\n\tProxyPreserveHost on\n";
+  const auto text = [](const std::string& port, const std::string& tls, const std::string& url) {
+    return "Listen " + port + "\n<VirtualHost *:" + port + ">\n" + tls +
+           "\tHeader set X-Frame-Options \"ALLOW-FROM *\"\n\tProxyPreserveHost on\n\tProxyPass / " + url +
+           "/ connectiontimeout=60 timeout=60\n\tProxyPassReverse / " + url + "/\n</VirtualHost>\n";
+  };
   const std::string tls =
       "\tSSLEngine on\n\tSSLCipherSuite EECDH+CHACHA20:EECDH+AES\n\tAll -SSLv2 -SSLv3 -TLSv1 -TLSv1.1\n"
       "\tSSLCertificateFile \"/etc/stunnel/stunnel.pem\"\n";
-  const std::string chain_and_hsts =
-      "\tSSLCertificateChainFile \"/etc/stunnel/uca.pem\"\n"
-      "\tHeader set Strict-Transport-Security \"max-age=63072000\"\n";
+  const std::string chain = "\tSSLCertificateChainFile \"/etc/stunnel/uca.pem\"\n";
+  const std::string hsts = "\tHeader set Strict-Transport-Security \"max-age=63072000\"\n";
   const std::string unverified =
       "\tSSLProxyEngine on\n\tSSLProxyVerify none\n\tSSLProxyCheckPeerCN off\n"
       "\tSSLProxyCheckPeerName off\n\tSSLProxyCheckPeerExpire off\n";
-  const auto listen = [](const std::string& port) {
-    return "Listen " + port + "\n<VirtualHost *:" + port + ">\n";
-  };
-  const auto pass = [](const std::string& url) {
-    return "\tProxyPass / " + url + "/ connectiontimeout=60 timeout=60\n\tProxyPassReverse / " + url +
-           "/\n</VirtualHost>\n";
-  };
   const struct {
     std::string rule, text;  // no text: it cannot be converted, and the connection is closed
     bool has_chain = true;
   } rows[] = {
-      {R"("port":8080,"des_port":80,"host_name":"h")", listen("8080") + common + pass("http://h:80")},
+      {R"("port":8080,"des_port":80,"host_name":"h")", text("8080", "", "http://h:80")},
       {R"("port":-1,"des_port":-2,"host_name":"h","protocol":"https","des_protocol":"wss")",
-       listen("-1") + tls + chain_and_hsts + unverified + common + pass("wss://h:-2")},
-      {R"("port":1,"des_port":2,"protocol":"https","des_protocol":"https","hsts":true)",
-       listen("1") + tls + unverified + common + pass("https://:2"), false},
+       text("-1", tls + chain + hsts + unverified, "wss://h:-2")},
+      {R"("port":1,"des_port":2,"protocol":"https","des_protocol":"https","hsts":false)",
+       text("1", tls + hsts + unverified, "https://:2"), false},
+      {R"("port":1,"des_port":2,"protocol":"https","hsts":true)", text("1", tls + chain, "http://:2")},
       {R"("port":1,"des_port":2,"protocol":"HTTPS","des_protocol":"x y","proxy_timeout":5)",
-       listen("1") + common + pass("x y://:2")},
+       text("1", "", "x y://:2")},
       {R"("port":1)", ""},
       {R"("port":"80","des_port":1)", ""},
       {R"("port":3000000000,"des_port":1)", ""},
@@ -188,20 +185,18 @@ TEST_F(WebFront, RulesAreWrittenToTheByte) {
     if (row.has_chain) write_file(kChain, "");
     if (!row.text.empty()) write_file(kRules + "cam 1.conf", std::string(10000, 'x'));
     manager.plays("");
-    EXPECT_EQ(call(kMain, "reverse_proxy",
-                   R"({"action":"add","rule_list":[{"GUID":5,"port":1,"des_port":1},{},{"GUID":"cam 1",)" +
-                       row.rule + "}]}")
-                  .text,
-              row.text.empty() ? "" : kDone);
+    const std::string first = R"({"GUID":5,"port":1,"des_port":1},{},)";
+    const std::string body =
+        R"({"action":"add","rule_list":[)" + first + R"({"GUID":"cam 1",)" + row.rule + "}]}";
+    EXPECT_EQ(call(kMain, "reverse_proxy", body).text, row.text.empty() ? "" : kDone);
     EXPECT_THAT(said(), testing::StartsWith("[nos_reverse_proxy_handler] get jRuleList[1] strGUID failed\n"));
     EXPECT_EQ(read_file(kRules + "cam 1.conf"), row.text);
-    EXPECT_EQ(read_file(kRules + "5.conf"), listen("1") + common + pass("http://:1"));
+    EXPECT_EQ(read_file(kRules + "5.conf"), text("1", "", "http://:1"));
     EXPECT_EQ(manager.calls().size(), row.text.empty() ? 0u : 1u);
   }
   write_file(kRules + "cam 1.conf", "");
-  EXPECT_EQ(
-      call(kMain, "reverse_proxy", R"({"rule_list":[{"GUID":"none"},{"GUID":""},{"GUID":"cam 1"}]})").text,
-      kDone);
+  const std::string two = R"({"rule_list":[{"GUID":"none"},{"GUID":""},{"GUID":"cam 1"}]})";
+  EXPECT_EQ(call(kMain, "reverse_proxy", two).text, kDone);
   EXPECT_FALSE(fs::exists(kRules + "cam 1.conf"));
   EXPECT_TRUE(fs::exists(kRules + "5.conf"));
 }

@@ -41,7 +41,8 @@ Json::Value received(const std::vector<char>& block, const char* name, const Tex
   for (const TextField& field : texts) {
     const std::string wanted = &block[field.offset + shift];
     // Bytes that are no UTF-8 are replaced in writing.
-    const bool ascii = std::all_of(wanted.begin(), wanted.end(), [](char c) { return c >= 0; });
+    const bool ascii = std::all_of(wanted.begin(), wanted.end(),
+                                   [](char c) { return static_cast<unsigned char>(c) < 0x80; });
     require(json[field.member].isString() && (!ascii || json[field.member] == wanted), field.member);
   }
   return json;

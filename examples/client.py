@@ -1,8 +1,5 @@
 #!/usr/bin/env python3
-"""Calls a service without the library.
-
-Written from docs/protocol.md, in which is a table of the outcomes: the exit status is 0, or 10 more than that.
-"""
+"""Calls a service without the library, as docs/protocol.md says. Exit status: 0, or 10 more than the outcome there."""
 import argparse
 import hashlib
 import os

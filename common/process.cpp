@@ -106,7 +106,8 @@ void reset_signals() {
   for (int signal = 1; signal < NSIG; ++signal) {
     struct sigaction current {};
     if (sigaction(signal, nullptr, &current) != 0) continue;
-    if (current.sa_handler != SIG_IGN || signal == SIGPIPE) sigaction(signal, &ordinary, nullptr);
+    const bool stays = current.sa_handler == SIG_DFL || (current.sa_handler == SIG_IGN && signal != SIGPIPE);
+    if (!stays) sigaction(signal, &ordinary, nullptr);
   }
   sigset_t none;
   sigemptyset(&none);

@@ -33,11 +33,21 @@ void take(const Json::Value& root, const std::string& key) {
   require(name != "int" || large == number, "an int is a long");
 }
 
+// The other reader, which may refuse, but not throw, and its writer.
+void build(const std::string& input) {
+  Json::Value root, again;
+  std::string errors;
+  const bool read = json_parse_builder(input, &root, &errors);
+  require(read || !errors.empty(), "a reason");
+  if (read) require(json_parse_builder(json_write_indented(root), &again, &errors), "read again");
+}
+
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const int log_is_set = log_set_dir("/proc/self");  // lines are made, and then find no file
   require(log_is_set == 0, "the log");
+  build({data, data + size});
   try {
     Json::Value root, again;
     std::string errors;

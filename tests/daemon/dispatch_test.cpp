@@ -1,64 +1,40 @@
 // Dispatch as clients see it: names, unknown commands, exec_cli, the client's descriptor as standard output.
-#include <sys/mman.h>
 #include <unistd.h>
 
-#include <memory>
-
 #include "harness.h"
+#include "support/peer.h"
 
 namespace {
 
 class Dispatch : public DaemonTest {};
 
-// A request that stays unanswered, and its client, which leaves with the object.
-class Unanswered {
- public:
-  explicit Unanswered(const char* request, int extra_fd = -1) {
-    EXPECT_EQ(ks_epoll_call(epoll_, kMain, request, io_, extra_fd), KS_STATUS_OK);
-    status_within(10000);  // asked; the request goes out
-  }
-  Unanswered(const Unanswered&) = delete;
-  Unanswered& operator=(const Unanswered&) = delete;
-  ~Unanswered() {
-    ks_epoll_cancel(epoll_, io_);
-    ks_epoll_free(epoll_);
-    ks_io_free(io_);
-  }
-  // What comes within `ms`: a status, or KS_STATUS_TIMEOUT for nothing.
-  int status_within(std::uint32_t ms) {
-    int status = -1;
-    ks_epoll_perform(epoll_, ms, &status);
-    return status;
-  }
-
- private:
-  ks_epoll* epoll_ = ks_epoll_create();
-  ks_io* io_ = ks_io_create();
-};
+// A request that is asked for, and stays unanswered; its client leaves with the object.
+Peer unanswered(const char* request, int extra_fd) {
+  Peer client{std::string(kMainSocket)};
+  EXPECT_EQ(client.next(), KS_DIR_ASK);
+  client.request(request, 1).fds({memory_file("")}).fds({extra_fd});
+  return client;
+}
 
 TEST_F(Dispatch, OnlyTheExactNameIsAnswered) {
-  const int extra = memfd_create("extra", MFD_CLOEXEC);
-  std::vector<std::unique_ptr<Unanswered>> waiting;
-  for (const char* name : {"TEST", "test ", "", "sendmail"}) {
-    waiting.push_back(std::make_unique<Unanswered>(name, extra));
-  }
-  close(extra);
+  std::vector<Peer> waiting;
+  for (const char* name : {"TEST", "test ", "", "sendmail"}) waiting.push_back(unanswered(name, 0));
   // Their workers are free again, and their clients still connected.
   EXPECT_EQ(call(kMain, "test").text,
             "{\"handler\":\"test_handler\",\"service\":\"VistalServer-vistalprod\"}\n");
   EXPECT_EQ(call(kMail, "test", "no JSON").json()["handler"], "nos_test_sendmail_srv_handler");
-  for (const auto& client : waiting) EXPECT_EQ(client->status_within(0), KS_STATUS_TIMEOUT);
+  for (const Peer& client : waiting) EXPECT_FALSE(readable(client.fd(), 0));
 }
 
 TEST_F(Dispatch, TenThousandUnknownRequestsLeaveNothingBehind) {
-  for (int i = 0; i < 10000; ++i) Unanswered("no such command");
+  for (int i = 0; i < 10000; ++i) unanswered("no such command", 0);
 }
 
 TEST_F(Dispatch, AClientThatKeepsUnknownRequestsOpenDoesNotExhaustTheDaemon) {
-  std::vector<std::unique_ptr<Unanswered>> waiting;
-  for (int i = 0; i < 400; ++i) waiting.push_back(std::make_unique<Unanswered>("no such command"));
+  std::vector<Peer> waiting;
+  for (int i = 0; i < 400; ++i) waiting.push_back(unanswered("no such command", 0));
   EXPECT_EQ(call(kMain, "test").status, KS_STATUS_OK);
-  EXPECT_EQ(waiting.front()->status_within(10000), KS_STATUS_BROKEN);
+  EXPECT_EQ(waiting.front().next(), 0);
 }
 
 TEST_F(Dispatch, ExecCliReturnsWhatTheProgramPrints) {
@@ -100,7 +76,7 @@ TEST_F(Dispatch, StandardOutputIsTheClientsDescriptorAndThenTheNullDevice) {
   tool.plays("delay 1000\n");
   {
     // Whoever leaves during its request costs nothing.
-    const Unanswered client("system_call_share_folder_renew", pipe_ends[1]);
+    const Peer client = unanswered("system_call_share_folder_renew", pipe_ends[1]);
     EXPECT_TRUE(eventually([&] { return open_descriptors(daemon_->pid())[1] == lent; }));
   }
   close(pipe_ends[1]);

@@ -66,7 +66,7 @@ int Process::wait() {
   return status;
 }
 
-Daemon::Daemon() : Process("vistalprod") {
+Daemon::Daemon(const std::string& command) : Process(command) {
   for (const char* service : {kMain, kMail}) {
     EXPECT_EQ(Process("ksctl wait " + std::string(service)).wait(), 0);
   }
@@ -155,10 +155,15 @@ void DaemonTest::SetUp() {
 }
 
 void DaemonTest::TearDown() {
+  expect_as_before();
+}
+
+void DaemonTest::expect_as_before() const {
+  EXPECT_EQ(call(kMail, "test").status, KS_STATUS_OK);
   EXPECT_TRUE(eventually([this] {
-    call(kMain, "test");
-    return open_descriptors(daemon_->pid()).size() <= descriptors_;
-  })) << "descriptors leaked: "
+    return call(kMain, "test").status == KS_STATUS_OK &&
+           open_descriptors(daemon_->pid()).size() <= descriptors_;
+  })) << "no answer, or descriptors leaked: "
       << testing::PrintToString(open_descriptors(daemon_->pid()));
   EXPECT_TRUE(eventually([] {
     return WEXITSTATUS(Process("pgrep -P " + std::to_string(daemon_->pid())).wait()) == 1;

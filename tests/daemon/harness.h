@@ -15,6 +15,8 @@
 
 inline constexpr char kMain[] = "VistalServer-vistalprod";
 inline constexpr char kMail[] = "VistalServer_send_mail-vistalprod";
+inline constexpr char kMainSocket[] = "/var/run/ks/494AC97B.sock";
+inline constexpr char kMailSocket[] = "/var/run/ks/850CD619.sock";
 inline constexpr char kLogFile[] = "/share/VistalServer/.log/.nxe_ks_vistalprod.log";
 
 std::string read_file(const std::string& path);  // empty when there is none
@@ -43,7 +45,8 @@ class Process {
 // The daemon, serving: both services accept, and all their workers are there.
 class Daemon : public Process {
  public:
-  Daemon();
+  // `command` starts it.
+  explicit Daemon(const std::string& command = "vistalprod");
   // SIGTERM; the raw wait status.
   int stop();
 };
@@ -92,6 +95,8 @@ class DaemonTest : public testing::Test {
   static void TearDownTestSuite();
   void SetUp() override;
   void TearDown() override;
+  // Both services answer; descriptors, children and temporary files are as when the test began.
+  void expect_as_before() const;
   // What the log has grown by since the test began.
   std::string new_log() const;
   inline static std::unique_ptr<Daemon> daemon_;

@@ -2,7 +2,6 @@
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,13 +12,13 @@
 #include "daemon/event_records.h"
 #include "daemon/msg_queue_listener.h"
 #include "harness.h"
+#include "support/peer.h"
 
 namespace {
 
 using testing::ContainsRegex;
 
 constexpr char kErrors[] = "/tmp/daemon.errors";
-constexpr char kMainSocket[] = "/var/run/ks/494AC97B.sock";
 
 // The exit status of a command that ends by itself.
 int run(const std::string& command) {
@@ -82,21 +81,11 @@ TEST(StartUp, ProgramsStartInTheOrdinaryState) {
             read_file("/tmp/probe"));
 }
 
-// A client that says nothing.
-Fd connected_client(const char* path) {
-  Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-  std::string(path).copy(address.sun_path, sizeof(address.sun_path) - 1);
-  EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-  return fd;
-}
-
-// The same once it has been asked: it holds a worker.
-Fd silent_client(const char* path) {
-  Fd fd = connected_client(path);
-  char question[259];
-  EXPECT_EQ(recv(fd, question, sizeof(question), MSG_WAITALL), 259);
-  return fd;
+// A client that has been asked, and says nothing: it holds a worker.
+Peer silent_client() {
+  Peer client{std::string(kMainSocket)};
+  EXPECT_EQ(client.next(), KS_DIR_ASK);
+  return client;
 }
 
 // Keeps both queues full until it is destroyed.
@@ -133,23 +122,20 @@ TEST(Stop, WithItsHandsFullItEndsWhenTheMainHandlersDo) {
     }));
   }
   EXPECT_TRUE(eventually([&] { return script.calls().size() + mailer.calls().size() == 7; }));
-  std::vector<Fd> waiting;
-  for (int i = 0; i < 200; ++i) waiting.push_back(connected_client(kMainSocket));
+  std::vector<Peer> waiting;
+  for (int i = 0; i < 200; ++i) waiting.emplace_back(kMainSocket);
   const std::jthread feeding = feeder();
   EXPECT_EQ(daemon.stop(), 0);
   for (int i = 0; i < 7; ++i) EXPECT_EQ(answers[static_cast<std::size_t>(i)].get().status, i < 2 ? 0 : 5);
-  char byte;
-  EXPECT_LE(recv(waiting.back(), &byte, 1, 0), 0) << "a client that waited is hung up on";
+  EXPECT_EQ(waiting.back().next(), 0) << "a client that waited is hung up on";
   expect_nothing_left();
 }
 
 // Descriptors that were promised are waited for, but not for ever.
 TEST(Stop, AnUnfinishedRequestDoesNotHoldItUpForEver) {
   Daemon daemon;
-  const Fd unfinished = silent_client(kMainSocket);
-  const std::string record = std::string("\x08\0test", 6) + std::string(253, '\0');
-  EXPECT_EQ(send(unfinished, record.data(), record.size(), 0), 259);
-  EXPECT_EQ(send(unfinished, "!", 1, MSG_OOB), 1);
+  Peer unfinished = silent_client();
+  EXPECT_EQ(send(unfinished.request("test").fd(), "!", 1, MSG_OOB), 1);
   EXPECT_EQ(daemon.stop(), 0);
   expect_nothing_left();
 }
@@ -161,10 +147,10 @@ TEST(Stop, AHundredTimesInARow) {
   for (int i = 0; i < 100; ++i) {
     tool.plays("delay 20\n");
     Daemon daemon;
-    std::vector<Fd> clients;
+    std::vector<Peer> clients;
     std::vector<std::future<Reply>> answers;
     for (int busy = 0; busy < 2; ++busy) {
-      if (i % 2 == 0) clients.push_back(silent_client(kMainSocket));
+      if (i % 2 == 0) clients.push_back(silent_client());
       if (i % 2 == 1) {
         answers.push_back(
             std::async(std::launch::async, [] { return call(kMain, "system_call_share_folder_renew"); }));

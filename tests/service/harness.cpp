@@ -1,8 +1,5 @@
 #include "harness.h"
 
-#include <poll.h>
-#include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <atomic>
@@ -83,74 +80,6 @@ bool Service::comes_to_hold(int connections) const {
     }
     return found == connections;
   });
-}
-
-void limit_descriptors(int number) {
-  const rlimit limit{.rlim_cur = static_cast<rlim_t>(number), .rlim_max = 4096};
-  EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-}
-
-bool readable(int fd, int timeout_ms) {
-  pollfd watched{.fd = fd, .events = POLLIN, .revents = 0};
-  return poll(&watched, 1, timeout_ms) > 0;
-}
-
-Peer::Peer(const std::string& path) : fd_(socket(AF_UNIX, SOCK_STREAM, 0)) {
-  connect_to(path);
-}
-
-void Peer::connect_to(const std::string& path) const {
-  const sockaddr_un address = ks_socket_address(path.c_str());
-  EXPECT_EQ(connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0) << strerror(errno);
-}
-
-// A service that has hung up already is a legitimate answer to whatever is sent here.
-Peer& Peer::bytes(std::string_view bytes) {
-  EXPECT_TRUE(send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) >= 0 || errno == EPIPE);
-  return *this;
-}
-
-Peer& Peer::record(int type, int flag, std::string_view data) {
-  std::string record(sizeof(directive), '\0');
-  record[0] = static_cast<char>(type);
-  record[1] = static_cast<char>(flag);
-  record.replace(2, data.size(), data);
-  return bytes(record);
-}
-
-Peer& Peer::fds(const std::vector<int>& fds) {
-  const std::size_t size = fds.size() * sizeof(int);
-  alignas(cmsghdr) char control[256] = {};
-  char byte = 'x';
-  iovec payload{.iov_base = &byte, .iov_len = 1};
-  msghdr message{};
-  message.msg_iov = &payload;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = CMSG_LEN(size);
-  *CMSG_FIRSTHDR(&message) = {.cmsg_len = CMSG_LEN(size), .cmsg_level = SOL_SOCKET, .cmsg_type = SCM_RIGHTS};
-  std::memcpy(CMSG_DATA(CMSG_FIRSTHDR(&message)), fds.data(), size);
-  EXPECT_TRUE(sendmsg(fd_, &message, MSG_NOSIGNAL) >= 0 || errno == EPIPE);
-  return *this;
-}
-
-int Peer::next() const {
-  directive record;
-  if (!readable(fd_)) return -1;
-  return read_directive(fd_, &record) ? record.type : 0;
-}
-
-std::vector<int> Peer::rest() const {
-  std::vector<int> types;
-  do types.push_back(next());
-  while (types.back() > 0);
-  return types;
-}
-
-Fd memory_file(std::string_view content, unsigned flags) {
-  Fd file(memfd_create("test", flags));
-  EXPECT_EQ(write(file, content.data(), content.size()), static_cast<ssize_t>(content.size()));
-  return file;
 }
 
 Line make_line() {

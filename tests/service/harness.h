@@ -3,13 +3,11 @@
 
 #include <cstdint>
 #include <string>
-#include <string_view>
 #include <thread>
-#include <vector>
 
 #include "service/directive.h"
 #include "service/ks.h"
-#include "support/guard.h"
+#include "support/peer.h"
 
 using Reply = std::pair<int, std::string>;  // the status and what came
 
@@ -44,38 +42,6 @@ class Service {
   const std::string name_;
   ks_handle* const handle_;
   std::jthread runner_;
-};
-
-Fd memory_file(std::string_view content, unsigned flags = 0);
-
-// From now on this process opens descriptors below this number only.
-void limit_descriptors(int number);
-
-// Waits until there is something to read, the end included.
-bool readable(int fd, int timeout_ms = 10'000);
-
-// A client, or a service, by hand. Nothing it does waits longer than ten seconds.
-class Peer {
- public:
-  explicit Peer(const std::string& path);  // connects
-  explicit Peer(int fd) : fd_(fd) {}       // takes over
-
-  int fd() const { return fd_; }
-  void connect_to(const std::string& path) const;
-  void leave() { fd_.reset(); }
-  Peer& bytes(std::string_view bytes);
-  Peer& record(int type, int flag = 0, std::string_view data = "");
-  Peer& request(std::string_view name, int flag = 0) { return record(KS_DIR_REQUEST, flag, name); }
-  Peer& fds(const std::vector<int>& fds);  // one message of one byte with all of these
-  // A "hold" request with this line as its extra descriptor.
-  Peer& hold(int line) { return request("hold", 1).fds({memory_file("")}).fds({line}); }
-  // The type of the next record; 0 at the end of the connection, -1 when nothing comes.
-  int next() const;
-  // The types of all records to come, and 0 or -1.
-  std::vector<int> rest() const;
-
- private:
-  Fd fd_;
 };
 
 // Two sockets connected to one another.

@@ -116,7 +116,10 @@ TEST_P(EveryMode, AKilledWorkerIsReplacedAndStopWaitsForWhoWorks) {
   }
   const Line lines[] = {make_line(), make_line()};
   Peer peers[] = {Peer(path()), Peer(path())};
-  for (int i : {0, 1}) EXPECT_TRUE(readable(peers[i].hold(lines[i].theirs).fd()) && readable(lines[i].ours));
+  for (int i : {0, 1}) {
+    peers[i].request("hold", 1).fds({memory_file("")}).fds({lines[i].theirs});
+    EXPECT_TRUE(readable(peers[i].fd()) && readable(lines[i].ours));
+  }
   EXPECT_EQ(error.text(), warning);
   const Peer queued(path());
   ASSERT_TRUE(service.comes_to_hold(3));

@@ -1,0 +1,39 @@
+// Talking to a service byte by byte, as a client that keeps what rules it likes.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "service/directive.h"
+#include "support/guard.h"
+
+Fd memory_file(std::string_view content, unsigned flags = 0);
+
+// From now on this process opens descriptors below this number only.
+void limit_descriptors(int number);
+
+// Waits until there is something to read, the end included.
+bool readable(int fd, int timeout_ms = 10'000);
+
+// A client, or a service, by hand. Nothing it does waits longer than ten seconds.
+class Peer {
+ public:
+  explicit Peer(const std::string& path);  // connects
+  explicit Peer(int fd) : fd_(fd) {}       // takes over
+
+  int fd() const { return fd_; }
+  void connect_to(const std::string& path) const;
+  void leave() { fd_.reset(); }
+  Peer& bytes(std::string_view bytes);
+  Peer& record(int type, int flag = 0, std::string_view data = "");
+  Peer& request(std::string_view name, int flag = 0) { return record(KS_DIR_REQUEST, flag, name); }
+  Peer& fds(const std::vector<int>& fds);  // one message of one byte with all of these
+  // The type of the next record; 0 at the end of the connection, -1 when nothing comes.
+  int next() const;
+  // The types of all records to come, and 0 or -1.
+  std::vector<int> rest() const;
+
+ private:
+  Fd fd_;
+};

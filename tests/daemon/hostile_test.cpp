@@ -1,0 +1,308 @@
+// Peers that keep no rule, and bodies that mean no good, at both services. Whatever one does costs it its own
+// connection and nobody anything else.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <filesystem>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "daemon/command_tables.h"
+#include "harness.h"
+#include "support/peer.h"
+
+namespace {
+
+const struct Target {
+  const char* name;
+  const char* path;
+  int workers;
+  std::span<const CommandRow> (*commands)();
+  const char* slow;  // a request that takes a moment, and its body, which is read
+  const char* body;
+} kTargets[] = {
+    {kMain, kMainSocket, 2, main_commands, "exec_cli", R"({"command":["/bin/sleep","0.1"]})"},
+    {kMail, kMailSocket, 5, mail_commands, "sendmail",
+     R"({"user":"","pwd":"","config_file":"c","content_file":"m"})"},
+};
+
+const Fd kBody = memory_file("body"), kSealable = memory_file("body", MFD_ALLOW_SEALING);
+const std::string kBodyPath = "/proc/self/fd/" + std::to_string(kBody);
+const std::string kEndless(kDirectiveDataSize, 'n');
+
+int odd_file(off_t size, int seals) {
+  const int file = memfd_create("odd", MFD_ALLOW_SEALING | MFD_CLOEXEC);
+  EXPECT_EQ(ftruncate(file, size) + fcntl(file, F_ADD_SEALS, seals), 0);
+  return file;
+}
+
+int full_pipe() {
+  int ends[2];
+  EXPECT_EQ(pipe2(ends, O_NONBLOCK | O_CLOEXEC), 0);
+  while (write(ends[1], kEndless.data(), 1) == 1) continue;
+  return close(ends[0]), ends[1];
+}
+
+// Makes a request with this file.
+auto hands_over(int fd) {
+  return [file = std::make_shared<Fd>(fd)](Peer& p) { p.request("test").fds({*file}); };
+}
+auto hands_over(const std::string& path, int flags) {
+  return hands_over(open(path.c_str(), flags | O_CLOEXEC, 0600));
+}
+
+// How a connection may end: without a reply, with one, either way (who was faster), or not until the peer leaves.
+enum class End { refused, served, either, open };
+
+const struct {
+  const char* what;
+  std::function<void(Peer&)> does;
+  End end = End::refused;
+} kRows[] = {
+    {"half a record, then silence", [](Peer& p) { p.bytes(std::string(129, '\x08')); }},
+    {"no descriptor, then silence", [](Peer& p) { p.request("test"); }},
+    {"a byte without a descriptor", [](Peer& p) { p.request("test").bytes("x"); }},
+    {"withholds the second descriptor", [](Peer& p) { p.request("test", 255).fds({kBody}); }},
+    {"every flag there is", [](Peer& p) { p.request("test", 255).fds({kBody}).fds({kBody}); }, End::served},
+    {"every flag but the one", [](Peer& p) { p.request("test", 254).fds({kBody}); }, End::served},
+    {"two descriptors in one message",
+     [](Peer& p) {
+       p.request("test").fds({kBody, kBody});
+     },
+     End::served},
+    {"four in one message",
+     [](Peer& p) {
+       p.request("test").fds({kBody, kBody, kBody, kBody});
+     }},
+    {"a file nobody asked for", [](Peer& p) { p.request("test").fds({kBody}).fds({kBody}); }, End::either},
+    {"two requests", [](Peer& p) { p.request("test").fds({kBody}).request("test").fds({kBody}); },
+     End::either},
+    {"a request after its reply",
+     [](Peer& p) {
+       EXPECT_TRUE(p.request("test").fds({kBody}).next() == KS_DIR_ASK && p.next() == KS_DIR_DONE);
+       p.request("test").fds({kBody});
+     }},
+    {"a name without an end", [](Peer& p) { p.request(kEndless).fds({kBody}); }, End::open},
+    {"reads nothing",
+     [](Peer& p) {
+       shutdown(p.fd(), SHUT_RD);
+       p.request("test", 1).fds({kBody}).fds({Fd(full_pipe())});
+     },
+     End::either},
+    {"empty file", hands_over(odd_file(0, 0)), End::served},
+    {"sealable file", [](Peer& p) { p.request("test").fds({kSealable}); }, End::served},
+    {"1 TiB of nothing", hands_over(odd_file(off_t{1} << 40, 0)), End::served},
+    {"too large to map", hands_over(odd_file(off_t{1} << 62, 0))},
+    {"no shrinking", hands_over(odd_file(4, F_SEAL_SHRINK))},
+    {"no growing", hands_over(odd_file(4, F_SEAL_GROW))},
+    {"no writing", hands_over(odd_file(4, F_SEAL_WRITE))},
+    {"no writing from now on", hands_over(odd_file(4, F_SEAL_FUTURE_WRITE))},
+    {"read-only file", hands_over(kBodyPath, O_RDONLY)},
+    {"write-only file", hands_over(kBodyPath, O_WRONLY)},
+    {"file on disk", hands_over("/share/VistalServer/odd", O_RDWR | O_CREAT)},
+    {"directory", hands_over("/tmp", O_RDONLY)},
+    {"full pipe", hands_over(full_pipe())},
+    {"socket", hands_over(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))},
+    {"/dev/zero", hands_over("/dev/zero", O_RDWR)},
+    {"/dev/null", hands_over("/dev/null", O_RDWR)},
+};
+
+void expect_end(const Peer& peer, End end) {
+  if (end == End::open) {
+    EXPECT_TRUE(peer.next() == KS_DIR_ASK && !readable(peer.fd(), 50));
+    return;
+  }
+  const std::vector<int> rest = peer.rest();
+  const bool served = rest.size() > 1 && rest[rest.size() - 2] == KS_DIR_DONE;
+  EXPECT_TRUE(rest.back() == 0 && (end == End::either || served == (end == End::served)))
+      << testing::PrintToString(rest);
+}
+
+class Hostile : public DaemonTest {};
+
+TEST_F(Hostile, APeerThatBreaksTheRulesCostsItsOwnConnectionOnly) {
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(row.what);
+    // The emulator takes in all of them and does not say that the message was cut.
+    if (emulated() && row.what == std::string("four in one message")) continue;
+    {
+      Peer peers[] = {Peer(kMainSocket), Peer(kMailSocket)};
+      for (Peer& peer : peers) row.does(peer);
+      for (const Target& at : kTargets) EXPECT_EQ(call(at.name, "test").status, KS_STATUS_OK) << "meanwhile";
+      for (const Peer& peer : peers) expect_end(peer, row.end);
+    }
+    expect_as_before();
+    ASSERT_FALSE(HasFailure());  // the rows to come would wait in vain
+  }
+  // From the moment it is served.
+  EXPECT_EQ(fcntl(kSealable, F_ADD_SEALS, F_SEAL_SHRINK), -1) << "a client can take its file away";
+  for (int type = 0; type < 512; ++type) {
+    SCOPED_TRACE(type);
+    Peer peer(kTargets[type / 256].path);
+    peer.record(type, 0, "test").fds({kBody});
+    expect_end(peer, type % 256 == KS_DIR_REQUEST ? End::served : End::refused);
+  }
+}
+
+TEST_F(Hostile, AClientMayBeKilledAtEveryStep) {
+  const StandIn mailer("/usr/sbin/sendmail");
+  mailer.plays("delay 100\n");
+  for (const Target& at : kTargets) {
+    const Fd body = memory_file(at.body);
+    std::string record = std::string("\x08\x01", 2) + at.slow;
+    record.resize(sizeof(directive));
+    const std::function<void(Peer&)> steps[] = {
+        [](Peer& p) { EXPECT_EQ(p.next(), KS_DIR_ASK); },
+        [&](Peer&) { (new Peer(at.path))->bytes(record.substr(0, 99)); },  // dies with the process
+        [&](Peer& p) { p.bytes(record); },
+        [&](Peer& p) { p.fds({body}); },
+        [&](Peer& p) { p.fds({body}); },
+        [](Peer&) {
+          const std::string children = "pgrep -P " + std::to_string(daemon_->pid()) + " >/dev/null";
+          EXPECT_TRUE(eventually([&] { return Process(children).wait() == 0; }));
+        },
+        [](Peer& p) { p.next(); },
+    };
+    for (std::size_t count = 0; count <= std::size(steps); ++count) {
+      SCOPED_TRACE(count);
+      write_file("/tmp/vistalsurveillance_sendmail/m", "");
+      const pid_t client = fork();
+      if (client == 0) {
+        Peer peer(at.path);
+        for (std::size_t i = 0; i < count; ++i) steps[i](peer);
+        _exit(HasFailure() ? 1 : kill(getpid(), SIGKILL));
+      }
+      int status = 0;
+      EXPECT_TRUE(waitpid(client, &status, 0) == client && WIFSIGNALED(status));
+      expect_as_before();
+    }
+  }
+}
+
+TEST_F(Hostile, AFileMayShrinkAndGrowWhileItIsRead) {
+  const std::string text(1 << 20, '[');
+  for (const Target& at : kTargets) {
+    const Fd file = memory_file("");
+    const std::jthread owner([&](const std::stop_token& done) {
+      for (off_t size = 0; !done.stop_requested(); size = (size + 4099) % 65536) {
+        EXPECT_GT(pwrite(file, text.data(), text.size(), size), 0);
+        EXPECT_EQ(ftruncate(file, size), 0);
+      }
+    });
+    for (int i = 0; i < 200; ++i) expect_end(Peer(at.path).request(at.slow).fds({file}), End::either);
+  }
+}
+
+TEST_F(Hostile, ASocketFileThatIsTakenAwayIsMissedByNewClientsOnly) {
+  for (const Target& at : kTargets) {
+    Peer before(at.path);
+    std::filesystem::rename(at.path, "/var/run/ks/aside");
+    EXPECT_EQ(call(at.name, "test").status, KS_STATUS_CONNECT);
+    write_file(at.path, "in its place");
+    EXPECT_EQ(call(at.name, "test").status, KS_STATUS_CONNECT);
+    expect_end(before.request("test").fds({kBody}), End::served);
+    std::filesystem::rename("/var/run/ks/aside", at.path);
+    expect_as_before();
+  }
+}
+
+// As many as a service holds, who say nothing.
+std::vector<Peer> silent_crowd(const Target& at) {
+  std::vector<Peer> crowd;
+  for (int i = 0; i < 1000 + at.workers; ++i) {
+    crowd.emplace_back(at.path);
+    EXPECT_TRUE(i >= at.workers || crowd.back().next() == KS_DIR_ASK);
+  }
+  EXPECT_EQ(call(at.name, "test").status, KS_STATUS_BUSY);
+  return crowd;
+}
+
+TEST_F(Hostile, AThousandSilentClientsAtEachServiceComeAndGo) {
+  limit_descriptors(4096);
+  for (const Target& at : kTargets) {
+    std::vector<Peer> crowd = silent_crowd(at), other = silent_crowd(kTargets[&at == kTargets ? 1 : 0]);
+    // The first that waits does not wait to be asked.
+    const std::size_t early = static_cast<std::size_t>(at.workers);
+    crowd[early].request("test").fds({kBody});
+    EXPECT_FALSE(readable(crowd[early].fd(), 50));
+    crowd[0].leave();
+    expect_end(crowd[early], End::served);
+  }
+}
+
+// ---- Bodies -----------------------------------------------------------------------------------------------
+
+// An object in which every member that any command knows has each of these values, one after the other.
+std::string object_of(std::initializer_list<std::string> values) {
+  static const std::set<std::string> names = [] {
+    std::set<std::string> words;  // that the page of all commands sets in code
+    std::istringstream page(read_file(COMMANDS_PAGE));
+    for (std::string word; std::getline(page, word, '`');) {
+      if (word.find_first_not_of("abcdefghijklmnopqrstuvwxyz_") == word.npos) words.insert(word);
+    }
+    EXPECT_TRUE(words.contains("share_name")) << COMMANDS_PAGE;
+    return words;
+  }();
+  std::string text;
+  for (const std::string& value : values) {
+    for (const std::string& name : names) text += (text.empty() ? "{\"" : ",\"") + name + "\":" + value;
+  }
+  return text + "}";
+}
+
+// Under numbers that no fixed-size set knows: the other service's clients have those below.
+TEST_F(Hostile, NoCommandMindsItsBody) {
+  limit_descriptors(4096);
+  const std::string deep(100'000, '[');
+  std::string objects;
+  for (int i = 0; i < 100'000; ++i) objects += "{\"a\":";
+  std::vector<std::string> bad = {deep, deep + std::string(deep.size(), ']'), objects,
+                                  std::string(64 << 20, '[')};
+  for (const char* text : {"\xff\xfe\xc0\x80", "{\"a", "/*", "[]", "-1", "true", "\"x\""})
+    bad.push_back(text);
+  bad.push_back(std::string("\0{}", 3));
+  bad.push_back(object_of({"1"}).insert(20, 1, '\0'));
+  std::vector<std::string> odd = {"null", "{}", object_of({"1"}) + "]",
+                                  object_of({"1", "[]", "\"x\"", "{}", "1"}),
+                                  object_of({"\"" + std::string(9999, 'A') + "\""})};
+  for (const char* value :
+       {"1e999", "-1e999", "99999999999999999999", "2147483648", "-2147483649", "0.5", "null", "true", "[]",
+        "{}", "[\"\xff\"]", R"("\u0000")", R"("\ud800")", "\"\xff\xc0\"", R"("../../x y;$(z)'\"%s\n")"}) {
+    odd.push_back(object_of({value}));
+    for (const std::string action : {"add", "delete", "get_status"}) {
+      const std::string last =
+          R"(,"auth_token":"t","action":")" + action + R"(","rule_list":[)" + object_of({value});
+      odd.push_back(object_of({value}).insert(object_of({value}).size() - 1, last + "]"));
+    }
+  }
+  for (const Target& at : kTargets) {
+    const std::vector<Peer> crowd = silent_crowd(kTargets[&at == kTargets ? 1 : 0]);
+    const auto descriptors = open_descriptors(daemon_->pid());
+    EXPECT_GT(descriptors.rbegin()->first, 1023);
+    for (const CommandRow& row : at.commands()) {
+      if (row.handler == nullptr) continue;
+      const bool reads = call(at.name, row.name).status != KS_STATUS_OK;
+      const auto expect_harmless = [&](const std::string& body, bool may_succeed) {
+        const Reply reply = call(at.name, row.name, body, kBody);
+        const bool told = reply.status == KS_STATUS_OK && reply.json().isObject();
+        const bool cut_off = reply.status == KS_STATUS_BROKEN && reply.text.empty();
+        EXPECT_TRUE(cut_off || (told && (may_succeed || reply.json().isMember("error_msg"))))
+            << row.name << ' ' << body.substr(0, 99) << " -> " << reply.status << ' ' << reply.text;
+      };
+      for (const std::string& body : bad) expect_harmless(body, !reads);
+      if (!reads) continue;
+      for (const std::string& body : odd) expect_harmless(body, true);
+      EXPECT_TRUE(eventually([&] { return open_descriptors(daemon_->pid()).size() <= descriptors.size(); }));
+    }
+  }
+  // The output of tools that failed is kept, on purpose.
+  for (const auto& entry : std::filesystem::directory_iterator("/tmp")) {
+    if (entry.path().filename().string().starts_with("file")) std::filesystem::remove(entry);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,248 @@
+// What the daemon does when the system refuses it something: calls of one kind fail until they are let go again.
+#include "support/faults.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <csignal>
+#include <future>
+#include <sstream>
+
+#include "daemon/event_records.h"
+#include "daemon/msg_queue_listener.h"
+#include "harness.h"
+#include "support/peer.h"
+
+namespace {
+
+constexpr char kErrors[] = "/tmp/daemon.errors";
+
+// The table that the daemon looks into, for the life of this process.
+fault* faults() {
+  static fault* const table = [] {
+    constexpr std::size_t kSize = sizeof(fault) * FAULT_KINDS;
+    const Fd file(open(FAULTS_FILE, O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    EXPECT_EQ(ftruncate(file, kSize), 0);
+    return static_cast<fault*>(mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
+  }();
+  return table;
+}
+
+// Calls of one kind fail while the object lives.
+class Fault {
+ public:
+  Fault(fault_kind kind, int error, int left = -1, int skip = 0) : fault_(faults()[kind]) {
+    // This sanitizer has a thread of its own, from the very start.
+    if (kind == FAULT_PTHREAD_CREATE && left > 0)
+      skip += dlsym(RTLD_DEFAULT, "__tsan_init") != nullptr ? 1 : 0;
+    fault_ = {.error = error, .skip = skip, .left = 0, .hits = 0};
+    __atomic_store_n(&fault_.left, left, __ATOMIC_RELEASE);
+  }
+  Fault(const Fault&) = delete;
+  Fault& operator=(const Fault&) = delete;
+  ~Fault() { __atomic_store_n(&fault_.left, 0, __ATOMIC_RELEASE); }
+  int hits() const { return __atomic_load_n(&fault_.hits, __ATOMIC_ACQUIRE); }
+
+ private:
+  fault& fault_;
+};
+
+// Starts the daemon with calls that can fail. A sanitizer's runtime has to be loaded first; it is in this program as
+// well.
+std::string faulty_daemon() {
+  faults();
+  std::string preload = FAULTS_LIBRARY;
+  for (const char* entry : {"__asan_init", "__tsan_init"}) {
+    Dl_info runtime{};
+    if (dladdr(dlsym(RTLD_DEFAULT, entry), &runtime) != 0) preload = runtime.dli_fname + (":" + preload);
+  }
+  return "env LD_PRELOAD=" + preload + " vistalprod 2>" + kErrors;
+}
+
+// The processor time that the daemon has taken, in ticks of 10 ms.
+long ticks_of(pid_t process) {
+  std::istringstream stat(read_file("/proc/" + std::to_string(process) + "/stat"));
+  std::string field;
+  for (int i = 1; i < 14; ++i) stat >> field;
+  long user = 0, system = 0;
+  stat >> user >> system;
+  return user + system;
+}
+
+class Faults : public DaemonTest {
+ protected:
+  static void SetUpTestSuite() { daemon_ = std::make_unique<Daemon>(faulty_daemon()); }
+  static bool at_rest() {
+    const long before = ticks_of(daemon_->pid());
+    usleep(100'000);
+    return ticks_of(daemon_->pid()) <= before + 1;
+  }
+};
+
+constexpr char kEcho[] = R"({"command":["/bin/echo","on"]})";
+constexpr char kShare[] = R"({"share_name":"s"})";
+constexpr char kSession[] = R"({"type":1,"user":"u","sid":"s"})";
+constexpr char kMessage[] = R"({"user":"","pwd":"","config_file":"c","content_file":"m"})";
+
+const struct {
+  fault_kind kind;
+  int error;
+  const char* service;
+  const char* request;
+  const char* body;
+  const char* reply;  // a part of it; null when the client is hung up on instead
+} kRows[] = {
+    // No process to be had is like a program that was content and said nothing.
+    {FAULT_FORK, EAGAIN, kMain, "exec_cli", kEcho,
+     R"("error_code":0,"handler":"exec_cli_handler","result":"")"},
+    {FAULT_FORK, EAGAIN, kMain, "system_call_share_guard_add", kShare, R"({"result":0})"},
+    {FAULT_FORK, EAGAIN, kMain, "get_vpd_channel", "", "nos_get_vpd_channel_handler fail"},
+    {FAULT_FORK, EAGAIN, kMail, "sendmail", kMessage, R"({"result":0})"},
+    {FAULT_OPEN, ENOSPC, kMain, "exec_cli", kEcho,
+     R"("error_code":0,"handler":"exec_cli_handler","result":"")"},
+    {FAULT_OPEN, EACCES, kMain, "system_call_share_guard_add", kShare,
+     "nos_system_call_share_guard_add_handler fail"},
+    {FAULT_OPEN, EACCES, kMain, "get_vpd_channel", "", "nos_get_vpd_channel_handler fail"},
+    {FAULT_OPEN, EACCES, kMain, "update_ip_ban_list", R"({"ip_list":"1.2.3.4"})",
+     "nos_update_ip_ban_list_handler fail"},
+    {FAULT_OPEN, ENOSPC, kMain, "read_hwsn", "", "nos_read_hwsn_handler fail"},
+    {FAULT_OPEN, ENOSPC, kMail, "sendmail", kMessage, R"({"result":-1})"},
+    {FAULT_DLOPEN, ENOMEM, kMain, "vistal_auth_add_session", kSession,
+     "nos_vistal_auth_add_session_handler fail"},
+    {FAULT_DLOPEN, ENOMEM, kMain, "get_all_users", "", "nos_get_all_users_handler fail"},
+    {FAULT_PTHREAD_CREATE, EAGAIN, kMain, "test", "", nullptr},
+    {FAULT_PTHREAD_CREATE, EAGAIN, kMail, "test", "", nullptr},
+    {FAULT_MMAP, ENOMEM, kMain, "test", "body", nullptr},
+    {FAULT_MMAP, ENOMEM, kMail, "test", "body", nullptr},
+    {FAULT_EPOLL_ADD, ENOSPC, kMain, "test", "", nullptr},
+    {FAULT_EPOLL_ADD, ENOMEM, kMail, "test", "", nullptr},
+};
+
+TEST_F(Faults, ARequestIsAnsweredAsItsProgramsWouldFailOrHungUpOn) {
+  write_file("/tmp/vistalsurveillance_sendmail/m", "");
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(std::string(row.request) + " under fault " + std::to_string(row.kind));
+    const std::optional<std::string> body = *row.body != '\0' ? std::optional(row.body) : std::nullopt;
+    {
+      const Fault fault(row.kind, row.error);
+      const Reply reply = call(row.service, row.request, body);
+      EXPECT_EQ(reply.status, row.reply != nullptr ? KS_STATUS_OK : KS_STATUS_BROKEN) << reply.text;
+      EXPECT_THAT(reply.text, testing::HasSubstr(row.reply != nullptr ? row.reply : ""));
+      EXPECT_GT(fault.hits(), 0);
+      EXPECT_TRUE(eventually(at_rest));
+    }
+    expect_as_before();
+  }
+}
+
+// A client that cannot be let in is told so. One that cannot even be told waits until the fault is over, and so long
+// the listening socket keeps the daemon awake.
+TEST_F(Faults, ClientsThatCannotBeAccepted) {
+  for (const int error : {EMFILE, ENFILE, ECONNABORTED, ENOMEM}) {
+    const int told = error == EMFILE || error == ENFILE ? KS_STATUS_BUSY : KS_STATUS_OK;
+    const Fault once(FAULT_ACCEPT, error, 1);
+    EXPECT_EQ(call(kMail, "test").status, told) << error;
+    std::future<Reply> waiting;
+    {
+      const Fault lasting(FAULT_ACCEPT, error), no_spare(FAULT_OPEN, error);
+      waiting = std::async(std::launch::async, [] { return call(kMain, "test"); });
+      EXPECT_TRUE(eventually([&] { return lasting.hits() > 1; }));
+    }
+    EXPECT_THAT(waiting.get().status, testing::AnyOf(KS_STATUS_OK, told));
+    EXPECT_TRUE(eventually(at_rest));
+  }
+}
+
+// One that has to wait is watched meanwhile.
+TEST_F(Faults, AClientThatCannotBeWatchedDoesNotWait) {
+  std::vector<Peer> silent;
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(silent.emplace_back(kMainSocket).next(), KS_DIR_ASK);
+  const Fault fault(FAULT_EPOLL_ADD, ENOSPC);
+  EXPECT_EQ(call(kMain, "test").status, KS_STATUS_BROKEN);
+  EXPECT_TRUE(eventually(at_rest));
+}
+
+// One line on standard error, a backtrace in the log, and SIGKILL.
+void expect_abort(Process& daemon, const std::vector<std::string>& lines) {
+  const int status = daemon.wait();
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
+  const std::string error = read_file(kErrors);
+  ASSERT_TRUE(error.starts_with("[ABORT] @") && error.ends_with("'\n")) << error;
+  EXPECT_THAT(lines, testing::Contains(error.substr(9, error.size() - 11)));
+  EXPECT_THAT(read_file(kLogFile), testing::EndsWith("]vistalprod\n"));
+}
+
+TEST(FaultsAtStart, AServiceThatCannotBeSetUpAborts) {
+  const std::vector<std::string> unwatched = {
+      "ks_start() producer-worker epoll add listen sockfd fail: `epoll_ctl(producer_worker->pollfd, "
+      "EPOLL_CTL_ADD, "
+      "producer_worker->queue.sockfd, ev) == 0",
+      "ks_consumer_worker_init() producer-worker epoll add consumer-worker sockfd fail: "
+      "`epoll_ctl(producer_worker->pollfd, EPOLL_CTL_ADD, worker->queue.sockfd, ev) == 0",
+      "ks_consumer_worker() consumer-worker epoll add sockfd fail: `epoll_ctl(consumer_worker->pollfd, "
+      "EPOLL_CTL_ADD, "
+      "consumer_worker->sockfd[0], ev) == 0"};
+  const std::tuple<fault_kind, int, std::vector<std::string>> rows[] = {
+      {FAULT_SOCKETPAIR,
+       0,
+       {"ks_consumer_worker_init() consumer-worker create sockets fail: `socketpair(AF_UNIX, SOCK_STREAM, 0, "
+        "worker->sockfd) >= 0 && set_fd_cloexec(worker->sockfd[0]) && set_fd_cloexec(worker->sockfd[1])"}},
+      // The threads before: for signals, two queues, two services, and whichever is first of the workers.
+      {FAULT_PTHREAD_CREATE,
+       7,
+       {"ks_consumer_worker_init() consumer-worker create thread fail: `pthread_create(&worker->id.tid, "
+        "&attr, "
+        "ks_consumer_worker, (void*) worker) == 0"}},
+      {FAULT_EPOLL_ADD, 0, unwatched},
+      {FAULT_EPOLL_ADD, 2, unwatched},
+      {FAULT_EPOLL_ADD, 5, unwatched}};
+  for (const auto& [kind, skip, lines] : rows) {
+    const Fault fault(kind, EAGAIN, 1, skip);
+    Process daemon(faulty_daemon());
+    expect_abort(daemon, lines);
+  }
+}
+
+TEST(FaultsAtStart, WhatElseIsMissingIsDoneWithoutOrEndsTheStart) {
+  const std::tuple<fault_kind, int, int, int> rows[] = {
+      // kind, calls that succeed, that then fail, exit status
+      {FAULT_FORK, 0, -1, 255},        {FAULT_OPEN, 0, -1, 255},        {FAULT_PTHREAD_CREATE, 0, 1, 254},
+      {FAULT_PTHREAD_CREATE, 1, 1, 0}, {FAULT_PTHREAD_CREATE, 2, 1, 0}, {FAULT_PTHREAD_CREATE, 3, 1, 0}};
+  for (const auto& [kind, skip, left, status] : rows) {
+    SCOPED_TRACE(skip);
+    const Fault fault(kind, EAGAIN, left, skip);
+    Process daemon(faulty_daemon());
+    // The last row is without the main service.
+    for (const char* service : {kMail, skip == 3 ? kMail : kMain}) {
+      EXPECT_TRUE(status != 0 || eventually([&] { return call(service, "test").status == KS_STATUS_OK; }));
+    }
+    if (status == 0) kill(daemon.pid(), SIGTERM);
+    EXPECT_EQ(WEXITSTATUS(daemon.wait()), status);
+    EXPECT_THAT(read_file(kErrors), testing::EndsWith(status == 255 ? "] get Install_Path fail." : ""));
+  }
+}
+
+// A record on its way to the notification service needs a memory file and a mapped reply.
+TEST(FaultsOfTheRelay, AnEventThatCannotBeForwardedAborts) {
+  const std::tuple<fault_kind, int, std::string> rows[] = {
+      {FAULT_MEMFD, ENFILE,
+       "ks_io_shm() create share memory file fail: `io->memfd != -1 && set_fd_cloexec(io->memfd)"},
+      {FAULT_MMAP, ENOMEM, "ks_io_sync() create memory map fail: `io->shared_data != MAP_FAILED"}};
+  const auto reply = [](const char*, ks_io* io, int) { ks_reply(io), ks_io_free(io); };
+  for (const auto& [kind, error, line] : rows) {
+    Daemon daemon(faulty_daemon());
+    ks_handle* const service =
+        ks_create("VistalServer_notify-vistalprod", KS_PTHREAD_MODE | KS_STANDALONE, 1, reply);
+    ks_start(service);
+    const Fault fault(kind, error);
+    const LogMessage message{.type = kEventLogType, .event = {}, .connection = {}};
+    EXPECT_EQ(msg_queue_send(kLogQueueKey, &message, kLogMessageSize), 0);
+    expect_abort(daemon, {line});
+    ks_free(service);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,86 @@
+/* Preloaded into the daemon: calls that fail when a test says so (see faults.h), and otherwise go through to whoever
+ * comes next. That is the C library, or a sanitizer's runtime, which has to be preloaded before this one. Only what
+ * the daemon itself calls passes through here; the C library's own calls, as for a stack or a heap, do not. */
+#include "support/faults.h"
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/epoll.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+static struct fault* faults;
+static pid_t owner; /* a forked child is not the daemon any more */
+
+__attribute__((constructor)) static void map_faults(void) {
+  const int fd = open(FAULTS_FILE, O_RDWR | O_CLOEXEC);
+  void* const data = mmap(NULL, FAULT_KINDS * sizeof(struct fault), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  close(fd);
+  if (data == MAP_FAILED) abort();
+  faults = data;
+  owner = getpid();
+  unsetenv("LD_PRELOAD"); /* not for the programs that the daemon runs */
+}
+
+static int fails(enum fault_kind kind) {
+  struct fault* const fault = &faults[kind];
+  if (faults == NULL || kind == FAULT_KINDS || __atomic_load_n(&fault->left, __ATOMIC_ACQUIRE) == 0) return 0;
+  if (getpid() != owner) return 0;
+  if (__atomic_load_n(&fault->skip, __ATOMIC_SEQ_CST) > 0 && __atomic_fetch_sub(&fault->skip, 1, __ATOMIC_SEQ_CST) > 0)
+    return 0;
+  if (__atomic_load_n(&fault->left, __ATOMIC_SEQ_CST) > 0) __atomic_sub_fetch(&fault->left, 1, __ATOMIC_SEQ_CST);
+  __atomic_add_fetch(&fault->hits, 1, __ATOMIC_SEQ_CST);
+  errno = fault->error;
+  return 1;
+}
+
+/* Defines NAME so that it yields FAILED when KIND fails, and else calls the next NAME. */
+#define CALL(kind, type, failed, name, parameters, arguments)  \
+  type name parameters {                                       \
+    static type(*next) parameters;                             \
+    if (fails(kind)) return failed;                            \
+    if (next == NULL) *(void**)&next = dlsym(RTLD_NEXT, #name); \
+    return next arguments;                                     \
+  }
+
+#define IS_MEMORY_FILE ((flags & MAP_SHARED) != 0 && fd >= 0)
+
+CALL(FAULT_ACCEPT, int, -1, accept, (int fd, __SOCKADDR_ARG address, socklen_t* size), (fd, address, size))
+CALL(FAULT_DLOPEN, void*, NULL, dlopen, (const char* path, int mode), (path, mode))
+CALL(op == EPOLL_CTL_ADD ? FAULT_EPOLL_ADD : FAULT_KINDS, int, -1, epoll_ctl,
+     (int set, int op, int fd, struct epoll_event* event), (set, op, fd, event))
+CALL(FAULT_FORK, pid_t, -1, fork, (void), ())
+CALL(FAULT_MEMFD, int, -1, memfd_create, (const char* name, unsigned flags), (name, flags))
+CALL(IS_MEMORY_FILE ? FAULT_MMAP : FAULT_KINDS, void*, MAP_FAILED, mmap,
+     (void* at, size_t size, int protection, int flags, int fd, off_t offset),
+     (at, size, protection, flags, fd, offset))
+CALL(FAULT_OPEN, FILE*, NULL, fopen, (const char* path, const char* mode), (path, mode))
+CALL(FAULT_OPEN, FILE*, NULL, freopen, (const char* path, const char* mode, FILE* stream), (path, mode, stream))
+CALL(FAULT_OPEN, int, -1, mkostemp, (char* path, int flags), (path, flags))
+CALL(FAULT_PTHREAD_CREATE, int, errno, pthread_create,
+     (pthread_t * thread, const pthread_attr_t* attributes, void* (*start)(void*), void* arg),
+     (thread, attributes, start, arg))
+CALL(FAULT_SOCKETPAIR, int, -1, socketpair, (int domain, int type, int protocol, int ends[2]),
+     (domain, type, protocol, ends))
+
+/* A caller that returns from here would take the stack from under the child; a fork is a vfork, too. */
+pid_t vfork(void) {
+  return fork();
+}
+
+int open(const char* path, int flags, ...) {
+  static int (*next)(const char*, int, ...);
+  va_list rest;
+  va_start(rest, flags);
+  const mode_t mode = va_arg(rest, mode_t); /* whatever it is when there is none */
+  va_end(rest);
+  if (fails(FAULT_OPEN)) return -1;
+  if (next == NULL) *(void**)&next = dlsym(RTLD_NEXT, "open");
+  return next(path, flags, mode);
+}

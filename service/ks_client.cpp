@@ -1,8 +1,7 @@
-// The client's side. A pending request is a ks_io whose socket is registered in a poll set. The one request of a
-// ks_call waits on its socket instead: to make a set, fill, ask, empty and close it for two waits would be a
-// twelfth of what a small call costs. The service speaks first (ask, or busy, or paused); the client answers an ask
-// with its request name and its memory file, and then waits for done. A request that fails leaves its record empty:
-// no socket, no memory file, no mapping.
+// The client's side. A pending request is a ks_io whose socket is registered in a poll set. The service
+// speaks first (ask, or busy, or paused); the client answers an ask with its request name and its memory
+// file, and then waits for done. A request that fails leaves its record empty: no socket, no memory file, no
+// mapping.
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -46,15 +45,8 @@ void store(int* status, int code) {
   if (status != nullptr) *status = code;
 }
 
-// Hangs up; `pollfd` is the set in which the socket is registered, or -1.
-void hang_up(int pollfd, ks_io* io) {
-  if (io->sockfd == -1) return;
-  if (pollfd >= 0) epoll_ctl(pollfd, EPOLL_CTL_DEL, io->sockfd, nullptr);
-  shutdown_and_forget(&io->sockfd);
-}
-
-ks_io* tear_down(int pollfd, ks_io* io, int code, int* status) {
-  hang_up(pollfd, io);
+ks_io* tear_down(ks_epoll* epoll, ks_io* io, int code, int* status) {
+  ks_epoll_cancel(epoll, io);
   empty_record(io);
   store(status, code);
   return io;
@@ -87,67 +79,15 @@ void send_request(ks_io* io) {
   if (with_extra) send_descriptor(io->sockfd, io->extra_fd);
 }
 
-// What a wait for a record has come to.
-enum class Wait { kRecord, kTimeout, kBroken };
-
-// Waits for one event of a set, at most `timeout_ms`, and reads its record. *io is set unless the time was over. An
-// interrupted wait starts again.
-Wait wait_on_set(int pollfd, std::uint32_t timeout_ms, ks_io** io, directive* record) {
+// Waits for one event; null when there was none. An interrupted wait starts again.
+ks_io* wait_for_event(ks_epoll* epoll, std::uint32_t timeout_ms, std::uint32_t* events) {
   const int timeout = static_cast<int>(std::min<std::uint32_t>(timeout_ms, INT_MAX));
   epoll_event event{};
   int ready;
-  while ((ready = epoll_wait(pollfd, &event, 1, timeout)) < 0 && errno == EINTR) errno = 0;
-  if (ready < 1) return Wait::kTimeout;
-  *io = static_cast<ks_io*>(event.data.ptr);
-  const bool lost = (event.events & (EPOLLERR | EPOLLHUP)) != 0 && (event.events & EPOLLRDHUP) == 0;
-  return !lost && read_directive((*io)->sockfd, record) ? Wait::kRecord : Wait::kBroken;
-}
-
-// The same for a socket that is in no set.
-Wait wait_on_socket(int sockfd, std::uint32_t timeout_ms, directive* record) {
-  const timeval timeout{.tv_sec = timeout_ms / kMillisecondsPerSecond,
-                        .tv_usec = timeout_ms % kMillisecondsPerSecond * 1000};
-  setsockopt(sockfd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
-  ssize_t got;
-  while ((got = recv(sockfd, record, sizeof(*record), 0)) < 0 && errno == EINTR) errno = 0;
-  if (got < 0 && errno == EAGAIN) return Wait::kTimeout;
-  return got == sizeof(*record) ? Wait::kRecord : Wait::kBroken;
-}
-
-// One step, as ks_epoll_perform makes it: of some request of the set `pollfd` or, when that is -1, of `only`.
-ks_io* perform(int pollfd, ks_io* only, std::uint32_t timeout_ms, int* status) {
-  ks_io* skipped = nullptr;
-  while (true) {
-    ks_io* io = only;
-    directive record;
-    const Wait outcome = pollfd >= 0 ? wait_on_set(pollfd, timeout_ms, &io, &record)
-                                     : wait_on_socket(io->sockfd, timeout_ms, &record);
-    if (outcome == Wait::kTimeout) {
-      if (skipped != nullptr) return tear_down(pollfd, skipped, KS_STATUS_OK, status);
-      store(status, KS_STATUS_TIMEOUT);
-      return nullptr;
-    }
-    if (outcome == Wait::kBroken) return tear_down(pollfd, io, KS_STATUS_BROKEN, status);
-    switch (record.type) {
-      case KS_DIR_BUSY:
-        return tear_down(pollfd, io, KS_STATUS_BUSY, status);
-      case KS_DIR_PAUSED:
-        return tear_down(pollfd, io, KS_STATUS_PAUSED, status);
-      case KS_DIR_REFUSED:
-        return tear_down(pollfd, io, KS_STATUS_REFUSED, status);
-      case KS_DIR_DONE:
-        hang_up(pollfd, io);
-        if (!map_reply(io)) return tear_down(pollfd, io, KS_STATUS_BROKEN, status);
-        store(status, KS_STATUS_OK);
-        return io;
-      case KS_DIR_ASK:
-        send_request(io);
-        store(status, KS_STATUS_OK);
-        return nullptr;
-      default:
-        skipped = io;
-    }
-  }
+  while ((ready = epoll_wait(epoll->fd, &event, 1, timeout)) < 0 && errno == EINTR) errno = 0;
+  if (ready < 1) return nullptr;
+  *events = event.events;
+  return static_cast<ks_io*>(event.data.ptr);
 }
 
 std::int64_t now_ms() {
@@ -156,50 +96,17 @@ std::int64_t now_ms() {
   return std::int64_t{now.tv_sec} * kMillisecondsPerSecond + now.tv_usec / 1000;
 }
 
-// Repeats a step of `io`, which is in no set, until its request has finished (true) or its time is over (false, with the status
+// Repeats ks_epoll_perform until the request has finished (true) or its time is over (false, with the status
 // of the last step). What is subtracted is each time the whole time since the start, so the budget shrinks
 // faster than the clock runs; callers know it so.
-bool perform_within(ks_io* io, std::int64_t start, std::int64_t budget, int* status) {
+bool perform_within(ks_epoll* epoll, std::int64_t start, std::int64_t budget, int* status) {
   while (true) {
     const auto limit = static_cast<std::uint32_t>(std::min<std::int64_t>(budget, UINT32_MAX));
-    if (perform(-1, io, limit, status) != nullptr) return true;
+    if (ks_epoll_perform(epoll, limit, status) != nullptr) return true;
     const std::int64_t elapsed = now_ms() - start;
     if (elapsed >= budget) return false;
     budget -= elapsed;
   }
-}
-
-// Connects `io` to a service and makes sure that it has a file to pass. KS_STATUS_ARGS without side effects; after
-// KS_STATUS_CONNECT the socket stays in the record for the caller's clean-up. `pollfd` is the set to register the
-// socket in, or -1.
-int begin(int pollfd, const char* name, const char* request_name, ks_io* io, int extra_fd) {
-  if (!ks_has_magic(io, KS_IO_MAGIC)) {
-    ks_abort("ks_epoll_call", kIoCondition, "cannot make incorrect ks_io %p request", static_cast<void*>(io));
-  }
-  if (!fits(name, MAXIMUM_NAME_SIZE) || !fits(request_name, KS_REQUEST_NAME_SIZE)) return KS_STATUS_ARGS;
-  char path[kSockFileSize];
-  ks_socket_path(name, path, "ks_epoll_call", "request ");
-  io->sockfd = socket(AF_UNIX, SOCK_STREAM, 0);
-  if (io->sockfd < 0 || !set_fd_cloexec(io->sockfd)) {
-    ks_abort("ks_epoll_call",
-             "(io->sockfd = socket(AF_UNIX, SOCK_STREAM, 0)) >= 0 && set_fd_cloexec(io->sockfd)",
-             "create request socket fail");
-  }
-  // A service that accepts nobody fills its backlog, and connect would then wait for ever.
-  const timeval patience{.tv_sec = kLeastTimeoutSeconds, .tv_usec = 0};
-  setsockopt(io->sockfd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
-  const sockaddr_un address = ks_socket_address(path);
-  if (connect(io->sockfd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-    return KS_STATUS_CONNECT;
-  }
-  if (pollfd >= 0 && !ks_poll_add(pollfd, io->sockfd, kWatchEvents, {.ptr = io})) {
-    ks_abort("ks_epoll_call", "epoll_ctl(epoll->fd, EPOLL_CTL_ADD, io->sockfd, ev) == 0",
-             "epoll add request sockfd fail");
-  }
-  ks_io_shm(io);
-  io->extra_fd = extra_fd;
-  ks_copy_text(io->request_name, sizeof(io->request_name), request_name);
-  return KS_STATUS_OK;
 }
 
 }  // namespace
@@ -220,12 +127,69 @@ ks_epoll* ks_epoll_create(void) {
 
 int ks_epoll_call(ks_epoll* epoll, const char* name, const char* request_name, ks_io* io, int extra_fd) {
   VERIFY_EPOLL(epoll, "ks_epoll_call", "cannot call incorrect ks_epoll %p");
-  return begin(epoll->fd, name, request_name, io, extra_fd);
+  if (!ks_has_magic(io, KS_IO_MAGIC)) {
+    ks_abort("ks_epoll_call", kIoCondition, "cannot make incorrect ks_io %p request", static_cast<void*>(io));
+  }
+  if (!fits(name, MAXIMUM_NAME_SIZE) || !fits(request_name, KS_REQUEST_NAME_SIZE)) return KS_STATUS_ARGS;
+  char path[kSockFileSize];
+  ks_socket_path(name, path, "ks_epoll_call", "request ");
+  io->sockfd = socket(AF_UNIX, SOCK_STREAM, 0);
+  if (io->sockfd < 0 || !set_fd_cloexec(io->sockfd)) {
+    ks_abort("ks_epoll_call",
+             "(io->sockfd = socket(AF_UNIX, SOCK_STREAM, 0)) >= 0 && set_fd_cloexec(io->sockfd)",
+             "create request socket fail");
+  }
+  // A service that accepts nobody fills its backlog, and connect would then wait for ever.
+  const timeval patience{.tv_sec = kLeastTimeoutSeconds, .tv_usec = 0};
+  setsockopt(io->sockfd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
+  const sockaddr_un address = ks_socket_address(path);
+  if (connect(io->sockfd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    return KS_STATUS_CONNECT;
+  }
+  if (!ks_poll_add(epoll->fd, io->sockfd, kWatchEvents, {.ptr = io})) {
+    ks_abort("ks_epoll_call", "epoll_ctl(epoll->fd, EPOLL_CTL_ADD, io->sockfd, ev) == 0",
+             "epoll add request sockfd fail");
+  }
+  ks_io_shm(io);
+  io->extra_fd = extra_fd;
+  ks_copy_text(io->request_name, sizeof(io->request_name), request_name);
+  return KS_STATUS_OK;
 }
 
 ks_io* ks_epoll_perform(ks_epoll* epoll, uint32_t timeout_ms, int* status) {
   VERIFY_EPOLL(epoll, "ks_epoll_perform", "cannot perform incorrect ks_epoll %p");
-  return perform(epoll->fd, nullptr, timeout_ms, status);
+  ks_io* skipped = nullptr;
+  while (true) {
+    std::uint32_t events = 0;
+    ks_io* io = wait_for_event(epoll, timeout_ms, &events);
+    if (io == nullptr) {
+      if (skipped != nullptr) return tear_down(epoll, skipped, KS_STATUS_OK, status);
+      store(status, KS_STATUS_TIMEOUT);
+      return nullptr;
+    }
+    const bool lost = (events & (EPOLLERR | EPOLLHUP)) != 0 && (events & EPOLLRDHUP) == 0;
+    directive record;
+    if (lost || !read_directive(io->sockfd, &record)) return tear_down(epoll, io, KS_STATUS_BROKEN, status);
+    switch (record.type) {
+      case KS_DIR_BUSY:
+        return tear_down(epoll, io, KS_STATUS_BUSY, status);
+      case KS_DIR_PAUSED:
+        return tear_down(epoll, io, KS_STATUS_PAUSED, status);
+      case KS_DIR_REFUSED:
+        return tear_down(epoll, io, KS_STATUS_REFUSED, status);
+      case KS_DIR_DONE:
+        ks_epoll_cancel(epoll, io);
+        if (!map_reply(io)) return tear_down(epoll, io, KS_STATUS_BROKEN, status);
+        store(status, KS_STATUS_OK);
+        return io;
+      case KS_DIR_ASK:
+        send_request(io);
+        store(status, KS_STATUS_OK);
+        return nullptr;
+      default:
+        skipped = io;
+    }
+  }
 }
 
 void ks_epoll_cancel(ks_epoll* epoll, ks_io* io) {
@@ -233,7 +197,9 @@ void ks_epoll_cancel(ks_epoll* epoll, ks_io* io) {
   if (!ks_has_magic(io, KS_IO_MAGIC)) {
     ks_abort("ks_epoll_cancel", kIoCondition, "cannot cancel incorrect ks_io %p", static_cast<void*>(io));
   }
-  hang_up(epoll->fd, io);
+  if (io->sockfd == -1) return;
+  epoll_ctl(epoll->fd, EPOLL_CTL_DEL, io->sockfd, nullptr);
+  shutdown_and_forget(&io->sockfd);
 }
 
 void ks_epoll_free(ks_epoll* epoll) {
@@ -244,15 +210,17 @@ void ks_epoll_free(ks_epoll* epoll) {
 }
 
 int ks_call(const char* name, const char* request_name, ks_io* io, uint32_t timeout_s, int extra_fd) {
+  ks_epoll* epoll = ks_epoll_create();
   const std::int64_t start = now_ms();
-  int status = begin(-1, name, request_name, io, extra_fd);
+  int status = ks_epoll_call(epoll, name, request_name, io, extra_fd);
   bool finished = false;
   if (status == KS_STATUS_OK) {
     const std::int64_t budget = std::max(timeout_s, kLeastTimeoutSeconds) * kMillisecondsPerSecond;
-    finished = perform_within(io, start, budget, &status);
+    finished = perform_within(epoll, start, budget, &status);
   }
   // Without a reply nothing may be left that looks like one, the request's own mapping least of all.
   if (!finished || status != KS_STATUS_OK) empty_record(io);
+  ks_epoll_free(epoll);
   return status;
 }
 

@@ -52,17 +52,6 @@ ks_io* tear_down(ks_epoll* epoll, ks_io* io, int code, int* status) {
   return io;
 }
 
-// The reply is as long as the service says. One beyond the machine's memory nobody can have written: that it cannot
-// be mapped is the service's doing, and costs this request. Otherwise it is this process that lacks something.
-bool map_reply(ks_io* io) {
-  if (ks_io_try_sync(io)) return true;
-  const auto memory =
-      static_cast<std::uint64_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
-  if (ks_io_size(io) > memory) return false;
-  ks_io_sync(io);
-  return true;
-}
-
 // A number that is no open descriptor counts as none.
 bool usable_descriptor(int fd) {
   return fd >= 0 && (fcntl(fd, F_GETFD) != -1 || errno != EBADF);
@@ -179,7 +168,7 @@ ks_io* ks_epoll_perform(ks_epoll* epoll, uint32_t timeout_ms, int* status) {
         return tear_down(epoll, io, KS_STATUS_REFUSED, status);
       case KS_DIR_DONE:
         ks_epoll_cancel(epoll, io);
-        if (!map_reply(io)) return tear_down(epoll, io, KS_STATUS_BROKEN, status);
+        if (!ks_io_sync_reply(io)) return tear_down(epoll, io, KS_STATUS_BROKEN, status);
         store(status, KS_STATUS_OK);
         return io;
       case KS_DIR_ASK:

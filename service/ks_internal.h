@@ -88,6 +88,9 @@ sockaddr_un ks_socket_address(const char* path);
 bool ks_io_try_sync(ks_io* io);
 // The same, but a failed map aborts. No effect without a memory file.
 void ks_io_sync(ks_io* io);
+// The same for a reply, which is as long as the service says: false when it cannot be mapped and is longer than this
+// machine's memory. Nobody can have written that; where it is shorter, it is this process that lacks something.
+bool ks_io_sync_reply(ks_io* io);
 // Creates the memory file if the record has none.
 void ks_io_shm(ks_io* io);
 // Unmaps, closes the memory file and forgets it.

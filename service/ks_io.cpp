@@ -42,6 +42,18 @@ bool map(ks_io* io, std::uint64_t size) {
   return true;
 }
 
+// Seeks the file to its end and maps all of it; *size is what that was.
+bool sync(ks_io* io, std::uint64_t* size) {
+  lseek(io->memfd, 0, SEEK_END);
+  *size = ks_io_size(io);
+  unmap(io);
+  return *size == 0 || map(io, *size);
+}
+
+[[noreturn]] void abort_unmapped() {
+  ks_abort("ks_io_sync", "io->shared_data != MAP_FAILED", "create memory map fail");
+}
+
 // The path under which the memory file can be opened once more.
 struct MemoryFilePath {
   explicit MemoryFilePath(ks_io* io) { std::snprintf(text, sizeof(text), "/proc/self/fd/%d", ks_io_fd(io)); }
@@ -64,17 +76,21 @@ void ks_io_drop_shm(ks_io* io) {
 }
 
 bool ks_io_try_sync(ks_io* io) {
-  lseek(io->memfd, 0, SEEK_END);
-  struct stat status {};
-  const bool known = fstat(io->memfd, &status) == 0;
-  unmap(io);
-  return !known || status.st_size == 0 || map(io, static_cast<std::uint64_t>(status.st_size));
+  std::uint64_t size;
+  return sync(io, &size);
 }
 
 void ks_io_sync(ks_io* io) {
-  if (io->memfd >= 0 && !ks_io_try_sync(io)) {
-    ks_abort("ks_io_sync", "io->shared_data != MAP_FAILED", "create memory map fail");
-  }
+  if (io->memfd >= 0 && !ks_io_try_sync(io)) abort_unmapped();
+}
+
+bool ks_io_sync_reply(ks_io* io) {
+  std::uint64_t size;
+  if (sync(io, &size)) return true;
+  const auto memory =
+      static_cast<std::uint64_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+  if (size > memory) return false;
+  abort_unmapped();
 }
 
 ks_io* ks_io_create(void) {

@@ -1,13 +1,16 @@
 // Clients of a hostile service: the input is what it does to them, step by step, in turn with their own steps. A
 // request that is over has left nothing behind but its reply, and nobody waits or aborts.
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <cstdlib>
+#include <thread>
 
 #include "fuzz/input.h"
 #include "service/directive.h"
@@ -17,6 +20,7 @@
 namespace {
 
 constexpr int kMaxSteps = 32;
+constexpr int kMomentMs = 5;
 const std::string name = "@/tmp/client_fuzz." + std::to_string(getpid());
 
 struct Client {
@@ -60,10 +64,11 @@ bool perform(ks_epoll* epoll) {
 
 void attack(Input& input, Client& client, ks_epoll* epoll) {
   const int fd = client.service.get();
+  pollfd watched{.fd = fd, .events = POLLIN, .revents = 0};
   directive record = make_directive(static_cast<ks_directive_type>(input.below(9) + 1));
   switch (input.below(8)) {
     case 0:
-      perform(epoll);
+      if (epoll != nullptr) perform(epoll);
       break;
     case 1:
       send_directive(fd, record);
@@ -73,7 +78,8 @@ void attack(Input& input, Client& client, ks_epoll* epoll) {
       send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT | (input.flag() ? MSG_OOB : 0));
       break;
     }
-    case 3:  // its request
+    case 3:  // its request, for which a ks_call needs a moment
+      if (epoll == nullptr) poll(&watched, 1, kMomentMs);
       if (read_directive(fd, &record)) client.memory.reset(receive_descriptor(fd, {}));
       break;
     case 4:
@@ -88,8 +94,47 @@ void attack(Input& input, Client& client, ks_epoll* epoll) {
       if (input.flag()) client.service.reset();
       break;
     default:
-      ks_epoll_cancel(epoll, client.io);
+      if (epoll != nullptr) ks_epoll_cancel(epoll, client.io);
   }
+}
+
+// ks_call, its service on another thread. That one hangs up in the end, so nobody has to wait for a limit.
+void call(Input& input, int listener) {
+  ks_io* const io = ks_io_create();
+  std::jthread service([&] {
+    Client client;
+    client.service.reset(accept(listener, nullptr, nullptr));
+    for (int step = 0; step < kMaxSteps && !input.empty(); ++step) attack(input, client, nullptr);
+  });
+  const auto start = std::chrono::steady_clock::now();
+  const int status = ks_call(name.c_str(), "call", io, 5, STDERR_FILENO);
+  require(std::chrono::steady_clock::now() - start < std::chrono::seconds(4), "ends with the service");
+  service.join();
+  io->memfd == -1 ? check_finished(io, status)
+                  : require(status == KS_STATUS_OK && io->sockfd == -1, "a reply");
+  ks_io_free(io);
+}
+
+// Requests on one set.
+void perform_all(Input& input, int listener) {
+  ks_epoll* const epoll = ks_epoll_create();
+  Clients clients;
+  for (Client& client : clients) {
+    client.io = ks_io_create();
+    if (input.flag()) ks_io_write(client.io, "body", 4);
+    const int extras[] = {-1, STDERR_FILENO, 1 << 20};
+    const std::string request = input.text();
+    const int extra = extras[input.below(3)];
+    require(ks_epoll_call(epoll, name.c_str(), request.c_str(), client.io, extra) == KS_STATUS_OK, "connect");
+    client.service.reset(accept(listener, nullptr, nullptr));
+  }
+  for (int step = 0; step < kMaxSteps && !input.empty(); ++step) {
+    attack(input, clients[input.below(clients.size())], epoll);
+  }
+  while (perform(epoll)) {
+  }
+  for (Client& client : clients) ks_io_free(client.io);
+  ks_epoll_free(epoll);
 }
 
 }  // namespace
@@ -97,28 +142,8 @@ void attack(Input& input, Client& client, ks_epoll* epoll) {
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const int listener = make_listener();
   const int lowest = unique_fd(dup(listener)).get();
-  {
-    Input input(data, size);
-    ks_epoll* const epoll = ks_epoll_create();
-    Clients clients;
-    for (Client& client : clients) {
-      client.io = ks_io_create();
-      if (input.flag()) ks_io_write(client.io, "body", 4);
-      const int extras[] = {-1, STDERR_FILENO, 1 << 20};
-      const std::string request = input.text();
-      const int status =
-          ks_epoll_call(epoll, name.c_str(), request.c_str(), client.io, extras[input.below(3)]);
-      require(status == KS_STATUS_OK, "connect");
-      client.service.reset(accept(listener, nullptr, nullptr));
-    }
-    for (int step = 0; step < kMaxSteps && !input.empty(); ++step) {
-      attack(input, clients[input.below(clients.size())], epoll);
-    }
-    while (perform(epoll)) {
-    }
-    for (Client& client : clients) ks_io_free(client.io);
-    ks_epoll_free(epoll);
-  }
+  Input input(data, size);
+  input.flag() ? call(input, listener) : perform_all(input, listener);
   require(unique_fd(dup(listener)).get() == lowest, "a descriptor is left");
   return 0;
 }

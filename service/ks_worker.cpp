@@ -61,14 +61,17 @@ void drop_client(ks_worker* worker) {
 bool can_serve(int memfd) {
   const int flags = fcntl(memfd, F_GETFL);
   if (flags == -1 || (flags & O_ACCMODE) != O_RDWR) return false;
+  // Asked first: only what lies in memory has seals. Another file system may be its user's own, and let whoever asks
+  // about a file wait for ever.
+  int seals = fcntl(memfd, F_GET_SEALS);
+  if (seals == -1) return false;
   struct stat status {};
   struct statfs system {};
   if (fstat(memfd, &status) != 0 || !S_ISREG(status.st_mode)) return false;
   if (fstatfs(memfd, &system) != 0 || system.f_type != TMPFS_MAGIC) return false;
   // Sealed against further seals, as a memory file is unless its maker asked otherwise: what is read here
   // stays true.
-  int seals = fcntl(memfd, F_GET_SEALS);
-  if (seals != -1 && (seals & F_SEAL_SEAL) == 0) {
+  if ((seals & F_SEAL_SEAL) == 0) {
     fcntl(memfd, F_ADD_SEALS, F_SEAL_SEAL);
     seals = fcntl(memfd, F_GET_SEALS);
   }

@@ -105,6 +105,10 @@ void lend_stdout(int extra_fd) {
 }
 
 void take_back_stdout(int extra_fd) {
+  // The stream is locked while its descriptor is closed: a client's connection that lingers, told so by now, would hold
+  // up every other request.
+  const linger none{};
+  setsockopt(STDOUT_FILENO, SOL_SOCKET, SO_LINGER, &none, sizeof(none));
   // Without a descriptor to spare, reopening fails, closes number 1 and leaves the stream on another number for
   // good. Number 1 must not go to the next socket, nor stay with this client.
   if (std::freopen(kNullDevice, "w", stdout) == nullptr || fileno(stdout) != STDOUT_FILENO) {

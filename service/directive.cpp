@@ -46,6 +46,13 @@ bool wait_readable(int sockfd, Clock::time_point deadline) {
   }
 }
 
+// A connection that lingers makes its last close wait for as long as its owner likes, and ours may be the last. What is
+// no socket refuses, and does not linger.
+void take_linger_away(int fd) {
+  const linger none{};
+  setsockopt(fd, SOL_SOCKET, SO_LINGER, &none, sizeof(none));
+}
+
 // Keeps the first descriptor of all that `message` carries and closes the others.
 int take_first_descriptor(msghdr* message) {
   int first = -1;
@@ -55,6 +62,7 @@ int take_first_descriptor(msghdr* message) {
     for (std::size_t i = 0; i < count; ++i) {
       int fd;
       std::memcpy(&fd, CMSG_DATA(header) + i * sizeof(int), sizeof(int));
+      take_linger_away(fd);
       if (first < 0) {
         first = fd;
       } else {

@@ -1,6 +1,7 @@
 // Peers that keep no rule, and bodies that mean no good, at both services. Whatever one does costs it its own
 // connection and nobody anything else.
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -45,6 +46,23 @@ int full_pipe() {
   EXPECT_EQ(pipe2(ends, O_NONBLOCK | O_CLOEXEC), 0);
   while (write(ends[1], kEndless.data(), 1) == 1) continue;
   return close(ends[0]), ends[1];
+}
+
+// A connection that cannot get rid of what was written, and whose last close waits a minute for that.
+int lingering_socket() {
+  const Fd listening(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{};
+  socklen_t size = sizeof(address);
+  EXPECT_EQ(listen(listening, 1), 0);  // at any port
+  EXPECT_EQ(getsockname(listening, reinterpret_cast<sockaddr*>(&address), &size), 0);
+  const int ours = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  EXPECT_EQ(connect(ours, reinterpret_cast<const sockaddr*>(&address), size), 0);
+  static std::vector<Fd> theirs;  // nobody reads
+  theirs.emplace_back(accept4(listening, nullptr, nullptr, SOCK_CLOEXEC));
+  const linger minute{.l_onoff = 1, .l_linger = 60};
+  EXPECT_EQ(setsockopt(ours, SOL_SOCKET, SO_LINGER, &minute, sizeof(minute)), 0);
+  while (send(ours, kEndless.data(), kEndless.size(), MSG_DONTWAIT) > 0) continue;
+  return ours;
 }
 
 // Makes a request with this file.
@@ -107,6 +125,9 @@ const struct {
     {"directory", hands_over("/tmp", O_RDONLY)},
     {"full pipe", hands_over(full_pipe())},
     {"socket", hands_over(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))},
+    {"a socket that lingers", [](Peer& p) { p.request("test").fds({Fd(lingering_socket())}); }},
+    {"and as standard output",
+     [](Peer& p) { p.request("test", 1).fds({kBody}).fds({Fd(lingering_socket())}); }, End::served},
     {"/dev/zero", hands_over("/dev/zero", O_RDWR)},
     {"/dev/null", hands_over("/dev/null", O_RDWR)},
 };

@@ -3,7 +3,7 @@
 //
 //   floor        a bare connection that passes a memory file (bench/floor.h)
 //   ks_call      ks_call of an echo service with two workers
-//   test         ks_call of the daemon's `test`, which answers a fixed text of 64 bytes and reads no body: what
+//   test         ks_call of the daemon's `test`, which answers a fixed text of 63 bytes and reads no body: what
 //                a request costs in the daemon before its command does anything
 //   D-Bus new    an echo by sd-bus through a dbus-daemon, with a connection made for each call
 //   D-Bus kept   the same over one connection of each client

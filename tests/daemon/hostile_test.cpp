@@ -122,7 +122,7 @@ const struct {
     {"no writing from now on", hands_over(odd_file(4, F_SEAL_FUTURE_WRITE))},
     {"read-only file", hands_over(kBodyPath, O_RDONLY)},
     {"write-only file", hands_over(kBodyPath, O_WRONLY)},
-    {"file on disk", hands_over("/share/VistalServer/odd", O_RDWR | O_CREAT)},
+    {"file on disk", hands_over("/usr/lib/odd", O_RDWR | O_CREAT)},
     {"directory", hands_over("/tmp", O_RDONLY)},
     {"full pipe", hands_over(full_pipe())},
     {"socket", hands_over(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))},
@@ -149,8 +149,9 @@ class Hostile : public DaemonTest {};
 TEST_F(Hostile, APeerThatBreaksTheRulesCostsItsOwnConnectionOnly) {
   for (const auto& row : kRows) {
     SCOPED_TRACE(row.what);
-    // The emulator takes in all of them and does not say that the message was cut.
-    if (emulated() && row.what == std::string("four in one message")) continue;
+    // The emulator takes in all four and does not say that the message was cut; nor does it get 1 TiB mapped.
+    const std::string what = row.what;
+    if (emulated() && (what == "four in one message" || what == "1 TiB of nothing")) continue;
     {
       Peer peers[] = {Peer(kMainSocket), Peer(kMailSocket)};
       for (Peer& peer : peers) row.does(peer);

@@ -45,13 +45,6 @@ TEST(StartUp, ASecondInstanceIsRefusedAndAZombieIsNone) {
   EXPECT_EQ(run("vistalprod -t"), 0);
 }
 
-TEST(StartUp, WithoutAnInstallPathItSaysSoAndEnds) {
-  std::rename("/etc/config/kpkg.conf", "/etc/config/aside");
-  EXPECT_EQ(run("vistalprod"), 255);
-  std::rename("/etc/config/aside", "/etc/config/kpkg.conf");
-  EXPECT_THAT(read_file(kErrors), testing::MatchesRegex("\\[main\\]\\[[0-9]+\\] get Install_Path fail\\."));
-}
-
 TEST(StartUp, AsADaemonItLeavesItsStarter) {
   EXPECT_EQ(run("vistalprod -d"), 0);
   ASSERT_TRUE(eventually([] { return call(kMain, "test").status == KS_STATUS_OK; }));

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <thread>
 
 #include "harness.h"
 
@@ -106,16 +105,6 @@ TEST_F(Mail, WhatIsPlantedInPlaceOfTheRecordHarmsNobody) {
   fs::remove(record);
   ASSERT_EQ(mkfifo(record.c_str(), 0666), 0);
   EXPECT_EQ(send_mail("", ""), result(0));
-}
-
-TEST_F(Mail, FiveSlowMailsAtOnceDoNotHoldUpTheMainService) {
-  program_.plays("delay 3000\n");
-  std::vector<std::thread> clients;
-  for (int i = 0; i < 5; ++i) clients.emplace_back([] { send_mail("", ""); });
-  const std::string five_run = "test $(pgrep -cP " + std::to_string(daemon_->pid()) + ") = 5";
-  EXPECT_TRUE(eventually([&] { return Process(five_run).wait() == 0; }));
-  EXPECT_EQ(call(kMain, "test").status, KS_STATUS_OK);
-  for (std::thread& client : clients) client.join();
 }
 
 // The real mail program in place of the stand-in, and a mail server. With a user the mail program reads its

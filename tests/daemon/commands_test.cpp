@@ -22,26 +22,25 @@ constexpr char kPackages[] = "/etc/config/kpkg.conf";
 constexpr char kDevices[] = "/usr/local/bin/kcloud_device_tool";
 constexpr char kTunnel[] = "/usr/local/bin/kcloud_tunnel_agent_tool";
 constexpr char kConfigReader[] = "/sbin/rdconf";
+constexpr char kLogin[] = "/sbin/kcli";
+constexpr char kToken[] = "/usr/bin/kcloud_cli";
+constexpr char kConnections[] = "/sbin/connrec_tool";
 constexpr char kAgent[] = "/share/VistalServer/ext_service/ExtVistalCloudAgent/vistal_agent_cli";
 
 constexpr char kUsage[] = "system_get_tiermount_cloud_usage";
 constexpr char kLoginFails[] = R"({"error_code":-2,"error_msg":"get_sess_id fail"})";
 
-std::string tunnel(const std::string& command) {
-  return R"({"callback_path":"C","mode":"M","package_name":"P n","reg_id":"R","command":")" + command + "\"}";
-}
+const std::string kX40(40, 'x');
 
-std::string connection(const std::string& more) {
-  return R"({"log_type":1,"service_type":-2,"action_type":3,"log_mseg":"m \"m\"","user_name":"u","IP":"::1")" +
+// A body with all that these commands ask for; of a member that is given twice, the later counts.
+std::string body(const std::string& more = R"("more":[1])") {
+  return R"({"share_name":"","group_name":"everyone","user":")" + kX40 + R"(","pwd":"a b)" + kX40 +
+         R"(","sid":"s1","length":-2147483648,"offest":-2147483648,"full_path":"L3NoYXJlL0NvbGQgMQ==",)"
+         R"("cmd":3,"type":-1,"acy":2147483647,"provide_id":"p 1","command":"get_url","mode":"M",)"
+         R"("package_name":"P n","callback_path":"C","reg_id":"R","log_type":1,"service_type":-2,)"
+         R"("action_type":3,"log_mseg":"m \"m\"","user_name":"u","IP":"::1","computer_name":"pc",)" +
          more + "}";
 }
-
-constexpr char kShare[] = R"({"share_name":""})";
-constexpr char kEveryone[] = R"({"group_name":"everyone"})";
-constexpr char kSession[] = R"({"type":7,"length":-1,"user":"al ice","sid":"s1"})";
-constexpr char kLogin[] = R"({"user":"u","pwd":"p"})";
-constexpr char kCold[] = R"({"full_path":"L3NoYXJlL0NvbGQgMQ=="})";
-constexpr char kReturn[] = R"({"cmd":3,"type":-1,"acy":2147483647})";
 
 std::string answer(const std::string& name, const std::optional<std::string>& body = std::nullopt) {
   const std::string text = call(kMain, name, body).text;
@@ -76,68 +75,64 @@ std::string failed_command(const std::string& name) {
 // At least one command of each kind.
 TEST_F(Commands, WhateverBecomesOfAProgramOrLibraryIsToldApartFromSuccess) {
   const struct Row {
-    std::string name, body;
+    std::string name;
     const char* program;
     std::string failure = failed_command(name);
   } rows[] = {
-      {"system_call_share_guard_add", kShare, kGuard},
-      {"system_call_vistalpro_disable", "", kControl,
-       failed("nos_system_system_call_vistalpro_disable_handler")},
-      {"system_call_cloud_analysis_register", R"({"provide_id":"p 1","command":"reg"})", kAnalytics},
-      {"notify_return", kReturn, kNotify, failed("nos_return_handler")},
-      {"get_vpd_channel", "", kHardware},
-      {kUsage, kCold, kReader},
-      {"get_sess_id", kLogin, "/sbin/kcli", kLoginFails},
-      {"get_all_users", "not read", kAccounts},
-      {"get_group_members", kEveryone, kAccounts},
-      {"get_sms_config", "", kSettings},
-      {"vistal_auth_add_session", kSession, kSessions},
-      {"vistal_auth_get_session", kSession, kSessions},
-      {"system_call_cloud_kcm_tunnel_agent", tunnel("get_url"), kTunnel},
-      {"system_call_cloud_get_user_token", "not read", "/usr/bin/kcloud_cli"},
-      {"system_call_cloud_get_device_list", "", kDevices},
-      {"read_hwsn", "", "/sbin/read_hwsn"},
-      {"system_call_evrec_tool", R"({"log_mseg":"","log_type":-1})", "/sbin/evrec_tool"},
-      {"system_connrec_tool", connection(R"(,"computer_name":"pc")"), "/sbin/connrec_tool",
-       failed("nos_system_call_evrec_tool_handler")},
+      {"system_call_share_guard_add", kGuard},
+      {"system_call_vistalpro_disable", kControl, failed("nos_system_system_call_vistalpro_disable_handler")},
+      {"system_call_cloud_analysis_register", kAnalytics},
+      {"notify_return", kNotify, failed("nos_return_handler")},
+      {"get_vpd_channel", kHardware},
+      {kUsage, kReader},
+      {"get_sess_id", kLogin, kLoginFails},
+      {"get_all_users", kAccounts},
+      {"get_group_members", kAccounts},
+      {"get_sms_config", kSettings},
+      {"vistal_auth_add_session", kSessions},
+      {"vistal_auth_get_session", kSessions},
+      {"system_call_cloud_kcm_tunnel_agent", kTunnel},
+      {"system_call_cloud_get_user_token", kToken},
+      {"system_call_cloud_get_device_list", kDevices},
+      {"read_hwsn", "/sbin/read_hwsn"},
+      {"system_call_evrec_tool", "/sbin/evrec_tool"},
+      {"system_connrec_tool", kConnections, failed("nos_system_call_evrec_tool_handler")},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     const StandIn program(row.program);
     for (const char* script : {"exit 3\nreturn -1\n", "signal 9\nreturn -1\n"}) {
       program.plays(script);
-      EXPECT_EQ(answer(row.name, row.body), row.failure) << script;
+      EXPECT_EQ(answer(row.name, body()), row.failure) << script;
       EXPECT_EQ(program.calls().size(), 1u);
     }
     program.remove();
-    EXPECT_EQ(answer(row.name, row.body), row.failure) << "missing";
+    EXPECT_EQ(answer(row.name, body()), row.failure) << "missing";
   }
   EXPECT_THAT(read_file("/proc/" + std::to_string(daemon_->pid()) + "/maps"),
               testing::Not(testing::HasSubstr("libuCore")));
 }
 
 TEST_F(Commands, ArgumentsArePassedAsTheyAreAsFarAsThereIsRoom) {
-  const std::string x40(40, 'x');
-  const std::tuple<const char*, std::string, const char*, std::string> rows[] = {
-      {"system_call_share_guard_add", kShare, kGuard, "share_guard|add||VistalServer"},
-      {"notify_return", kReturn, kNotify, "vistalpro_notify.sh|NOTIFY_CMD|-1|2147483647"},
-      {"get_vpd_ext_area", R"({"length":-2147483648,"offest":-2147483648})", kHardware,
-       "hwctl_app|--vpd_get_ext_area|offset=-2147483648,length=-2147"},
-      {kUsage, kCold, kReader,
-       "getfattr|--only-values|--absolute-names|-n|trusted.tm.cloud_usage|/share/Cold 1"},
-      {"get_sess_id", R"({"user":")" + x40 + R"(","pwd":"a b)" + x40 + "\"}", "/sbin/kcli",
-       "kcli|-l|user=" + x40.substr(0, 26) + "|pw=a b" + x40.substr(0, 25)},
-      {"system_call_cloud_kcm_tunnel_agent", tunnel("register_kcm"), kTunnel,
-       "usr/local/bin/kcloud_tunnel_agent_tool|register_kcm|-m|M|-p|P n|-c|C"},
-      {"system_call_cloud_kcm_tunnel_agent", tunnel("unregister_kcm"), kTunnel,
-       "usr/local/bin/kcloud_tunnel_agent_tool|unregister_kcm|-r|R"},
-      {"system_connrec_tool", connection(R"(,"computer_name":"pc")"), "/sbin/connrec_tool",
-       "sbin/connrec_tool|-t|1|-i|-2|-n|3|-a|m \"m\"|-u|u|-p|::1|-m|pc"},
+  const std::tuple<const char*, const char*, std::string> rows[] = {
+      {"system_call_share_guard_add", kGuard, "share_guard|add||VistalServer"},
+      {"notify_return", kNotify, "vistalpro_notify.sh|NOTIFY_CMD|-1|2147483647"},
+      {"get_vpd_ext_area", kHardware, "hwctl_app|--vpd_get_ext_area|offset=-2147483648,length=-2147"},
+      {kUsage, kReader, "getfattr|--only-values|--absolute-names|-n|trusted.tm.cloud_usage|/share/Cold 1"},
+      {"get_sess_id", kLogin, "kcli|-l|user=" + kX40.substr(14) + "|pw=a b" + kX40.substr(15)},
+      {"system_connrec_tool", kConnections, "sbin/connrec_tool|-t|1|-i|-2|-n|3|-a|m \"m\"|-u|u|-p|::1|-m|pc"},
   };
-  for (const auto& [name, body, path, line] : rows) {
+  for (const auto& [name, path, line] : rows) {
     const StandIn program(path);
-    answer(name, body);
+    answer(name, body());
     EXPECT_EQ(program.calls().at(0).line, line);
+  }
+  const std::pair<const char*, const char*> tunnels[] = {{"register_kcm", "|-m|M|-p|P n|-c|C"},
+                                                         {"unregister_kcm", "|-r|R"}};
+  for (const auto& [command, arguments] : tunnels) {
+    const StandIn program(kTunnel);
+    answer("system_call_cloud_kcm_tunnel_agent", body(R"("command":")" + std::string(command) + "\""));
+    EXPECT_EQ(program.calls().at(0).line, std::string(kTunnel + 1) + "|" + command + arguments);
   }
 }
 
@@ -148,32 +143,30 @@ TEST_F(Commands, WhatProgramsPrintIsReadAsFarAsItMakesSense) {
   const auto channel = [&](const std::string& value) { return ok("vpd_channel", value); };
   const auto usage = [&](const std::string& bytes) { return ok("size_info", base64(bytes)); };
   const struct {
-    const char *name, *body, *program, *script;
+    const char *name, *program, *script;
     std::string reply;
   } rows[] = {
-      {"get_vpd_channel", "", kHardware, "stdout a name = \\n A  B\\n \\n\n", channel("A  B")},
-      {"get_vpd_channel", "", kHardware, "stdout n=v\\x00w=x\nstderr a=b=c\nexit 3\n", channel("v")},
-      {"get_vpd_channel", "", kHardware, "stdout n=v\nlinger 100\n", channel("v")},
-      {"get_vpd_channel", "", kHardware, "stdout n=\nbytes 10485760\n", channel(std::string(10485760, '#'))},
-      {"get_vpd_channel", "", kHardware, "stdout n=v=w\\n\n", failed_command("get_vpd_channel")},
-      {"get_vpd_ext_area", R"({"length":8,"offest":0})", kHardware, "stdout A B\\nC\\n\nexit 1\n",
-       ok("vpd_ext_area", "ABC")},
-      {"get_vpd_ext_area", R"({"length":8,"offest":0})", kHardware, "signal 9\n", ok("vpd_ext_area", "")},
-      {"get_sess_id", kLogin, "/sbin/kcli", "stdout \\n\\na b\\n\\n  sid   is  x=y  \n",
-       R"({"error_code":0,"sid":"x=y"})"},
-      {"get_sess_id", kLogin, "/sbin/kcli", "stdout a\\nb c d\\ne\\n\n", kLoginFails},
-      {kUsage, kCold, kReader, "stdout a\\x00\ndelay 20\nstdout b\nexit 1\n", usage(std::string("a\0b", 3))},
-      {kUsage, kCold, kReader, "bytes 1533\n", usage(std::string(1533, '#'))},
-      {kUsage, kCold, kReader, "bytes 1534\n", failed_command(kUsage)},
-      {"system_call_cloud_get_user_token", "", "/usr/bin/kcloud_cli", "stdout a\\x00b\nstderr c\n",
+      {"get_vpd_channel", kHardware, "stdout a name = \\n A  B\\n \\n\n", channel("A  B")},
+      {"get_vpd_channel", kHardware, "stdout n=v\\x00w=x\nstderr a=b=c\nexit 3\n", channel("v")},
+      {"get_vpd_channel", kHardware, "stdout n=v\nlinger 100\n", channel("v")},
+      {"get_vpd_channel", kHardware, "stdout n=\nbytes 10485760\n", channel(std::string(10485760, '#'))},
+      {"get_vpd_channel", kHardware, "stdout n=v=w\\n\n", failed_command("get_vpd_channel")},
+      {"get_vpd_ext_area", kHardware, "stdout A B\\nC\\n\nexit 1\n", ok("vpd_ext_area", "ABC")},
+      {"get_vpd_ext_area", kHardware, "signal 9\n", ok("vpd_ext_area", "")},
+      {"get_sess_id", kLogin, "stdout \\n\\na b\\n\\n  sid   is  x=y  \n", R"({"error_code":0,"sid":"x=y"})"},
+      {"get_sess_id", kLogin, "stdout a\\nb c d\\ne\\n\n", kLoginFails},
+      {kUsage, kReader, "stdout a\\x00\ndelay 20\nstdout b\nexit 1\n", usage(std::string("a\0b", 3))},
+      {kUsage, kReader, "bytes 1533\n", usage(std::string(1533, '#'))},
+      {kUsage, kReader, "bytes 1534\n", failed_command(kUsage)},
+      {"system_call_cloud_get_user_token", kToken, "stdout a\\x00b\nstderr c\n",
        R"({"cli_ret":0,"result":0,"result_out":"YQBi"})"},
-      {"system_call_cloud_get_device_list", "", kDevices, "stdout [\"a\"]\\n\n",
+      {"system_call_cloud_get_device_list", kDevices, "stdout [\"a\"]\\n\n",
        R"({"device_list":"[\"a\"]\n","result":0})"},
   };
   for (const auto& row : rows) {
     const StandIn program(row.program);
     program.plays(row.script);
-    EXPECT_EQ(answer(row.name, row.body), row.reply) << row.script;
+    EXPECT_EQ(answer(row.name, body()), row.reply) << row.script;
   }
 }
 
@@ -184,10 +177,10 @@ TEST_F(Commands, BadRequestsAreRefusedAndRunNothing) {
       {"get_vpd_ext_area", R"({"offest":2147483648,"length":8})"},
       {"notify_return", R"({"cmd":2,"type":1,"acy":"5"})"},
       {"system_call_cloud_kcm_tunnel_agent", R"({"command":"get_url"})"},
-      {"system_connrec_tool", connection("")}};
-  for (const auto& [name, body] : rows)
-    EXPECT_EQ(answer(name, body), R"({"error_code":-1,"error_msg":"paser fail"})") << body;
-  EXPECT_EQ(answer("system_call_cloud_kcm_tunnel_agent", tunnel("GET_URL")),
+      {"system_connrec_tool", body(R"("computer_name":null)")}};
+  for (const auto& [name, refused] : rows)
+    EXPECT_EQ(answer(name, refused), R"({"error_code":-1,"error_msg":"paser fail"})") << refused;
+  EXPECT_EQ(answer("system_call_cloud_kcm_tunnel_agent", body(R"("command":"GET_URL")")),
             R"({"error_code":-6,"error_msg":"not support command"})");
   EXPECT_EQ(new_log(), "");
   const StandIn tool(kGuard);
@@ -197,9 +190,9 @@ TEST_F(Commands, BadRequestsAreRefusedAndRunNothing) {
               testing::MatchesRegex(
                   ".* \\[nos_system_call_share_guard_add_handler\\]\\[[0-9]+\\] ks_io input fail\\.\n"));
   // What handlers throw costs one request and one log line.
-  for (const auto& body : {std::optional<std::string>(), std::optional(std::string(5000, '['))}) {
+  for (const auto& thrown : {std::optional<std::string>(), std::optional(std::string(5000, '['))}) {
     const std::string log = new_log();
-    EXPECT_EQ(call(kMain, "system_call_share_guard_add", body).status, KS_STATUS_BROKEN);
+    EXPECT_EQ(call(kMain, "system_call_share_guard_add", thrown).status, KS_STATUS_BROKEN);
     EXPECT_THAT(new_log().substr(log.size()),
                 testing::MatchesRegex("[^\n]+ ended without a reply: [^\n]+\n"));
   }
@@ -263,7 +256,7 @@ TEST_F(Commands, WhatALibraryTellsIsHeldAgainstWhatItGives) {
     SCOPED_TRACE(row.script);
     accounts.plays(row.script);
     EXPECT_EQ(answer("get_all_users"), row.users != nullptr ? row.users : failed_command("get_all_users"));
-    EXPECT_EQ(answer("get_group_members", kEveryone),
+    EXPECT_EQ(answer("get_group_members", body()),
               row.members != nullptr ? row.members : failed_command("get_group_members"));
   }
   // Names without a NUL end with their entry.
@@ -313,10 +306,10 @@ TEST_F(Commands, CloudToolsAreHeardAsTheyAre) {
 }
 
 TEST_F(Commands, EntriesForTheLogsAreLoggedHereToo) {
-  const StandIn connections("/sbin/connrec_tool");
+  const StandIn connections(kConnections);
   connections.plays("exit 1\n");
   answer("system_call_evrec_tool", R"({"log_mseg":"a b","log_type":4})");
-  answer("system_connrec_tool", connection(R"(,"computer_name":"pc")"));
+  answer("system_connrec_tool", body());
   EXPECT_EQ(without_numbers(new_log()),
             "[nos_system_call_evrec_tool_handler] argv:2 , index:-t .\n"
             "[nos_system_call_evrec_tool_handler] argv:3 , index:4 .\n"

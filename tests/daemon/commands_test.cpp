@@ -141,6 +141,11 @@ TEST_F(Commands, WhatProgramsPrintIsReadAsFarAsItMakesSense) {
     return R"({"result":0,")" + member + "\":\"" + value + "\"}";
   };
   const auto channel = [&](const std::string& value) { return ok("vpd_channel", value); };
+  const auto status_failed = [](const std::string& output, int result) {
+    return R"({"device_status":")" + output +
+           R"(","error_msg":"nos_system_call_cloud_get_device_status_handler fail","result":)" +
+           std::to_string(result) + "}";
+  };
   const auto usage = [&](const std::string& bytes) { return ok("size_info", base64(bytes)); };
   const struct {
     const char *name, *program, *script;
@@ -162,6 +167,11 @@ TEST_F(Commands, WhatProgramsPrintIsReadAsFarAsItMakesSense) {
        R"({"cli_ret":0,"result":0,"result_out":"YQBi"})"},
       {"system_call_cloud_get_device_list", kDevices, "stdout [\"a\"]\\n\n",
        R"({"device_list":"[\"a\"]\n","result":0})"},
+      {"system_call_cloud_get_device_status", kDevices, "stderr no cloud\n",
+       R"({"device_status":"bm8gY2xvdWQ=","result":0})"},
+      {"system_call_cloud_get_device_status", kDevices, "stdout a\nstderr b\nstdout c\nexit 3\n",
+       status_failed("YWJj", 768)},
+      {"system_call_cloud_get_device_status", kDevices, "signal 9\n", status_failed("", 9)},
   };
   for (const auto& row : rows) {
     const StandIn program(row.program);
@@ -268,21 +278,7 @@ TEST_F(Commands, WhatALibraryTellsIsHeldAgainstWhatItGives) {
 }
 
 TEST_F(Commands, CloudToolsAreHeardAsTheyAre) {
-  const StandIn devices(kDevices), settings(kConfigReader), version("/usr/sbin/kcloud_tool"),
-      id("/sbin/read_suid");
-  const auto status = [](const std::string& result, const std::string& output) {
-    return R"({"device_status":")" + base64(output) + "\"," + result + "}";
-  };
-  const std::string failed =
-      R"("error_msg":"nos_system_call_cloud_get_device_status_handler fail","result":)";
-  const std::pair<const char*, std::string> statuses[] = {
-      {"stderr no cloud\n", status("\"result\":0", "no cloud")},
-      {"stdout a\nstderr b\nstdout c\nexit 3\n", status(failed + "768", "abc")},
-      {"signal 9\n", status(failed + "9", "")}};
-  for (const auto& [script, reply] : statuses) {
-    devices.plays(script);
-    EXPECT_EQ(answer("system_call_cloud_get_device_status"), reply) << script;
-  }
+  const StandIn settings(kConfigReader), version("/usr/sbin/kcloud_tool"), id("/sbin/read_suid");
   const std::pair<const char*, const char*> services[] = {
       {"a\\nb", "a"}, {"abc\\n", "abc"}, {"a\\n\\n", "a\n"}, {"abc", "abc"}, {"\\n", ""}};
   fs::rename(kConfigReader, "/sbin/aside");
@@ -300,7 +296,6 @@ TEST_F(Commands, CloudToolsAreHeardAsTheyAre) {
   for (const auto& [script, output] : versions) {
     version.plays(script);
     EXPECT_EQ(answer("read_hwsn"), R"({"result":0,"result_out":")" + base64(output) + "\"}") << script;
-    EXPECT_EQ(version.calls().at(0).line, "usr/sbin/kcloud_tool|-d");
   }
   EXPECT_EQ(new_log(), "") << "file names, arguments and tokens are nobody's business";
 }
@@ -340,7 +335,6 @@ TEST_F(Commands, PackageProgramsAreReportedWhateverBecomesOfThem) {
   EXPECT_EQ(answer("vistal_agent_cli", R"({"opt":["status","-v x"]})"),
             R"({"cli_ret":9,"result":0,"result_out":"b3V0"})");
   EXPECT_EQ(agent.calls().at(0).line, std::string(kAgent + 1) + "|status|-v x");
-  EXPECT_EQ(agent.calls().at(0).bare, true);
   EXPECT_THAT(without_numbers(new_log()),
               testing::EndsWith("[vistal_agent_cli_handler] args=[status,-v x,], \n"
                                 "[vistal_agent_cli_handler] ret=[9][out]\n"));

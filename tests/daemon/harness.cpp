@@ -122,7 +122,6 @@ std::vector<StandInCall> StandIn::calls() const {
     if (line == "call") calls.emplace_back();
     if (line.starts_with("argv0 ")) calls.back().line = text;
     if (line.starts_with("arg ")) calls.back().line += "|" + text;
-    if (line.starts_with("env ")) calls.back().bare = false;
     if (line.starts_with("stdin ")) calls.back().input = text;
   }
   return calls;

@@ -64,7 +64,6 @@ Reply call(const char* service, const std::string& request,
 // How a stand-in was called. In its record a newline is "\n", two characters, and so it is here.
 struct StandInCall {
   std::string line;   // name and arguments, joined by |
-  bool bare = true;   // without any environment
   std::string input;  // what it was given to read, when that was a file or a pipe
 };
 

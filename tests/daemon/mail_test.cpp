@@ -58,7 +58,6 @@ TEST_F(Mail, TheProgramGetsItsArgumentsAndInput) {
     EXPECT_EQ(send_mail(row.user, row.password), result(0));
     EXPECT_EQ(program_.calls().at(0).line, row.line);
     EXPECT_EQ(program_.calls()[0].input, row.input);
-    EXPECT_FALSE(program_.calls()[0].bare);
   }
 }
 

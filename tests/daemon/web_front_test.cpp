@@ -103,7 +103,6 @@ TEST_F(WebFront, ProgramsAreRunAndTheirOutputRelayed) {
     EXPECT_EQ(said(), ahead + " succ, ret_out=[o\n\xFF]\n");
     EXPECT_EQ(program.calls().size(), 1u);
     EXPECT_EQ(program.calls().at(0).line, row.call);
-    EXPECT_TRUE(program.calls()[0].bare);
     program.plays("stdout half\nexit 3\n");
     EXPECT_EQ(call(kMain, row.name, row.body).status, KS_STATUS_BROKEN);
     EXPECT_EQ(said(), ahead + (installs ? " failed, ret_out=[half]\n" : " failed, ret=[768]\n"));

@@ -1,5 +1,9 @@
 // The commands: request -> the call that a platform program or library saw -> reply, whatever state that
 // is in.
+#include <sys/xattr.h>
+
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 
 #include "common/base64.h"
@@ -51,6 +55,19 @@ std::string base64(const std::string& bytes) {
   std::string encoded;
   base64_encode(bytes, &encoded);
   return encoded;
+}
+
+// Before the stand-in takes the real reader's place: what the file system holds.
+class RealReader : public DaemonTest {};
+
+TEST_F(RealReader, AnswersWithTheAttributeOfTheFile) {
+  const std::string value("1048576\0 of 7", 13), path = "/tmp/tiered folder";
+  write_file(path, "");
+  if (setxattr(path.c_str(), "trusted.tm.cloud_usage", value.data(), value.size(), 0) != 0) {
+    GTEST_SKIP() << "no trusted attributes here: " << std::strerror(errno);
+  }
+  EXPECT_EQ(answer(kUsage, "{\"full_path\":\"" + base64(path) + "\"}"),
+            R"({"result":0,"size_info":")" + base64(value) + "\"}");
 }
 
 class Commands : public DaemonTest {

@@ -26,7 +26,7 @@ const struct Target {
   const char* slow;  // a request that takes a moment, and its body, which is read
   const char* body;
 } kTargets[] = {
-    {kMain, kMainSocket, 2, main_commands, "exec_cli", R"({"command":["/bin/sleep","0.1"]})"},
+    {kMain, kMainSocket, 2, main_commands, "exec_cli", R"({"command":["/bin/sleep","0.4"]})"},
     {kMail, kMailSocket, 5, mail_commands, "sendmail",
      R"({"user":"","pwd":"","config_file":"c","content_file":"m"})"},
 };
@@ -173,7 +173,7 @@ TEST_F(Hostile, APeerThatBreaksTheRulesCostsItsOwnConnectionOnly) {
 
 TEST_F(Hostile, AClientMayBeKilledAtEveryStep) {
   const StandIn mailer("/usr/sbin/sendmail");
-  mailer.plays("delay 100\n");
+  mailer.plays("delay 400\n");
   for (const Target& at : kTargets) {
     const Fd body = memory_file(at.body);
     std::string record = std::string("\x08\x01", 2) + at.slow;

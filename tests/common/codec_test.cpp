@@ -1,25 +1,10 @@
 // What clients send: base64 and typed request parameters.
-#include <random>
-
 #include "common/base64.h"
 #include "common/json_param.h"
 #include "common/log.h"
 #include "fixture.h"
 
 namespace {
-
-TEST(Base64, RoundTripsEveryLengthInPlace) {
-  std::mt19937 random(1);
-  for (std::size_t length = 0; length <= 100; ++length) {
-    std::string bytes(length, '\0');
-    for (char& byte : bytes) byte = static_cast<char>(random());
-    std::string text = bytes;
-    ASSERT_EQ(base64_encode(text, &text), static_cast<int>((length + 2) / 3 * 4));
-    std::string decoded;
-    ASSERT_EQ(base64_decode(text, &decoded), length);
-    ASSERT_EQ(decoded, bytes);
-  }
-}
 
 TEST(Base64, DecodesWhatStandsBeforeTheFirstForeignCharacter) {
   const char* const rows[][2] = {

@@ -1,9 +1,9 @@
 // What every suite of this room runs in.
 #pragma once
 
-#include <filesystem>
+#include <fcntl.h>
+
 #include <fstream>
-#include <iterator>
 
 #include "support/guard.h"
 
@@ -11,11 +11,7 @@ class CommonTest : public GuardedTest {
  protected:
   // Empty when there is no such file.
   static std::string contents(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    return content_of(Fd(open(path.c_str(), O_RDONLY)));
   }
-  static void write_file(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary) << text;
-  }
-  static bool exists(const std::string& path) { return std::filesystem::exists(path); }
+  static void write_file(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
 };

@@ -36,7 +36,7 @@ TEST_F(LogTest, MovesAFullFileAside) {
   const std::string backup = path + ".bak";
   write_file(path, std::string(524287, 'x'));
   log_write_to(path.c_str(), "fits");
-  EXPECT_FALSE(exists(backup));
+  EXPECT_NE(access(backup.c_str(), F_OK), 0);
   write_file(backup, "an older one");
   log_write_to(path.c_str(), "fresh");
   EXPECT_THAT(contents(backup), ::testing::EndsWith("] fits\n"));

@@ -16,7 +16,6 @@ std::string perform(const std::string& request, ks_io* io, int extra) {
   char byte = 'h';
   if (request == "echo") return content_of(ks_io_fd(io)) + (extra < 0 ? "" : content_of(extra));
   if (request == "who") return std::to_string(ks_io_pid(io));
-  if (request == "worker") return std::to_string(getpid());
   if (request == "environ") {
     std::string all;
     for (char** entry = environ; *entry != nullptr; ++entry) all += std::string(*entry) + "\n";

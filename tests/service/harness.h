@@ -19,7 +19,6 @@ Reply call(const std::string& name, const std::string& request, const std::strin
 // callback does what the request's name says:
 //   "echo"    replies the body, and behind it what can be read from the extra descriptor
 //   "who"     replies the process id of the client
-//   "worker"  replies its own process id
 //   "environ" replies its environment, one variable a line
 //   "hold"    sends a byte on the extra descriptor, waits for one, then replies "hold"
 //   "leave"   releases the request without a reply

@@ -98,14 +98,12 @@ const struct {
     // No process to be had is like a program that was content and said nothing.
     {FAULT_FORK, EAGAIN, kMain, "exec_cli", kEcho,
      R"("error_code":0,"handler":"exec_cli_handler","result":"")"},
-    {FAULT_FORK, EAGAIN, kMain, "system_call_share_guard_add", kShare, R"({"result":0})"},
     {FAULT_FORK, EAGAIN, kMain, "get_vpd_channel", "", "nos_get_vpd_channel_handler fail"},
     {FAULT_FORK, EAGAIN, kMail, "sendmail", kMessage, R"({"result":0})"},
     {FAULT_OPEN, ENOSPC, kMain, "exec_cli", kEcho,
      R"("error_code":0,"handler":"exec_cli_handler","result":"")"},
     {FAULT_OPEN, EACCES, kMain, "system_call_share_guard_add", kShare,
      "nos_system_call_share_guard_add_handler fail"},
-    {FAULT_OPEN, EACCES, kMain, "get_vpd_channel", "", "nos_get_vpd_channel_handler fail"},
     {FAULT_OPEN, EACCES, kMain, "update_ip_ban_list", R"({"ip_list":"1.2.3.4"})",
      "nos_update_ip_ban_list_handler fail"},
     {FAULT_OPEN, ENOSPC, kMain, "read_hwsn", "", "nos_read_hwsn_handler fail"},
@@ -114,10 +112,7 @@ const struct {
      "nos_vistal_auth_add_session_handler fail"},
     {FAULT_DLOPEN, ENOMEM, kMain, "get_all_users", "", "nos_get_all_users_handler fail"},
     {FAULT_PTHREAD_CREATE, EAGAIN, kMain, "test", "", nullptr},
-    {FAULT_PTHREAD_CREATE, EAGAIN, kMail, "test", "", nullptr},
-    {FAULT_MMAP, ENOMEM, kMain, "test", "body", nullptr},
     {FAULT_MMAP, ENOMEM, kMail, "test", "body", nullptr},
-    {FAULT_EPOLL_ADD, ENOSPC, kMain, "test", "", nullptr},
     {FAULT_EPOLL_ADD, ENOMEM, kMail, "test", "", nullptr},
 };
 

@@ -87,16 +87,9 @@ const struct {
     {"withholds the second descriptor", [](Peer& p) { p.request("test", 255).fds({kBody}); }},
     {"every flag there is", [](Peer& p) { p.request("test", 255).fds({kBody}).fds({kBody}); }, End::served},
     {"every flag but the one", [](Peer& p) { p.request("test", 254).fds({kBody}); }, End::served},
-    {"two descriptors in one message",
-     [](Peer& p) {
-       p.request("test").fds({kBody, kBody});
-     },
+    {"two descriptors in one message", [](Peer& p) { p.request("test").fds(std::vector<int>(2, kBody)); },
      End::served},
-    {"four in one message",
-     [](Peer& p) {
-       p.request("test").fds({kBody, kBody, kBody, kBody});
-     }},
-    {"a file nobody asked for", [](Peer& p) { p.request("test").fds({kBody}).fds({kBody}); }, End::either},
+    {"four in one message", [](Peer& p) { p.request("test").fds(std::vector<int>(4, kBody)); }},
     {"two requests", [](Peer& p) { p.request("test").fds({kBody}).request("test").fds({kBody}); },
      End::either},
     {"a request after its reply",
@@ -115,13 +108,11 @@ const struct {
     {"sealable file", [](Peer& p) { p.request("test").fds({kSealable}); }, End::served},
     // A sanitizer leaves no room for it at times.
     {"1 TiB of nothing", hands_over(odd_file(off_t{1} << 40, 0)), End::either},
-    {"too large to map", hands_over(odd_file(off_t{1} << 62, 0))},
     {"no shrinking", hands_over(odd_file(4, F_SEAL_SHRINK))},
     {"no growing", hands_over(odd_file(4, F_SEAL_GROW))},
     {"no writing", hands_over(odd_file(4, F_SEAL_WRITE))},
     {"no writing from now on", hands_over(odd_file(4, F_SEAL_FUTURE_WRITE))},
     {"read-only file", hands_over(kBodyPath, O_RDONLY)},
-    {"write-only file", hands_over(kBodyPath, O_WRONLY)},
     {"file on disk", hands_over("/usr/lib/odd", O_RDWR | O_CREAT)},
     {"directory", hands_over("/tmp", O_RDONLY)},
     {"full pipe", hands_over(full_pipe())},

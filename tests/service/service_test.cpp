@@ -48,6 +48,7 @@ TEST_F(ServiceTest, PausedAndFullServicesTellNewClientsAndServeInOrderWhoWaits) 
   limit_descriptors(4096);
   std::vector<Peer> waiting;
   for (int i = 0; i < 1000; ++i) waiting.emplace_back(path());
+  EXPECT_EQ(call(service.name(), "echo").first, KS_STATUS_BUSY);
   waiting[500].leave();
   ASSERT_TRUE(service.comes_to_hold(1000));
   waiting.emplace_back(path());  // the one place is free again, and only that

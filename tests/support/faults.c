@@ -34,7 +34,10 @@ static int fails(enum fault_kind kind) {
   if (getpid() != owner) return 0;
   if (__atomic_load_n(&fault->skip, __ATOMIC_SEQ_CST) > 0 && __atomic_fetch_sub(&fault->skip, 1, __ATOMIC_SEQ_CST) > 0)
     return 0;
-  if (__atomic_load_n(&fault->left, __ATOMIC_SEQ_CST) > 0) __atomic_sub_fetch(&fault->left, 1, __ATOMIC_SEQ_CST);
+  int left = __atomic_load_n(&fault->left, __ATOMIC_SEQ_CST);
+  do { /* of two threads that call at once, one may be the last to fail */
+    if (left == 0) return 0;
+  } while (left > 0 && !__atomic_compare_exchange_n(&fault->left, &left, left - 1, 0, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST));
   __atomic_add_fetch(&fault->hits, 1, __ATOMIC_SEQ_CST);
   errno = fault->error;
   return 1;

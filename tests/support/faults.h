@@ -6,12 +6,21 @@
 #define FAULTS_FILE "/tmp/faults"
 
 enum fault_kind { /* opening includes streams and templates; mapping is of memory files; forking includes vfork */
-  FAULT_ACCEPT, FAULT_DLOPEN, FAULT_EPOLL_ADD, FAULT_FORK, FAULT_MEMFD, FAULT_MMAP, FAULT_OPEN, FAULT_PTHREAD_CREATE,
-  FAULT_SOCKETPAIR, FAULT_KINDS
+                  FAULT_ACCEPT,
+                  FAULT_DLOPEN,
+                  FAULT_EPOLL_ADD,
+                  FAULT_FORK,
+                  FAULT_MEMFD,
+                  FAULT_MMAP,
+                  FAULT_OPEN,
+                  FAULT_PTHREAD_CREATE,
+                  FAULT_SOCKETPAIR,
+                  FAULT_KINDS
 };
 
 struct fault {
-  int error, skip, left, hits; /* its errno; calls that succeed first, that then fail (negative: all), that have failed */
+  int error, skip, left,
+      hits; /* its errno; calls that succeed first, that then fail (negative: all), that have failed */
 };
 
 #endif

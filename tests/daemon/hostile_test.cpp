@@ -160,6 +160,8 @@ TEST_F(Hostile, APeerThatBreaksTheRulesCostsItsOwnConnectionOnly) {
     peer.record(type, 0, "test").fds({kBody});
     expect_end(peer, type % 256 == KS_DIR_REQUEST ? End::served : End::refused);
   }
+  if (emulated())
+    GTEST_SKIP() << "the emulator neither tells of a cut message nor maps 1 TiB: two rows left out";
 }
 
 TEST_F(Hostile, AClientMayBeKilledAtEveryStep) {

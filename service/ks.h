@@ -121,6 +121,11 @@ int ks_io_dup3(ks_io* io, int newfd, int flags);
 FILE* ks_io_fopen(ks_io* io, const char* mode);
 FILE* ks_io_freopen(ks_io* io, const char* mode, FILE* stream);
 
+// Closes a descriptor that came from a client, or that leads to one, without ever waiting for its owner. A plain close
+// can: the last close of a connection that lingers, of a file in user space, or of a socket in whose queue such
+// descriptors lie unread. -1 is ignored. Any thread.
+void ks_discard(int fd);
+
 // ---- Services ---------------------------------------------------------------------------------------------
 
 // Mode bits: exactly one of the two kinds of worker, with or without KS_STANDALONE.

@@ -59,6 +59,10 @@ int ks_nonzero(int fd) {
   return other;
 }
 
+void ks_discard(int fd) {
+  if (fd >= 0) close(fd);
+}
+
 void close_and_forget(int* fd) {
   if (*fd >= 0) close(*fd);
   *fd = -1;

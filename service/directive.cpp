@@ -8,69 +8,87 @@
 #include <cstddef>
 #include <cstring>
 
+#include "service/ks_internal.h"
+
 namespace {
 
-// Room for one descriptor by the rules of alignment; on 64-bit machines that admits a second one.
-constexpr std::size_t kControlSize = CMSG_SPACE(sizeof(int));
-static_assert(kControlSize == 24);
-// The least control length that can hold a header.
-constexpr std::size_t kControlMinimum = 16;
+// The kernel's own limit. With less room it would close what does not fit, in the thread that receives: see discard.cpp.
+constexpr std::size_t kMostDescriptors = 253;
+// As many as have ever been let through, by the room that the rules of alignment leave behind one.
+constexpr std::size_t kMostTaken = 2;
 
 using Clock = std::chrono::steady_clock;
 
-// One byte of payload, whose value nobody looks at, and room for a descriptor beside it. Points into itself.
-struct DescriptorMessage {
-  explicit DescriptorMessage(std::size_t control_length) {
+// A message of `size` bytes and room for descriptors beside it. Points into itself.
+struct Message {
+  Message(void* bytes, std::size_t size, std::size_t control_size)
+      : payload{.iov_base = bytes, .iov_len = size} {
     header.msg_iov = &payload;
     header.msg_iovlen = 1;
     header.msg_control = control;
-    header.msg_controllen = control_length;
+    header.msg_controllen = control_size;
   }
-  DescriptorMessage(const DescriptorMessage&) = delete;
-  DescriptorMessage& operator=(const DescriptorMessage&) = delete;
+  Message(const Message&) = delete;
+  Message& operator=(const Message&) = delete;
 
-  char byte = 0;
-  iovec payload{.iov_base = &byte, .iov_len = 1};
-  alignas(cmsghdr) char control[kControlSize] = {};
+  iovec payload;
   msghdr header{};
+  alignas(cmsghdr) char control[CMSG_SPACE(kMostDescriptors * sizeof(int))];
 };
 
-// Waits until there is something to read or the time is over.
-bool wait_readable(int sockfd, Clock::time_point deadline) {
+// Waits until there is something to read or the time is over; for ever without a deadline.
+bool wait_readable(int sockfd, const Clock::time_point* deadline) {
   pollfd watched{.fd = sockfd, .events = POLLIN, .revents = 0};
   while (true) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    if (left <= 0) return false;
-    const int ready = poll(&watched, 1, static_cast<int>(left));
+    int timeout = -1;
+    if (deadline != nullptr) {
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - Clock::now()).count();
+      if (left <= 0) return false;
+      timeout = static_cast<int>(left);
+    }
+    const int ready = poll(&watched, 1, timeout);
     if (ready >= 0 || errno != EINTR) return ready > 0;
   }
 }
 
-// A connection that lingers makes its last close wait for as long as its owner likes, and ours may be the last. What is
-// no socket refuses, and does not linger.
-void take_linger_away(int fd) {
-  const linger none{};
-  setsockopt(fd, SOL_SOCKET, SO_LINGER, &none, sizeof(none));
-}
-
-// Keeps the first descriptor of all that `message` carries and closes the others.
-int take_first_descriptor(msghdr* message) {
-  int first = -1;
-  for (cmsghdr* header = CMSG_FIRSTHDR(message); header != nullptr; header = CMSG_NXTHDR(message, header)) {
-    if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) continue;
-    const std::size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+// Calls `take` with each descriptor that came with the message.
+template <typename Take>
+void for_each_descriptor(msghdr* header, const Take& take) {
+  if (header->msg_controllen == 0) return;
+  for (cmsghdr* part = CMSG_FIRSTHDR(header); part != nullptr; part = CMSG_NXTHDR(header, part)) {
+    if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS) continue;
+    const std::size_t count = (part->cmsg_len - CMSG_LEN(0)) / sizeof(int);
     for (std::size_t i = 0; i < count; ++i) {
       int fd;
-      std::memcpy(&fd, CMSG_DATA(header) + i * sizeof(int), sizeof(int));
-      take_linger_away(fd);
-      if (first < 0) {
-        first = fd;
-      } else {
-        close(fd);
-      }
+      std::memcpy(&fd, CMSG_DATA(part) + i * sizeof(int), sizeof(int));
+      take(fd);
     }
   }
-  return first;
+}
+
+// Keeps the first descriptor of all that the message carries, and none of too many.
+int take_first_descriptor(msghdr* header) {
+  unique_fd first;
+  std::size_t count = 0;
+  for_each_descriptor(header, [&](int fd) {
+    if (count++ == 0) {
+      first.reset(fd);
+    } else {
+      ks_discard(fd);
+    }
+  });
+  if (count > kMostTaken || (header->msg_flags & MSG_CTRUNC) != 0) return -1;
+  return first.release();
+}
+
+int receive(int sockfd, int flags, const Clock::time_point* deadline) {
+  char byte;
+  Message message(&byte, sizeof(byte), sizeof(message.control));
+  ssize_t got;
+  do {
+    got = recvmsg(sockfd, &message.header, flags | MSG_DONTWAIT);  // as a rule it is there already
+  } while (got < 0 && (errno == EINTR || (errno == EAGAIN && wait_readable(sockfd, deadline))));
+  return got < 1 ? -1 : take_first_descriptor(&message.header);
 }
 
 }  // namespace
@@ -90,15 +108,19 @@ bool send_directive(int sockfd, ks_directive_type type) {
 }
 
 bool read_directive(int sockfd, directive* record) {
+  Message message(record, sizeof(*record), sizeof(message.control));
   ssize_t got;
   do {
-    got = recv(sockfd, record, sizeof(*record), MSG_DONTWAIT);
+    got = recvmsg(sockfd, &message.header, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
   } while (got < 0 && errno == EINTR);
+  if (got < 0) return false;
+  for_each_descriptor(&message.header, ks_discard);
   return got == sizeof(*record);
 }
 
 bool send_descriptor(int sockfd, int fd) {
-  DescriptorMessage message(CMSG_LEN(sizeof(int)));
+  char byte = 0;
+  Message message(&byte, sizeof(byte), CMSG_LEN(sizeof(int)));
   cmsghdr* header = CMSG_FIRSTHDR(&message.header);
   header->cmsg_level = SOL_SOCKET;
   header->cmsg_type = SCM_RIGHTS;
@@ -107,17 +129,15 @@ bool send_descriptor(int sockfd, int fd) {
   return sendmsg(sockfd, &message.header, MSG_NOSIGNAL) == 1;
 }
 
+void send_no_descriptor(int sockfd) {
+  const char byte = 0;
+  send(sockfd, &byte, sizeof(byte), MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
 int receive_descriptor(int sockfd, Clock::time_point deadline) {
-  DescriptorMessage message(kControlSize);
-  ssize_t got;
-  do {
-    got = recvmsg(sockfd, &message.header, MSG_DONTWAIT);  // as a rule it is there already
-  } while (got < 0 && (errno == EINTR || (errno == EAGAIN && wait_readable(sockfd, deadline))));
-  if (got < 1 || message.header.msg_controllen < kControlMinimum) return -1;
-  const int fd = take_first_descriptor(&message.header);
-  if ((message.header.msg_flags & MSG_CTRUNC) != 0) {
-    if (fd >= 0) close(fd);
-    return -1;
-  }
-  return fd;
+  return receive(sockfd, MSG_CMSG_CLOEXEC, &deadline);
+}
+
+int receive_connection(int sockfd) {
+  return receive(sockfd, 0, nullptr);
 }

@@ -34,14 +34,19 @@ directive make_directive(ks_directive_type type);
 bool send_directive(int sockfd, const directive& record);
 bool send_directive(int sockfd, ks_directive_type type);
 
-// One read of one record from a socket that has been reported readable; false for anything shorter. Does not wait:
-// an urgent byte makes a socket readable that has nothing to read.
+// One read of one record from a socket that has been reported readable; false for anything shorter. Does not wait: an
+// urgent byte makes a socket readable that has nothing to read. Descriptors that come with the record are discarded.
 bool read_directive(int sockfd, directive* record);
 
 // Sends `fd` in a message of its own. True when it went out.
 bool send_descriptor(int sockfd, int fd);
+// The byte of such a message without a descriptor: the receiver of the record before it waits for one.
+void send_no_descriptor(int sockfd);
 
-// Receives one descriptor-passing message and returns its first descriptor, now the caller's; -1 when the
-// message is short, truncated or carries none, or has not come by `deadline`. Whatever else it carried is
-// closed.
+// Receives one descriptor-passing message and returns its first descriptor, now the caller's; -1 when the message is
+// short or carries none or more than two, or does not come in time. What else it carried is discarded.
+//
+// From a client: close-on-exec, and waited for until `deadline` only.
 int receive_descriptor(int sockfd, std::chrono::steady_clock::time_point deadline);
+// From the producer: inheritable as all connections are, and waited for until it comes or the producer is gone.
+int receive_connection(int sockfd);

@@ -12,7 +12,7 @@
 //         ks_reply(io);                                                  // done; the client wakes up
 //       }
 //       ks_io_free(io);                                                  // the callback owns io ...
-//       if (extra_fd >= 0) close(extra_fd);                              // ... and the descriptor
+//       ks_discard(extra_fd);                                            // ... and the descriptor
 //     }
 //     ks_start(ks_create("greeter", KS_PTHREAD_MODE, 2, answer));        // returns when somebody calls
 //     ks_stop
@@ -71,8 +71,11 @@ typedef struct ks_io {
 ks_io* ks_io_create(void);
 
 // Closes the connection and the memory file, unmaps, and releases the record. extra_fd stays open: it is the
-// caller's.
+// caller's. Never waits for the other side.
 void ks_io_free(ks_io* io);
+
+// Unmaps and closes the memory file early, for a service that keeps a connection open without answering it.
+void ks_io_drop(ks_io* io);
 
 // Maps the whole memory file as it is now and returns its first byte, or null for an empty or absent file.
 // *size (bytes) is stored when `size` is not null. The pointer is good until the next operation that maps or
@@ -82,6 +85,11 @@ void* ks_io_read(ks_io* io, uint64_t* size);
 
 // Makes the memory file exactly `size` bytes long, creating it if absent, and returns its mapping; null when
 // `size` is 0, and then nothing is mapped. Earlier pointers are void.
+//
+// On the service's side the file is the client's. When it cannot be resized or mapped, the client is hung up on and the
+// record goes on with a file of its own. A hostile client can hold the file's lock: this call, those that append and
+// ks_io_fd then wait until that client is gone. A service that must survive that makes them on a thread which it can
+// leave behind.
 void* ks_io_realloc(ks_io* io, uint64_t size);
 
 // Append to the memory file, creating it if absent. ks_io_write writes once and returns what write(2)
@@ -121,10 +129,12 @@ int ks_io_dup3(ks_io* io, int newfd, int flags);
 FILE* ks_io_fopen(ks_io* io, const char* mode);
 FILE* ks_io_freopen(ks_io* io, const char* mode, FILE* stream);
 
-// Closes a descriptor that came from a client, or that leads to one, without ever waiting for its owner. A plain close
-// can: the last close of a connection that lingers, of a file in user space, or of a socket in whose queue such
-// descriptors lie unread. -1 is ignored. Any thread.
+// Gets rid of a descriptor that a client handed over, without ever waiting for its owner; -1 is ignored. A plain close
+// can wait for as long as the owner likes: for a connection that lingers, for a file in user space. Any thread.
 void ks_discard(int fd);
+// Writes what the file `from` holds to `to`, a client's descriptor, and closes both, all of it beside the caller. When no
+// process can be had for that, nothing is written. Any thread.
+void ks_deliver(int from, int to);
 
 // ---- Services ---------------------------------------------------------------------------------------------
 
@@ -133,8 +143,9 @@ void ks_discard(int fd);
 #define KS_PROCESS_MODE 2u  // workers are child processes; one that dies is replaced
 #define KS_PTHREAD_MODE 4u  // workers are threads
 
-// Called once per request, in a worker. It owns `io` (ks_io_free) and `extra_fd` (-1 or a descriptor to
-// close). `request_name` points into `io`. In KS_PTHREAD_MODE several workers are in it at once; in
+// Called once per request, in a worker. It owns `io` (ks_io_free) and `extra_fd` (-1, or a descriptor to get rid of with
+// ks_discard). Both descriptors are close-on-exec: a program that is to use the client's descriptor gets a copy (dup2).
+// `request_name` points into `io`. In KS_PTHREAD_MODE several workers are in it at once; in
 // KS_PROCESS_MODE it runs with the client's environment.
 typedef void (*ks_exec_fn)(const char* request_name, ks_io* io, int extra_fd);
 
@@ -181,8 +192,8 @@ void ks_pause(ks_handle* handle);
 void ks_resume(ks_handle* handle);
 
 // Removes the socket file, drops the clients that still wait, and returns when every worker has finished the
-// request it was in. No effect on a service that is not running. Any thread but the service's own; when
-// several call it, one does the work.
+// request it was in. No effect on a service that is not running. Any thread but the service's own workers, which it
+// would wait for: they abort. When several call it, one does the work.
 void ks_stop(ks_handle* handle);
 
 // ks_stop, then waits until ks_start has let go of the handle, and releases it.

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -18,6 +19,8 @@
 #include "service/ks_internal.h"
 
 namespace {
+
+using Clock = std::chrono::steady_clock;
 
 // A shorter time limit counts as this one.
 constexpr std::uint32_t kLeastTimeoutSeconds = 5;
@@ -36,7 +39,7 @@ bool fits(const char* text, std::size_t limit) {
 
 // Leaves the record reusable, with no descriptors open. extra_fd is the caller's and stays open.
 void empty_record(ks_io* io) {
-  close_and_forget(&io->sockfd);
+  ks_hang_up(&io->sockfd);
   ks_io_drop_shm(io);
   io->extra_fd = -1;
 }
@@ -68,12 +71,17 @@ void send_request(ks_io* io) {
   if (with_extra) send_descriptor(io->sockfd, io->extra_fd);
 }
 
-// Waits for one event; null when there was none. An interrupted wait starts again.
-ks_io* wait_for_event(ks_epoll* epoll, std::uint32_t timeout_ms, std::uint32_t* events) {
-  const int timeout = static_cast<int>(std::min<std::uint32_t>(timeout_ms, INT_MAX));
+int milliseconds_until(Clock::time_point deadline) {
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+  return static_cast<int>(std::clamp<std::int64_t>(left, 0, INT_MAX));
+}
+
+// Waits for one event until the deadline; null when there was none.
+ks_io* wait_for_event(ks_epoll* epoll, Clock::time_point deadline, std::uint32_t* events) {
   epoll_event event{};
   int ready;
-  while ((ready = epoll_wait(epoll->fd, &event, 1, timeout)) < 0 && errno == EINTR) errno = 0;
+  while ((ready = epoll_wait(epoll->fd, &event, 1, milliseconds_until(deadline))) < 0 && errno == EINTR)
+    errno = 0;
   if (ready < 1) return nullptr;
   *events = event.events;
   return static_cast<ks_io*>(event.data.ptr);
@@ -147,10 +155,11 @@ int ks_epoll_call(ks_epoll* epoll, const char* name, const char* request_name, k
 
 ks_io* ks_epoll_perform(ks_epoll* epoll, uint32_t timeout_ms, int* status) {
   VERIFY_EPOLL(epoll, "ks_epoll_perform", "cannot perform incorrect ks_epoll %p");
+  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   ks_io* skipped = nullptr;
   while (true) {
     std::uint32_t events = 0;
-    ks_io* io = wait_for_event(epoll, timeout_ms, &events);
+    ks_io* io = wait_for_event(epoll, deadline, &events);
     if (io == nullptr) {
       if (skipped != nullptr) return tear_down(epoll, skipped, KS_STATUS_OK, status);
       store(status, KS_STATUS_TIMEOUT);
@@ -188,7 +197,7 @@ void ks_epoll_cancel(ks_epoll* epoll, ks_io* io) {
   }
   if (io->sockfd == -1) return;
   epoll_ctl(epoll->fd, EPOLL_CTL_DEL, io->sockfd, nullptr);
-  shutdown_and_forget(&io->sockfd);
+  ks_hang_up(&io->sockfd);
 }
 
 void ks_epoll_free(ks_epoll* epoll) {
@@ -236,14 +245,4 @@ int ks_ez_call(const char* name, const char* request_name, const void* data, uin
   }
   ks_io_free(io);
   return status;
-}
-
-int ks_reply(ks_io* io) {
-  if (!ks_has_magic(io, KS_IO_MAGIC)) {
-    ks_abort("ks_reply", kIoCondition, "cannot response incorrect ks_io %p", static_cast<void*>(io));
-  }
-  static const directive kDone = make_directive(KS_DIR_DONE);
-  send_directive(io->sockfd, kDone);
-  shutdown(io->sockfd, SHUT_RDWR);
-  return 0;
 }

@@ -132,7 +132,6 @@ void ks_producer_worker_init(ks_handle* handle, ks_worker* producer) {
              "(producer_worker->pollfd = epoll_create(1)) >= 0 && set_fd_cloexec(producer_worker->pollfd)",
              "producer-worker create epoll fail");
   }
-  producer->spare_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
   producer->queue = {
       .type = LISTEN_SOCK, .sockfd = producer->sockfd[1], .next = &producer->queue, .prev = &producer->queue};
   if (listen(producer->queue.sockfd, SOMAXCONN) != 0) {
@@ -162,7 +161,7 @@ void start_consumer(ks_handle* handle, ks_worker* worker, std::uint64_t index) {
   worker->sockfd[1] = -1;
   worker->transfer_fd = -1;
   worker->client_fd = -1;
-  worker->spare_fd = -1;
+  worker->handle = handle;
   ks_consumer_worker_init(handle, worker);
 }
 
@@ -207,7 +206,14 @@ void end_consumer(ks_worker* worker) {
   close_and_forget(&worker->sockfd[0]);
   close_and_forget(&worker->sockfd[1]);
   close_and_forget(&worker->pollfd);
-  close_and_forget(&worker->transfer_fd);
+  ks_hang_up(&worker->transfer_fd);
+}
+
+// Hangs up on the clients that have not been accepted yet. Closing the listening socket would drop them, too, but wait for
+// the owners of what they have sent already.
+void drain_backlog(int listening) {
+  int client;
+  while ((client = accept(listening, nullptr, nullptr)) >= 0) ks_hang_up(&client);
 }
 
 // Ends every worker. Called by exactly one thread per run of the service: the one that has set `stopping`.
@@ -222,9 +228,9 @@ void stop_workers(ks_handle* handle, ks_worker* workers) {
     set_phase(producer, kWorkersStopped);
     pthread_join(producer->id.tid, nullptr);
   }
+  drain_backlog(producer->sockfd[1]);
   close_and_forget(&producer->sockfd[1]);
   close_and_forget(&producer->pollfd);
-  close_and_forget(&producer->spare_fd);
 }
 
 void run_producer(ks_handle* handle, ks_worker* workers) {
@@ -329,6 +335,9 @@ void ks_resume(ks_handle* handle) {
 
 void ks_stop(ks_handle* handle) {
   verify(handle, "ks_stop", "stop");
+  if (ks_is_consumer_of(handle)) {
+    ks_abort("ks_stop", "!ks_is_consumer_of(service_handle)", "a worker cannot stop its own service");
+  }
   ks_worker* workers = worker_of(handle).load();
   if (workers == nullptr) return;
   if (stopping_of(handle).exchange(1) != 0) {

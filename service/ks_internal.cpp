@@ -48,8 +48,7 @@ bool set_fd_cloexec(int fd) {
 }
 
 void unique_fd::reset(int fd) {
-  if (fd_ >= 0) close(fd_);
-  fd_ = fd;
+  ks_discard(std::exchange(fd_, fd));
 }
 
 int ks_nonzero(int fd) {
@@ -59,18 +58,9 @@ int ks_nonzero(int fd) {
   return other;
 }
 
-void ks_discard(int fd) {
-  if (fd >= 0) close(fd);
-}
-
 void close_and_forget(int* fd) {
   if (*fd >= 0) close(*fd);
   *fd = -1;
-}
-
-void shutdown_and_forget(int* fd) {
-  if (*fd >= 0) shutdown(*fd, SHUT_RDWR);
-  close_and_forget(fd);
 }
 
 void ks_copy_text(char* buffer, std::size_t size, const char* text) {

@@ -36,7 +36,7 @@ bool ks_has_magic(const void* record, std::uint32_t magic);
 // descriptor inheritable: programs that the process starts see the framework's sockets, and always have.
 bool set_fd_cloexec(int fd);
 
-// Owner of a descriptor until somebody else takes it over.
+// Owner of a descriptor that a client handed over, until it is released; discards it.
 class unique_fd {
  public:
   explicit unique_fd(int fd = -1) : fd_(fd) {}
@@ -60,10 +60,14 @@ class unique_fd {
 // which then is closed.
 int ks_nonzero(int fd);
 
-// close(*fd) unless it is -1, and *fd = -1.
+// close(*fd) unless it is -1, and *fd = -1. For descriptors of our own.
 void close_and_forget(int* fd);
-// The same after shutdown(SHUT_RDWR): the conversation ends even if another process holds a copy.
-void shutdown_and_forget(int* fd);
+
+// Closes a connection to a client without waiting for what lies unread in it. Nothing more can be received on any copy.
+void ks_close_connection(int fd);
+// The same, and *fd = -1, after shutting it down: the conversation ends even if another process holds a copy. No effect
+// on -1.
+void ks_hang_up(int* fd);
 
 // ---- Names ------------------------------------------------------------------------------------------------
 
@@ -83,10 +87,17 @@ sockaddr_un ks_socket_address(const char* path);
 
 // ---- Requests ---------------------------------------------------------------------------------------------
 
-// Seeks the memory file to its end and maps all of it (nothing for an empty file). False when it cannot be
-// mapped; then nothing is.
-bool ks_io_try_sync(ks_io* io);
-// The same, but a failed map aborts. No effect without a memory file.
+// Makes the record of a request that a client has sent, and takes its connection and memory file over. Null when this
+// is no file that can serve, or cannot be mapped, or memory is short; both stay the caller's then.
+//
+// A file that can serve is one of memfd_create, open for reading and writing, and not sealed against shrinking, growing
+// or writing. It stays its client's all the same: resizing, seeking or writing it can fail for the client's reasons, or
+// wait while the client holds its lock. A failure ends that client's connection, and the record goes on with a file of
+// its own that nobody else sees.
+ks_io* ks_io_accept(int memfd, int sockfd);
+
+// Seeks the memory file to its end and maps all of it (nothing for an empty file). A failed map aborts. No effect
+// without a memory file.
 void ks_io_sync(ks_io* io);
 // The same for a reply, which is as long as the service says: false when it cannot be mapped and is longer than this
 // machine's memory. Nobody can have written that; where it is shorter, it is this process that lacks something.
@@ -136,10 +147,9 @@ struct ks_worker {
 
   // Bookkeeping for stopping and restarting without a leak.
   std::int32_t transfer_fd;  // consumer: the client handed over and not yet echoed, -1 when none
-  std::int32_t
-      client_fd;  // consumer: the client that has been asked and whose request is awaited, -1 when none
-  std::int32_t spare_fd;  // producer: given up for a moment when descriptors run out, so as to answer busy
-  std::uint32_t phase;    // producer: ks_producer_phase. Touched atomically
+  std::int32_t client_fd;    // consumer: the client that has been asked for its request, -1 when none
+  const ks_handle* handle;   // consumer: the service it works for
+  std::uint32_t phase;       // producer: ks_producer_phase. Touched atomically
 };
 
 // How far the end of a service has got. The producer's thread and the stopping thread wait for one another
@@ -156,6 +166,8 @@ enum ks_producer_phase : std::uint32_t {
 void ks_consumer_worker_init(ks_handle* handle, ks_worker* worker);
 // The consumer's loop. Closes the consumer's end of the control socket; the other end is the producer's.
 void ks_consumer_worker(ks_worker* worker);
+// Whether the calling thread is a consumer of this service.
+bool ks_is_consumer_of(const ks_handle* handle);
 // The producer's loop; `workers` is the whole array. Leaves an empty client queue.
 void ks_producer_worker(ks_handle* handle, ks_worker* workers);
 

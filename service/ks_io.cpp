@@ -1,10 +1,15 @@
-// The request record. Request and reply live in one memory file; the record holds its descriptor, at most one
-// mapping of all of it, and the connection to the other side. Every operation that resizes or maps leaves the
-// file's offset at its end, which is what makes writes append.
+// The request record. Request and reply live in one memory file; the record holds its descriptor, at most one mapping
+// of all of it, and the connection to the other side. Every operation that resizes or maps leaves the file's offset at
+// its end, which is what makes writes append.
+//
+// On the service's side the file is the client's. What the framework's own threads do with it neither waits nor fails:
+// they look at its flags, seals and status, and map it. Moving its offset can wait for the client, who shares it. It is
+// therefore put off until an operation of the callback needs it (seek_due).
 
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -27,6 +32,18 @@ constexpr char kMemoryFileName[] = "kservice";
     }                                                              \
   } while (false)
 
+// A record as it is allocated: what callers see, and what they do not.
+struct Record {
+  ks_io io;
+  bool clients;   // the memory file is a client's: see ks_io_accept
+  bool shut;      // the connection has been shut down
+  bool seek_due;  // the offset has yet to be moved to the end
+};
+
+Record* record_of(ks_io* io) {
+  return reinterpret_cast<Record*>(io);
+}
+
 void unmap(ks_io* io) {
   if (io->shared_data != nullptr) munmap(io->shared_data, io->shared_size);
   io->shared_data = nullptr;
@@ -42,16 +59,80 @@ bool map(ks_io* io, std::uint64_t size) {
   return true;
 }
 
-// Seeks the file to its end and maps all of it; *size is what that was.
-bool sync(ks_io* io, std::uint64_t* size) {
+void seek_to_end(ks_io* io) {
   lseek(io->memfd, 0, SEEK_END);
+  record_of(io)->seek_due = false;
+}
+
+// Maps all of the file; *size is how long that is.
+bool sync(ks_io* io, std::uint64_t* size) {
+  record_of(io)->seek_due = true;
+  if (!record_of(io)->clients) seek_to_end(io);
   *size = ks_io_size(io);
   unmap(io);
   return *size == 0 || map(io, *size);
 }
 
+// A client's file has failed, which costs that client its connection. The callback goes on with an empty file that
+// nobody else sees. False when the file is our own.
+bool replace_clients_file(ks_io* io) {
+  Record* const record = record_of(io);
+  if (!record->clients) return false;
+  shutdown(io->sockfd, SHUT_RDWR);
+  record->shut = true;
+  record->clients = false;
+  record->seek_due = false;
+  ks_io_drop_shm(io);
+  ks_io_shm(io);
+  return true;
+}
+
+// Files of memfd_create lie on a device that nothing else lies on.
+dev_t memory_device() {
+  static const dev_t device = [] {
+    struct stat status {};
+    ks_io* own = ks_io_create();
+    fstat(ks_io_fd(own), &status);
+    ks_io_free(own);
+    return status.st_dev;
+  }();
+  return device;
+}
+
+// Whether requests can be served from this file; *size is its length. Asks for the seals before the status: only what
+// lies in memory has seals, and other files can make whoever asks about them wait.
+bool can_serve(int memfd, std::uint64_t* size) {
+  constexpr int kForbidding = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_FUTURE_WRITE;
+  const int flags = fcntl(memfd, F_GETFL);
+  if (flags == -1 || (flags & O_ACCMODE) != O_RDWR) return false;
+  const int seals = fcntl(memfd, F_GET_SEALS);
+  if (seals == -1 || (seals & kForbidding) != 0) return false;
+  struct stat status {};
+  if (fstat(memfd, &status) != 0 || !S_ISREG(status.st_mode) || status.st_dev != memory_device())
+    return false;
+  *size = static_cast<std::uint64_t>(status.st_size);
+  return true;
+}
+
 [[noreturn]] void abort_unmapped() {
   ks_abort("ks_io_sync", "io->shared_data != MAP_FAILED", "create memory map fail");
+}
+
+ks_io* make_record() {
+  auto* record = static_cast<Record*>(std::calloc(1, sizeof(Record)));
+  if (record == nullptr) return nullptr;
+  record->io.magic = KS_IO_MAGIC;
+  record->io.memfd = -1;
+  record->io.sockfd = -1;
+  record->io.extra_fd = -1;
+  return &record->io;
+}
+
+// The memory file with its offset at the end, created if absent.
+int file_at_end(ks_io* io) {
+  ks_io_shm(io);
+  if (record_of(io)->seek_due) seek_to_end(io);
+  return io->memfd;
 }
 
 // The path under which the memory file can be opened once more.
@@ -75,13 +156,9 @@ void ks_io_drop_shm(ks_io* io) {
   close_and_forget(&io->memfd);
 }
 
-bool ks_io_try_sync(ks_io* io) {
-  std::uint64_t size;
-  return sync(io, &size);
-}
-
 void ks_io_sync(ks_io* io) {
-  if (io->memfd >= 0 && !ks_io_try_sync(io)) abort_unmapped();
+  std::uint64_t size;
+  if (io->memfd >= 0 && !sync(io, &size) && !replace_clients_file(io)) abort_unmapped();
 }
 
 bool ks_io_sync_reply(ks_io* io) {
@@ -93,22 +170,43 @@ bool ks_io_sync_reply(ks_io* io) {
   abort_unmapped();
 }
 
+ks_io* ks_io_accept(int memfd, int sockfd) {
+  std::uint64_t size;
+  if (!can_serve(memfd, &size)) return nullptr;
+  ks_io* io = make_record();
+  if (io == nullptr) return nullptr;
+  io->memfd = memfd;
+  record_of(io)->clients = true;
+  record_of(io)->seek_due = true;
+  if (size != 0 && !map(io, size)) {
+    std::free(io);
+    return nullptr;
+  }
+  io->sockfd = sockfd;
+  return io;
+}
+
 ks_io* ks_io_create(void) {
-  auto* io = static_cast<ks_io*>(std::calloc(1, sizeof(ks_io)));
+  ks_io* io = make_record();
   if (io == nullptr) ks_abort("ks_io_create", "io", "alloc ks_io memory fail");
-  io->magic = KS_IO_MAGIC;
-  io->memfd = -1;
-  io->sockfd = -1;
-  io->extra_fd = -1;
   return io;
 }
 
 void ks_io_free(ks_io* io) {
   VERIFY_IO(io, "ks_io_free", "cannot free incorrect ks_io %p");
-  close_and_forget(&io->sockfd);
+  if (record_of(io)->shut) {
+    ks_hang_up(&io->sockfd);
+  } else {
+    ks_close_connection(io->sockfd);
+  }
   ks_io_drop_shm(io);
   io->magic = 0;  // a second release is caught instead of closing somebody else's descriptors
   std::free(io);
+}
+
+void ks_io_drop(ks_io* io) {
+  VERIFY_IO(io, "ks_io_drop", "cannot drop incorrect ks_io %p");
+  ks_io_drop_shm(io);
 }
 
 void* ks_io_read(ks_io* io, uint64_t* size) {
@@ -123,11 +221,13 @@ void* ks_io_realloc(ks_io* io, uint64_t size) {
   ks_io_shm(io);
   unmap(io);
   if (ftruncate(io->memfd, static_cast<off_t>(size)) != 0) {
+    if (replace_clients_file(io)) return ks_io_realloc(io, size);
     ks_abort("ks_io_realloc", "ftruncate(io->memfd, size) == 0", "ftruncate memory file fail");
   }
-  lseek(io->memfd, 0, SEEK_END);
+  seek_to_end(io);
   if (size == 0) return nullptr;
   if (!map(io, size)) {
+    if (replace_clients_file(io)) return ks_io_realloc(io, size);
     ks_abort("ks_io_realloc", "io->shared_data != MAP_FAILED", "create memory map fail");
   }
   return io->shared_data;
@@ -135,23 +235,20 @@ void* ks_io_realloc(ks_io* io, uint64_t size) {
 
 int64_t ks_io_write(ks_io* io, const void* buf, uint64_t len) {
   VERIFY_IO(io, "ks_io_write", "cannot read incorrect ks_io %p");
-  ks_io_shm(io);
-  return write(io->memfd, buf, len);
+  return write(file_at_end(io), buf, len);
 }
 
 void ks_io_printf(ks_io* io, const char* fmt, ...) {
   VERIFY_IO(io, "ks_io_printf", "cannot printf incorrect ks_io %p");
-  ks_io_shm(io);
   va_list args;
   va_start(args, fmt);
-  vdprintf(io->memfd, fmt, args);
+  vdprintf(file_at_end(io), fmt, args);
   va_end(args);
 }
 
 int64_t ks_io_splice(ks_io* io, int32_t fdin, uint64_t len) {
   VERIFY_IO(io, "ks_io_splice", "cannot read incorrect ks_io %p");
-  ks_io_shm(io);
-  return splice(fdin, nullptr, io->memfd, nullptr, len, SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+  return splice(fdin, nullptr, file_at_end(io), nullptr, len, SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
 }
 
 int32_t ks_io_fwrite(const void* data, uint64_t size, ks_io* io) {
@@ -185,7 +282,9 @@ bool ks_io_alive(ks_io* io) {
   if (io->sockfd < 0) return false;
   // poll, not select: a busy daemon has descriptor numbers that do not fit a select set.
   pollfd watched{.fd = io->sockfd, .events = POLLIN, .revents = 0};
-  return poll(&watched, 1, 0) == 0;
+  int ready;
+  while ((ready = poll(&watched, 1, 0)) < 0 && errno == EINTR) continue;
+  return ready == 0;
 }
 
 void ks_io_set(ks_io* io, uint64_t value) {
@@ -199,8 +298,7 @@ uint64_t ks_io_get(ks_io* io) {
 }
 
 int ks_io_fd(ks_io* io) {
-  ks_io_shm(io);
-  return io->memfd;
+  return file_at_end(io);
 }
 
 int ks_io_dup(ks_io* io) {
@@ -221,4 +319,13 @@ FILE* ks_io_fopen(ks_io* io, const char* mode) {
 
 FILE* ks_io_freopen(ks_io* io, const char* mode, FILE* stream) {
   return std::freopen(MemoryFilePath(io).text, mode, stream);
+}
+
+int ks_reply(ks_io* io) {
+  VERIFY_IO(io, "ks_reply", "cannot response incorrect ks_io %p");
+  static const directive kDone = make_directive(KS_DIR_DONE);
+  send_directive(io->sockfd, kDone);
+  shutdown(io->sockfd, SHUT_RDWR);
+  record_of(io)->shut = true;
+  return 0;
 }

@@ -1,7 +1,7 @@
 // The producer. One loop owns the listening socket, the producer's ends of the control sockets and the queue
-// of waiting clients; it moves descriptors and 259-byte records and never waits for anybody but its poll set.
+// of waiting clients; it moves descriptors and 259-byte records and waits for nothing but its poll set.
 //
-//   new connection   -> paused, busy (1000 wait already) or to the tail of the queue
+//   new connection   -> paused, busy (1000 wait already, or descriptors run short) or to the tail of the queue
 //   ready consumer   -> the client at the head of the queue is handed over; consumers take turns
 //   lost client      -> out of the queue
 //   dead process     -> found and replaced when a client is to be handed over
@@ -9,12 +9,18 @@
 // Events come in batches. What an event does can make a later one of the same batch stale: a client's entry
 // is therefore released only after the batch, its socket number 0 until then, and a worker's socket, which
 // may have been replaced, is read without waiting.
+//
+// Clients that wait hold descriptors of the whole process. They are kept at numbers that no fixed-size set of a library
+// knows, and out of a reserve at the top of the table: workers, and whatever else the process does, go on when the queue
+// is full. Should a connection find no descriptor at all, listening pauses for a moment: the loop would spin otherwise.
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -27,6 +33,12 @@ namespace {
 constexpr int kBatchSize = 64;
 // With more than this many clients waiting, the next one is told that the service is busy.
 constexpr std::uint16_t kMostWaiting = 999;
+// Waiting clients live at this number and above where the limit allows: select knows the numbers below.
+constexpr int kFirstWaitingFd = 1024;
+// The reserve: this part of the limit on descriptors, but no more than kMostReserved.
+constexpr rlim_t kReservedPart = 4;
+constexpr rlim_t kMostReserved = 1024;
+constexpr int kListenPauseMs = 100;
 
 void append(ks_queue* head, ks_queue* entry) {
   entry->next = head;
@@ -47,6 +59,7 @@ struct Producer {
   std::uint16_t waiting;  // clients in the queue; wraps
   std::uint64_t cursor;   // the consumer to look at first
   ks_queue released;      // entries of this batch that are no longer in use
+  bool deaf;              // listening pauses
 };
 
 // Takes a client out of the queue and the poll set. Its socket is then the caller's; its entry stays readable
@@ -63,7 +76,7 @@ int detach_client(Producer& p, ks_queue* client) {
 
 void drop_client(Producer& p, ks_queue* client) {
   int sockfd = detach_client(p, client);
-  shutdown_and_forget(&sockfd);
+  ks_hang_up(&sockfd);
 }
 
 void free_entries(ks_queue* head) {
@@ -121,7 +134,7 @@ ks_queue* dispatch(Producer& p) {
   directive transfer = make_directive(KS_DIR_TRANSFER);
   std::memcpy(transfer.data, &client->sockfd, sizeof(client->sockfd));
   send_directive(worker->sockfd[1], transfer);
-  send_descriptor(worker->sockfd[1], client->sockfd);
+  if (!send_descriptor(worker->sockfd[1], client->sockfd)) send_no_descriptor(worker->sockfd[1]);
   std::atomic_ref(worker->ready).store(0);
   worker->transfer_fd = detach_client(p, client);
   return client;
@@ -129,39 +142,59 @@ ks_queue* dispatch(Producer& p) {
 
 void turn_away(int client, ks_directive_type why) {
   send_directive(client, why);
-  shutdown_and_forget(&client);
+  ks_hang_up(&client);
 }
 
-// Out of descriptors: the waiting connection would wake the loop for ever. The spare one is given up to let
-// it in and say busy.
-void turn_away_on_spare(Producer& p) {
-  close_and_forget(&p.self->spare_fd);
-  const int client = accept(p.self->queue.sockfd, nullptr, nullptr);
-  if (client >= 0) turn_away(client, KS_DIR_BUSY);
-  p.self->spare_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+// The number under which a client waits; -1, and the client is told, when only the reserve is left.
+int place_to_wait(int client) {
+  const int high = fcntl(client, F_DUPFD, kFirstWaitingFd);
+  if (high >= 0) close(std::exchange(client, high));
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const rlim_t reserved = std::min(limit.rlim_cur / kReservedPart, kMostReserved);
+  if (static_cast<rlim_t>(client) < limit.rlim_cur - reserved) return client;
+  turn_away(client, KS_DIR_BUSY);
+  return -1;
 }
 
 void queue_client(Producer& p, int client) {
   auto* entry = static_cast<ks_queue*>(std::malloc(sizeof(ks_queue)));
-  if (entry == nullptr) return shutdown_and_forget(&client);
+  if (entry == nullptr) return ks_hang_up(&client);
   entry->type = CLIENT_SOCK;
   entry->sockfd = client;
   append(&p.self->queue, entry);
   ++p.waiting;
-  // Watched only when it has to wait: most clients are handed over at once.
+  // Placed and watched only when it has to wait: most clients are handed over at once.
   if (dispatch(p) == entry) return;
-  if (!ks_poll_add(p.self->pollfd, client, kWatchLoss, {.ptr = entry})) drop_client(p, entry);
+  client = place_to_wait(client);
+  entry->sockfd = client;
+  if (client < 0 || !ks_poll_add(p.self->pollfd, client, kWatchLoss, {.ptr = entry})) drop_client(p, entry);
+}
+
+void listen_again(Producer& p, bool on) {
+  p.deaf = !on;
+  epoll_event event{.events = on ? kWatchEvents : 0, .data = {.ptr = &p.self->queue}};
+  epoll_ctl(p.self->pollfd, EPOLL_CTL_MOD, p.self->queue.sockfd, &event);
 }
 
 void accept_client(Producer& p) {
   const int client = ks_nonzero(accept(p.self->queue.sockfd, nullptr, nullptr));
   if (client < 0) {
-    if (errno == EMFILE || errno == ENFILE) turn_away_on_spare(p);
+    const bool short_of = errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS;
+    if (short_of) listen_again(p, false);
     return;
   }
   if (std::atomic_ref(p.handle->paused).load() != 0) return turn_away(client, KS_DIR_PAUSED);
   if (p.waiting > kMostWaiting) return turn_away(client, KS_DIR_BUSY);
   queue_client(p, client);
+}
+
+// Whether a consumer process has ended, without taking note of it: find_ready does that.
+bool has_ended(const ks_worker* worker) {
+  siginfo_t info{};
+  return (worker->type & KS_PROCESS_MODE) != 0 &&
+         (waitid(P_PID, static_cast<id_t>(worker->id.pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+          info.si_pid != 0);
 }
 
 void finish_transfer(ks_worker* worker, const directive& echo) {
@@ -172,7 +205,10 @@ void finish_transfer(ks_worker* worker, const directive& echo) {
              "producer-worker transfer client sockfd fail");
   }
   // Only the number handed over is ours to close, whatever a consumer process may claim.
-  if (sockfd == worker->transfer_fd) close_and_forget(&worker->transfer_fd);
+  if (sockfd != worker->transfer_fd) return;
+  if (has_ended(worker)) return ks_hang_up(&worker->transfer_fd);
+  // The consumer has the other copy, or has closed it with nothing unread: this close does not wait.
+  close_and_forget(&worker->transfer_fd);
 }
 
 void serve_worker(Producer& p, ks_queue* entry) {
@@ -217,8 +253,7 @@ void serve_event(Producer& p, ks_queue* entry, std::uint32_t events) {
 
 void drop_waiting_clients(Producer& p) {
   ks_queue* head = &p.self->queue;
-  for (ks_queue* client = head->next; client != head; client = client->next)
-    close_and_forget(&client->sockfd);
+  for (ks_queue* client = head->next; client != head; client = client->next) ks_hang_up(&client->sockfd);
   free_entries(head);
 }
 
@@ -230,17 +265,19 @@ void ks_producer_worker(ks_handle* handle, ks_worker* workers) {
              .self = &workers[handle->service_size],
              .waiting = 0,
              .cursor = 0,
-             .released = {}};
+             .released = {},
+             .deaf = false};
   p.released.next = p.released.prev = &p.released;
   while (p.self->pollfd >= 0) {
     epoll_event events[kBatchSize];
-    const int count = epoll_wait(p.self->pollfd, events, kBatchSize, -1);
+    const int count = epoll_wait(p.self->pollfd, events, kBatchSize, p.deaf ? kListenPauseMs : -1);
     if (std::atomic_ref(handle->stopping).load() != 0) break;
     if (count < 0 && errno == EINTR) {
       errno = 0;
       continue;
     }
-    if (count < 1) break;
+    if (count < 0 || (count == 0 && !p.deaf)) break;
+    if (p.deaf) listen_again(p, true);
     for (int i = 0; i < count && p.self->pollfd >= 0; ++i) {
       serve_event(p, static_cast<ks_queue*>(events[i].data.ptr), events[i].events);
     }

@@ -9,19 +9,17 @@
 // belong to the exec callback. A consumer process holds nothing but descriptors 0 to 3, 3 being its control
 // socket.
 //
-// Everything a client sends is a stranger's word: it may be short, of any type, without descriptors, or with
-// a memory file that cannot serve. Each of these costs that client its connection, and nothing waits for it
-// longer than kHandoverTimeout.
+// Client input is untrusted: records may be short or of any type, descriptors missing or of any kind. Each of these
+// costs that client its connection. A client has kAnswerTimeout to answer, and its descriptors kHandoverTimeout to
+// follow. Ready is reported when the worker is rid of the client, and getting rid of it never waits (discard.cpp).
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <linux/magic.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/vfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -33,12 +31,18 @@
 
 namespace {
 
-// How long the descriptors that belong to a record already read may take. A conforming sender sends all at
-// once.
+using Clock = std::chrono::steady_clock;
+
+// A client that has been asked and is silent holds the worker; a conforming one answers at once.
+constexpr std::chrono::seconds kAnswerTimeout{60};
+// The descriptors that belong to a request already read; a conforming client sends all at once.
 constexpr std::chrono::seconds kHandoverTimeout{5};
 
 // The number under which a consumer process keeps its control socket.
 constexpr int kChildControlFd = 3;
+
+// The service that this thread works for.
+thread_local const ks_handle* serving = nullptr;
 
 void report_ready(ks_worker* worker) {
   directive ready = make_directive(KS_DIR_READY);
@@ -52,31 +56,7 @@ void leave_loop(ks_worker* worker) {
 
 void drop_client(ks_worker* worker) {
   epoll_ctl(worker->pollfd, EPOLL_CTL_DEL, worker->client_fd, nullptr);
-  shutdown_and_forget(&worker->client_fd);
-  report_ready(worker);
-}
-
-// Whether requests can be served from this file without it failing under our hands: a regular file in shared
-// memory, open for reading and writing, which nobody forbids us to shrink, grow or write, now or later.
-bool can_serve(int memfd) {
-  const int flags = fcntl(memfd, F_GETFL);
-  if (flags == -1 || (flags & O_ACCMODE) != O_RDWR) return false;
-  // Asked first: only what lies in memory has seals. Another file system may be its user's own, and let whoever asks
-  // about a file wait for ever.
-  int seals = fcntl(memfd, F_GET_SEALS);
-  if (seals == -1) return false;
-  struct stat status {};
-  struct statfs system {};
-  if (fstat(memfd, &status) != 0 || !S_ISREG(status.st_mode)) return false;
-  if (fstatfs(memfd, &system) != 0 || system.f_type != TMPFS_MAGIC) return false;
-  // Sealed against further seals, as a memory file is unless its maker asked otherwise: what is read here
-  // stays true.
-  if ((seals & F_SEAL_SEAL) == 0) {
-    fcntl(memfd, F_ADD_SEALS, F_SEAL_SEAL);
-    seals = fcntl(memfd, F_GET_SEALS);
-  }
-  constexpr int kForbidding = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_FUTURE_WRITE;
-  return seals != -1 && (seals & F_SEAL_SEAL) != 0 && (seals & kForbidding) == 0;
+  ks_hang_up(&worker->client_fd);
 }
 
 // Takes over the environment of the client, as far as its first newline: each name up to an equals sign, each
@@ -106,75 +86,72 @@ void take_over_environment(pid_t peer) {
   std::free(text);
 }
 
-// The request record of a client whose descriptors have arrived; takes the memory file and the socket over.
-// Null, and both closed, when the memory file cannot be mapped.
-ks_io* make_request(ks_worker* worker, unique_fd memfd, const directive& record) {
-  ks_io* io = ks_io_create();
-  io->memfd = memfd.release();
-  io->sockfd = std::exchange(worker->client_fd, -1);
+// Receives what belongs to the request record and makes the request. Null when that fails; the client is then dropped.
+ks_io* receive_request(ks_worker* worker, const directive& record, unique_fd* extra) {
+  const auto deadline = Clock::now() + kHandoverTimeout;
+  unique_fd memfd(receive_descriptor(worker->client_fd, deadline));
+  if (!memfd) return nullptr;
+  if ((record.flag & 1) != 0) {
+    extra->reset(receive_descriptor(worker->client_fd, deadline));
+    if (!*extra) return nullptr;
+  }
+  ks_io* io = ks_io_accept(memfd.get(), worker->client_fd);
+  if (io == nullptr) return nullptr;
+  memfd.release();
   ks_copy_text(io->request_name, sizeof(io->request_name), reinterpret_cast<const char*>(record.data));
-  if (!ks_io_try_sync(io)) {
-    shutdown(io->sockfd, SHUT_RDWR);
-    ks_io_free(io);
-    return nullptr;
-  }
-  ucred peer{};
-  socklen_t size = sizeof(peer);
-  if (getsockopt(io->sockfd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0) {
-    io->peer_pid = peer.pid;
-    io->peer_uid = peer.uid;
-    io->peer_gid = peer.gid;
-    if ((worker->type & KS_PROCESS_MODE) != 0) take_over_environment(peer.pid);
-  }
   return io;
 }
 
-void serve_request(ks_worker* worker, const directive& record) {
-  const auto deadline = std::chrono::steady_clock::now() + kHandoverTimeout;
-  unique_fd memfd(receive_descriptor(worker->client_fd, deadline));
-  if (!memfd) return drop_client(worker);
-  unique_fd extra;
-  if ((record.flag & 1) != 0) {
-    extra.reset(receive_descriptor(worker->client_fd, deadline));
-    if (!extra) return drop_client(worker);
-  }
-  if (!can_serve(memfd.get())) return drop_client(worker);
-  epoll_ctl(worker->pollfd, EPOLL_CTL_DEL, worker->client_fd, nullptr);
-  ks_io* io = make_request(worker, std::move(memfd), record);
-  if (io != nullptr) worker->exec(io->request_name, io, extra.release());
-  report_ready(worker);
+void read_credentials(ks_worker* worker, ks_io* io) {
+  ucred peer{};
+  socklen_t size = sizeof(peer);
+  if (getsockopt(io->sockfd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return;
+  io->peer_pid = peer.pid;
+  io->peer_uid = peer.uid;
+  io->peer_gid = peer.gid;
+  if ((worker->type & KS_PROCESS_MODE) != 0) take_over_environment(peer.pid);
 }
 
-// A client comes over the control socket. It is asked for its request and watched; ready is reported only
-// once it is done with or could not be taken.
+void serve_request(ks_worker* worker, const directive& record) {
+  unique_fd extra;
+  ks_io* io = receive_request(worker, record, &extra);
+  if (io == nullptr) {
+    extra.reset();
+    return drop_client(worker);
+  }
+  epoll_ctl(worker->pollfd, EPOLL_CTL_DEL, worker->client_fd, nullptr);
+  worker->client_fd = -1;
+  read_credentials(worker, io);
+  worker->exec(io->request_name, io, extra.release());
+}
+
+// A client comes over the control socket: it is asked for its request and watched.
 void accept_transfer(ks_worker* worker, const directive& record) {
-  const auto deadline = std::chrono::steady_clock::now() + kHandoverTimeout;
-  unique_fd client(receive_descriptor(worker->sockfd[0], deadline));
+  worker->client_fd = receive_connection(worker->sockfd[0]);
   // The echo tells the producer that its copy of the client is no longer needed.
   send_directive(worker->sockfd[0], record);
-  if (!client) return report_ready(worker);
-  if (send_directive(client.get(), KS_DIR_ASK) &&
-      ks_poll_add(worker->pollfd, client.get(), kWatchEvents, {.fd = client.get()})) {
-    worker->client_fd = client.release();
-    return;
+  if (worker->client_fd < 0) return;
+  // An urgent byte is read like any other. Otherwise the kernel drops it, and what came with it, in this thread.
+  const int on = 1;
+  setsockopt(worker->client_fd, SOL_SOCKET, SO_OOBINLINE, &on, sizeof(on));
+  if (!send_directive(worker->client_fd, KS_DIR_ASK) ||
+      !ks_poll_add(worker->pollfd, worker->client_fd, kWatchEvents, {.fd = worker->client_fd})) {
+    ks_hang_up(&worker->client_fd);
   }
-  shutdown(client.get(), SHUT_RDWR);
-  client.reset();
-  report_ready(worker);
 }
 
 void serve_control(ks_worker* worker, std::uint32_t events) {
   directive record;
   if (events == kPeerClosed) return leave_loop(worker);
   if (!read_directive(worker->sockfd[0], &record)) {
-    // Nothing to read and nobody there: the producer is gone in a way that also set an error.
-    if ((events & (EPOLLHUP | EPOLLERR)) != 0) return leave_loop(worker);
-    return report_ready(worker);
+    // Nothing to read and no peer: the producer is gone in a way that also set an error.
+    if ((events & (EPOLLHUP | EPOLLERR)) != 0) leave_loop(worker);
+  } else if (record.type == KS_DIR_TRANSFER) {
+    accept_transfer(worker, record);
+  } else {
+    // Quit, or something that no producer sends: without its control socket a consumer has nothing to do.
+    leave_loop(worker);
   }
-  if (record.type == KS_DIR_TRANSFER) return accept_transfer(worker, record);
-  // Quit, or something that no producer sends: without its control socket a consumer has nothing to do
-  // either.
-  leave_loop(worker);
 }
 
 // Only a request is a client's to send; a hand-over or a quit from this side is a forgery.
@@ -184,6 +161,37 @@ void serve_client(ks_worker* worker, std::uint32_t events) {
     return drop_client(worker);
   }
   serve_request(worker, record);
+}
+
+// How long the consumer may wait for its next event, in milliseconds.
+int time_to_wait(const ks_worker* worker, Clock::time_point asked) {
+  if (worker->client_fd < 0) return -1;
+  const auto left =
+      std::chrono::ceil<std::chrono::milliseconds>(asked + kAnswerTimeout - Clock::now()).count();
+  return static_cast<int>(std::max<std::int64_t>(left, 0));
+}
+
+// Serves the producer, and the client that it hands over, until the service ends.
+void serve(ks_worker* worker) {
+  Clock::time_point asked;
+  while (worker->pollfd >= 0) {
+    epoll_event event{};
+    const int ready = epoll_wait(worker->pollfd, &event, 1, time_to_wait(worker, asked));
+    if (ready < 0 && errno == EINTR) {
+      errno = 0;
+      continue;
+    }
+    if (ready < 0) break;
+    if (ready == 0) {
+      drop_client(worker);
+    } else if (event.data.fd == worker->sockfd[0]) {
+      serve_control(worker, event.events);
+      asked = Clock::now();
+    } else {
+      serve_client(worker, event.events);
+    }
+    if (worker->pollfd >= 0 && worker->client_fd < 0) report_ready(worker);
+  }
 }
 
 // Closes every descriptor above the control socket: what other clients and workers of the parent hold is not
@@ -244,7 +252,7 @@ void ks_consumer_worker_init(ks_handle* handle, ks_worker* worker) {
   if (worker->sockfd[1] >= 0) epoll_ctl(producer->pollfd, EPOLL_CTL_DEL, worker->sockfd[1], nullptr);
   close_and_forget(&worker->sockfd[0]);
   close_and_forget(&worker->sockfd[1]);
-  close_and_forget(&worker->transfer_fd);
+  ks_hang_up(&worker->transfer_fd);
   open_control_pair(worker);
   if ((worker->type & KS_PTHREAD_MODE) != 0) {
     if (!ks_create_thread(&worker->id.tid, consumer_thread, worker)) {
@@ -267,8 +275,13 @@ void ks_consumer_worker_init(ks_handle* handle, ks_worker* worker) {
   }
 }
 
+bool ks_is_consumer_of(const ks_handle* handle) {
+  return serving == handle;
+}
+
 void ks_consumer_worker(ks_worker* worker) {
   constexpr char kOperation[] = "ks_consumer_worker";
+  serving = worker->handle;
   if (worker->init_hook != nullptr) worker->init_hook(worker->init_arg);
   worker->pollfd = epoll_create(1);
   if (worker->pollfd < 0 || !set_fd_cloexec(worker->pollfd)) {
@@ -281,22 +294,9 @@ void ks_consumer_worker(ks_worker* worker) {
              "epoll_ctl(consumer_worker->pollfd, EPOLL_CTL_ADD, consumer_worker->sockfd[0], ev) == 0",
              "consumer-worker epoll add sockfd fail");
   }
-  while (worker->pollfd >= 0) {
-    epoll_event event{};
-    const int ready = epoll_wait(worker->pollfd, &event, 1, -1);
-    if (ready < 0 && errno == EINTR) {
-      errno = 0;
-      continue;
-    }
-    if (ready < 1) break;
-    if (event.data.fd == worker->sockfd[0]) {
-      serve_control(worker, event.events);
-    } else {
-      serve_client(worker, event.events);
-    }
-  }
-  shutdown_and_forget(&worker->client_fd);  // asked, and stopped before it has said anything
-  shutdown_and_forget(&worker->sockfd[0]);
+  serve(worker);
+  ks_hang_up(&worker->client_fd);  // asked, and stopped before it has said anything
+  ks_hang_up(&worker->sockfd[0]);
   close_and_forget(&worker->pollfd);
   if (worker->fini_hook != nullptr) worker->fini_hook(worker->fini_arg);
 }

@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -16,6 +15,7 @@
 #include "common/log.h"
 #include "common/text.h"
 #include "daemon/event_records.h"
+#include "daemon/unique_io.h"
 #include "handlers/service_names.h"
 #include "service/ks.h"
 
@@ -30,10 +30,6 @@ constexpr unsigned kSequenceRange = 1000;
 constexpr int kEventFailLine = 222;
 constexpr int kLogFailLine = 286;
 constexpr int kConnectionFailLine = 321;
-
-struct FreeIo {
-  void operator()(ks_io* io) const { ks_io_free(io); }
-};
 
 // Fields are read by their place in the block, and a text goes on to the next NUL, even into the next field:
 // senders that fill a field to its last byte are read so.
@@ -50,7 +46,7 @@ std::string text_at(const void* message, std::size_t offset) {
 
 // Sends `text` as one request; failures are logged under `label` and `line`.
 void forward(const char* request, const std::string& text, const char* label, int line) {
-  const std::unique_ptr<ks_io, FreeIo> io(ks_io_create());
+  const UniqueIo io(ks_io_create());
   ks_io_fwrite(text.data(), text.size(), io.get());
   if (ks_call(kNotifyServiceName, request, io.get(), kCallSeconds, -1) != KS_STATUS_OK) {
     log_write("[%s][%d] eventlog_handler fail", label, line);

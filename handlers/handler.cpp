@@ -62,7 +62,7 @@ std::string read_request_text(ks_io* io) {
   std::string text;
   char chunk[kReadSize];
   while (text.size() < kMaxRequestText) {
-    const ssize_t got = pread(ks_io_fd(io), chunk, sizeof(chunk), static_cast<off_t>(text.size()));
+    const ssize_t got = pread(io->memfd, chunk, sizeof(chunk), static_cast<off_t>(text.size()));
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) break;
     const auto size = static_cast<std::size_t>(got);
@@ -101,11 +101,20 @@ void handle_object_request(ks_io* io, const char* log_name, Layout layout, const
   conclude(log_name, outcome, layout, reply, io);
 }
 
+std::chrono::steady_clock::duration ReplyClock::elapsed() const {
+  const auto started = started_.load();
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  return started.count() != 0 ? now - started : started;
+}
+
 void reply_json_string(const std::string& text, ks_io* io) {
   if (!ks_io_alive(io)) return;
+  auto* const clock = reinterpret_cast<ReplyClock*>(ks_io_get(io));
+  if (clock != nullptr) clock->start();
   ks_io_realloc(io, 0);
   ks_io_printf(io, "%s", text.c_str());
   ks_reply(io);
+  if (clock != nullptr) clock->stop();
 }
 
 void reply_json(const Json::Value& reply, ks_io* io) {

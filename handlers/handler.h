@@ -27,6 +27,8 @@
 
 #include <json/value.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -66,6 +68,19 @@ using ObjectAction = std::function<Outcome(const Json::Value& request, Json::Val
 // json_parse_builder. For one that is not JSON, the log line has the reader's account. `layout` holds for
 // every reply, the refusal included.
 void handle_object_request(ks_io* io, const char* log_name, Layout layout, const ObjectAction& action);
+
+// Tells the dispatcher how long a handler has been at writing its reply, where a hostile client can hold it up. The
+// request's user word (ks_io_set) points at it, or is 0. Any thread may look.
+class ReplyClock {
+ public:
+  void start() { started_.store(std::chrono::steady_clock::now().time_since_epoch()); }
+  void stop() { started_.store({}); }
+  // Zero while no reply is being written.
+  std::chrono::steady_clock::duration elapsed() const;
+
+ private:
+  std::atomic<std::chrono::steady_clock::duration> started_{};
+};
 
 // The request's body up to its first NUL, and at most its first 4 MiB (kMaxRequestText). Throws
 // std::logic_error when there is no body. Reads through the descriptor: the client can shrink the file under

@@ -253,15 +253,6 @@ bool has_unread(int connection) {
   return ioctl(connection, SIOCINQ, &bytes) != 0 || bytes != 0;
 }
 
-// Nothing can arrive on this connection any more, so that it stays empty if it is found empty.
-void close_shut_down(int fd) {
-  if (has_unread(fd)) {
-    hand_to_closer(fd, &Pending::connections);
-  } else {
-    close(fd);
-  }
-}
-
 }  // namespace
 
 void ks_discard(int fd) {
@@ -280,14 +271,17 @@ void ks_deliver(int from, int to) {
   ks_discard(to);
 }
 
-void ks_close_connection(int fd) {
-  if (fd < 0) return;
-  shutdown(fd, SHUT_RD);
-  close_shut_down(fd);
-}
-
-void ks_hang_up(int* fd) {
+void hang_up_and_forget(int* fd) {
   if (*fd < 0) return;
   shutdown(*fd, SHUT_RDWR);
   close_shut_down(std::exchange(*fd, -1));
+}
+
+// Nothing can arrive on it any more: what is found empty stays empty.
+void close_shut_down(int fd) {
+  if (has_unread(fd)) {
+    hand_to_closer(fd, &Pending::connections);
+  } else {
+    close(fd);
+  }
 }

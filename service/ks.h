@@ -74,6 +74,10 @@ ks_io* ks_io_create(void);
 // caller's. Never waits for the other side.
 void ks_io_free(ks_io* io);
 
+// Ends the conversation without a reply, for every process that holds a copy of the connection. ks_reply does so, too. A
+// record that is freed without either closes this process's copy only.
+void ks_io_hang_up(ks_io* io);
+
 // Unmaps and closes the memory file early, for a service that keeps a connection open without answering it.
 void ks_io_drop(ks_io* io);
 

@@ -39,7 +39,7 @@ bool fits(const char* text, std::size_t limit) {
 
 // Leaves the record reusable, with no descriptors open. extra_fd is the caller's and stays open.
 void empty_record(ks_io* io) {
-  ks_hang_up(&io->sockfd);
+  hang_up_and_forget(&io->sockfd);
   ks_io_drop_shm(io);
   io->extra_fd = -1;
 }
@@ -197,7 +197,7 @@ void ks_epoll_cancel(ks_epoll* epoll, ks_io* io) {
   }
   if (io->sockfd == -1) return;
   epoll_ctl(epoll->fd, EPOLL_CTL_DEL, io->sockfd, nullptr);
-  ks_hang_up(&io->sockfd);
+  hang_up_and_forget(&io->sockfd);
 }
 
 void ks_epoll_free(ks_epoll* epoll) {

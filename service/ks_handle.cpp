@@ -206,14 +206,14 @@ void end_consumer(ks_worker* worker) {
   close_and_forget(&worker->sockfd[0]);
   close_and_forget(&worker->sockfd[1]);
   close_and_forget(&worker->pollfd);
-  ks_hang_up(&worker->transfer_fd);
+  hang_up_and_forget(&worker->transfer_fd);
 }
 
 // Hangs up on the clients that have not been accepted yet. Closing the listening socket would drop them, too, but wait for
 // the owners of what they have sent already.
 void drain_backlog(int listening) {
   int client;
-  while ((client = accept(listening, nullptr, nullptr)) >= 0) ks_hang_up(&client);
+  while ((client = accept(listening, nullptr, nullptr)) >= 0) hang_up_and_forget(&client);
 }
 
 // Ends every worker. Called by exactly one thread per run of the service: the one that has set `stopping`.

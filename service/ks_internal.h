@@ -63,11 +63,11 @@ int ks_nonzero(int fd);
 // close(*fd) unless it is -1, and *fd = -1. For descriptors of our own.
 void close_and_forget(int* fd);
 
-// Closes a connection to a client without waiting for what lies unread in it. Nothing more can be received on any copy.
-void ks_close_connection(int fd);
+// Closes a connection that has been shut down, without waiting for what lies unread in it.
+void close_shut_down(int fd);
 // The same, and *fd = -1, after shutting it down: the conversation ends even if another process holds a copy. No effect
 // on -1.
-void ks_hang_up(int* fd);
+void hang_up_and_forget(int* fd);
 
 // ---- Names ------------------------------------------------------------------------------------------------
 

@@ -78,8 +78,7 @@ bool sync(ks_io* io, std::uint64_t* size) {
 bool replace_clients_file(ks_io* io) {
   Record* const record = record_of(io);
   if (!record->clients) return false;
-  shutdown(io->sockfd, SHUT_RDWR);
-  record->shut = true;
+  ks_io_hang_up(io);
   record->clients = false;
   record->seek_due = false;
   ks_io_drop_shm(io);
@@ -195,13 +194,21 @@ ks_io* ks_io_create(void) {
 void ks_io_free(ks_io* io) {
   VERIFY_IO(io, "ks_io_free", "cannot free incorrect ks_io %p");
   if (record_of(io)->shut) {
-    ks_hang_up(&io->sockfd);
+    close_shut_down(io->sockfd);
   } else {
-    ks_close_connection(io->sockfd);
+    ks_discard(io->sockfd);  // another process may go on with a copy
   }
   ks_io_drop_shm(io);
   io->magic = 0;  // a second release is caught instead of closing somebody else's descriptors
   std::free(io);
+}
+
+void ks_io_hang_up(ks_io* io) {
+  VERIFY_IO(io, "ks_io_hang_up", "cannot hang up incorrect ks_io %p");
+  if (io->sockfd >= 0 && !record_of(io)->shut) {
+    shutdown(io->sockfd, SHUT_RDWR);
+    record_of(io)->shut = true;
+  }
 }
 
 void ks_io_drop(ks_io* io) {
@@ -325,7 +332,6 @@ int ks_reply(ks_io* io) {
   VERIFY_IO(io, "ks_reply", "cannot response incorrect ks_io %p");
   static const directive kDone = make_directive(KS_DIR_DONE);
   send_directive(io->sockfd, kDone);
-  shutdown(io->sockfd, SHUT_RDWR);
-  record_of(io)->shut = true;
+  ks_io_hang_up(io);
   return 0;
 }

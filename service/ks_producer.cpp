@@ -76,7 +76,7 @@ int detach_client(Producer& p, ks_queue* client) {
 
 void drop_client(Producer& p, ks_queue* client) {
   int sockfd = detach_client(p, client);
-  ks_hang_up(&sockfd);
+  hang_up_and_forget(&sockfd);
 }
 
 void free_entries(ks_queue* head) {
@@ -142,7 +142,7 @@ ks_queue* dispatch(Producer& p) {
 
 void turn_away(int client, ks_directive_type why) {
   send_directive(client, why);
-  ks_hang_up(&client);
+  hang_up_and_forget(&client);
 }
 
 // The number under which a client waits; -1, and the client is told, when only the reserve is left.
@@ -159,7 +159,7 @@ int place_to_wait(int client) {
 
 void queue_client(Producer& p, int client) {
   auto* entry = static_cast<ks_queue*>(std::malloc(sizeof(ks_queue)));
-  if (entry == nullptr) return ks_hang_up(&client);
+  if (entry == nullptr) return hang_up_and_forget(&client);
   entry->type = CLIENT_SOCK;
   entry->sockfd = client;
   append(&p.self->queue, entry);
@@ -206,7 +206,7 @@ void finish_transfer(ks_worker* worker, const directive& echo) {
   }
   // Only the number handed over is ours to close, whatever a consumer process may claim.
   if (sockfd != worker->transfer_fd) return;
-  if (has_ended(worker)) return ks_hang_up(&worker->transfer_fd);
+  if (has_ended(worker)) return hang_up_and_forget(&worker->transfer_fd);
   // The consumer has the other copy, or has closed it with nothing unread: this close does not wait.
   close_and_forget(&worker->transfer_fd);
 }
@@ -253,7 +253,8 @@ void serve_event(Producer& p, ks_queue* entry, std::uint32_t events) {
 
 void drop_waiting_clients(Producer& p) {
   ks_queue* head = &p.self->queue;
-  for (ks_queue* client = head->next; client != head; client = client->next) ks_hang_up(&client->sockfd);
+  for (ks_queue* client = head->next; client != head; client = client->next)
+    hang_up_and_forget(&client->sockfd);
   free_entries(head);
 }
 

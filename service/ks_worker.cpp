@@ -56,7 +56,7 @@ void leave_loop(ks_worker* worker) {
 
 void drop_client(ks_worker* worker) {
   epoll_ctl(worker->pollfd, EPOLL_CTL_DEL, worker->client_fd, nullptr);
-  ks_hang_up(&worker->client_fd);
+  hang_up_and_forget(&worker->client_fd);
 }
 
 // Takes over the environment of the client, as far as its first newline: each name up to an equals sign, each
@@ -136,7 +136,7 @@ void accept_transfer(ks_worker* worker, const directive& record) {
   setsockopt(worker->client_fd, SOL_SOCKET, SO_OOBINLINE, &on, sizeof(on));
   if (!send_directive(worker->client_fd, KS_DIR_ASK) ||
       !ks_poll_add(worker->pollfd, worker->client_fd, kWatchEvents, {.fd = worker->client_fd})) {
-    ks_hang_up(&worker->client_fd);
+    hang_up_and_forget(&worker->client_fd);
   }
 }
 
@@ -252,7 +252,7 @@ void ks_consumer_worker_init(ks_handle* handle, ks_worker* worker) {
   if (worker->sockfd[1] >= 0) epoll_ctl(producer->pollfd, EPOLL_CTL_DEL, worker->sockfd[1], nullptr);
   close_and_forget(&worker->sockfd[0]);
   close_and_forget(&worker->sockfd[1]);
-  ks_hang_up(&worker->transfer_fd);
+  hang_up_and_forget(&worker->transfer_fd);
   open_control_pair(worker);
   if ((worker->type & KS_PTHREAD_MODE) != 0) {
     if (!ks_create_thread(&worker->id.tid, consumer_thread, worker)) {
@@ -295,8 +295,8 @@ void ks_consumer_worker(ks_worker* worker) {
              "consumer-worker epoll add sockfd fail");
   }
   serve(worker);
-  ks_hang_up(&worker->client_fd);  // asked, and stopped before it has said anything
-  ks_hang_up(&worker->sockfd[0]);
+  hang_up_and_forget(&worker->client_fd);  // asked, and stopped before it has said anything
+  hang_up_and_forget(&worker->sockfd[0]);
   close_and_forget(&worker->pollfd);
   if (worker->fini_hook != nullptr) worker->fini_hook(worker->fini_arg);
 }

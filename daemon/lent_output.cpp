@@ -1,0 +1,82 @@
+// A client's descriptor may be anything, and writing to it, or closing a number that stands for it, may wait for as long as
+// its owner likes. Only a pipe is therefore made descriptor 1 itself: closing one of two numbers of a pipe never waits.
+// For anything else a file of our own collects what is printed. At the end that file, and what the stream stdout still
+// has in its buffer, is delivered to the client's descriptor beside us (ks_deliver).
+#include "daemon/lent_output.h"
+
+#include <fcntl.h>
+#include <stdio_ext.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdio>
+#include <string>
+#include <string_view>
+
+#include "common/text.h"
+#include "service/ks.h"
+
+namespace {
+
+constexpr char kNullDevice[] = "/dev/null";
+constexpr char kCollectedName[] = "stdout";  // of the memory file, as /proc shows it
+
+// Open for the life of the process, so that standard output always has somewhere to go back to.
+int null_device = -1;
+char stdout_buffer[BUFSIZ];
+
+// By the name that the kernel gives: the owner of a file in user space is not asked.
+bool is_pipe(int fd) {
+  char target[32];
+  const std::string link = format_bounded(sizeof(target), "/proc/self/fd/%d", fd);
+  const ssize_t length = readlink(link.c_str(), target, sizeof(target));
+  return length > 0 && std::string_view(target, static_cast<std::size_t>(length)).starts_with("pipe:");
+}
+
+UniqueFd make_collected() {
+  return UniqueFd(memfd_create(kCollectedName, MFD_CLOEXEC));
+}
+
+// Moves what the stream has not written yet to `*collected`. A thread that holds the stream may be stuck in a write.
+void take_unwritten(UniqueFd* collected) {
+  if (ftrylockfile(stdout) != 0) return;
+  const std::size_t size = __fpending(stdout);
+  if (size > 0) {
+    if (!*collected) *collected = make_collected();
+    [[maybe_unused]] const ssize_t written = write(collected->get(), stdout_buffer, size);
+    __fpurge(stdout);
+  }
+  funlockfile(stdout);
+}
+
+bool holds_any(const UniqueFd& file) {
+  return file && lseek(file.get(), 0, SEEK_END) > 0;
+}
+
+}  // namespace
+
+void prepare_lent_output() {
+  null_device = open(kNullDevice, O_RDWR | O_CLOEXEC);
+  std::fflush(stdout);
+  std::setvbuf(stdout, stdout_buffer, _IOFBF, sizeof(stdout_buffer));
+}
+
+LentOutput::LentOutput(int client_fd) : client_fd_(client_fd) {
+  if (client_fd_ < 0) return;
+  if (is_pipe(client_fd_)) {
+    dup2(client_fd_, STDOUT_FILENO);
+  } else if ((collected_ = make_collected())) {
+    dup2(collected_.get(), STDOUT_FILENO);
+  }
+}
+
+LentOutput::~LentOutput() {
+  take_unwritten(&collected_);
+  dup2(null_device, STDOUT_FILENO);
+  if (client_fd_ >= 0 && holds_any(collected_)) {
+    ks_deliver(collected_.release(), client_fd_);
+  } else {
+    ks_discard(client_fd_);
+  }
+}

@@ -1,0 +1,61 @@
+#include "daemon/parked_requests.h"
+
+#include <pthread.h>
+#include <sys/epoll.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace {
+
+// A client has nothing more to say, so that whatever can be read from it means that it has left.
+constexpr std::uint32_t kLeft = EPOLLIN | EPOLLRDHUP;
+
+}  // namespace
+
+ParkedRequests::ParkedRequests() : pollfd_(epoll_create1(EPOLL_CLOEXEC)) {}
+
+void ParkedRequests::park(UniqueIo io) {
+  ks_io_drop(io.get());
+  UniqueIo given_up;  // released without the lock
+  const std::lock_guard lock(mutex_);
+  if (waiting_.size() == kMost) given_up = take(waiting_.begin()->first);
+  epoll_event left{.events = kLeft, .data = {.u64 = ++last_}};
+  if (is_watched() && epoll_ctl(pollfd_, EPOLL_CTL_ADD, io->sockfd, &left) == 0) {
+    waiting_.emplace(last_, std::move(io));
+  }
+}
+
+// Starts the thread with the first request: most daemons never see an unknown one.
+bool ParkedRequests::is_watched() {
+  pthread_t thread;
+  if (!watched_ && pthread_create(&thread, nullptr, watch, this) == 0) {
+    pthread_detach(thread);
+    watched_ = true;
+  }
+  return watched_;
+}
+
+void* ParkedRequests::watch(void* self) {
+  static_cast<ParkedRequests*>(self)->release_abandoned();
+  return nullptr;
+}
+
+void ParkedRequests::release_abandoned() {
+  epoll_event event{};
+  while (epoll_wait(pollfd_, &event, 1, -1) > 0 || errno == EINTR) {
+    UniqueIo io;  // released without the lock
+    const std::lock_guard lock(mutex_);
+    io = take(event.data.u64);
+  }
+}
+
+// The request of this number, no longer watched; null when it has been given up meanwhile.
+UniqueIo ParkedRequests::take(std::uint64_t number) {
+  const auto found = waiting_.find(number);
+  if (found == waiting_.end()) return nullptr;
+  UniqueIo io = std::move(found->second);
+  waiting_.erase(found);
+  epoll_ctl(pollfd_, EPOLL_CTL_DEL, io->sockfd, nullptr);
+  return io;
+}

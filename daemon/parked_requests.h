@@ -1,0 +1,33 @@
+// Requests that stay unanswered until their clients leave.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+
+#include "daemon/unique_io.h"
+
+// Keeps the connections of requests whose command is unknown, and releases each when its client leaves. Beyond kMost the
+// oldest is hung up on, so that a client cannot use the daemon's descriptors up. Lives until the process ends. Any thread.
+class ParkedRequests {
+ public:
+  // Opens the poll set. Throws std::bad_alloc only.
+  ParkedRequests();
+  // Takes the request over. Its memory file is closed at once. Hangs up where it cannot be kept.
+  void park(UniqueIo io);
+
+ private:
+  static constexpr std::size_t kMost = 256;
+  static void* watch(void* self);
+  void release_abandoned();
+  bool is_watched();
+  UniqueIo take(std::uint64_t number);
+
+  const int pollfd_;
+  std::mutex mutex_;
+  bool watched_ = false;                       // the thread that waits for clients to leave exists
+  std::uint64_t last_ = 0;                     // the number of the latest request
+  std::map<std::uint64_t, UniqueIo> waiting_;  // by number: the oldest first
+};

@@ -9,9 +9,13 @@
 // and nothing else. It closes the pending numbers, one after the other, and ends. When a close waits, only the closer
 // waits. A thread would not do: one that waits in the kernel keeps its process from ending.
 //
+// Waits that a signal can end, a timer ends soon. Only those that it cannot end keep a closer, and only while the owner's
+// process is there to be waited for. kMostClosers are alive at a time; what comes while they all wait stays open until
+// one of them is free.
+//
 // A closer is nobody's child (its parent ends at once), so neither a wait() of the program around us nor SIGCHLD sees
-// it. Only kMostClosers are alive at a time; what comes while they all wait stays open until one of them is free.
-// What closers and process share lies in one page, made by the first discard of a process and left by its children.
+// it. What closers and process share lies in one mapping, made by the first discard of a process; its forks make
+// another, for their numbers are others.
 
 #include <fcntl.h>
 #include <linux/sockios.h>
@@ -21,6 +25,7 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -39,7 +44,8 @@ constexpr int kMostClosers = 64;
 constexpr std::size_t kMostNumbers = 65536;
 constexpr std::size_t kBitsPerWord = 64;
 constexpr std::size_t kStackSize = 16384;
-constexpr char kCloserName[] = "ks-close";  // what ps shows
+constexpr char kCloserName[] = "ks-close";     // what ps shows
+constexpr suseconds_t kLongestWait = 100'000;  // microseconds, for one wait that a signal can end
 
 // A set of descriptor numbers.
 struct Numbers {
@@ -127,8 +133,8 @@ struct Plan {
 
 // ---- The closer ---------------------------------------------------------------------------------------------
 //
-// Bare system calls only. The closer was made while other threads ran, and any of them may have held a lock of the C
-// library or of a sanitizer.
+// Bare system calls, and what is safe in a signal handler. The closer was made while other threads ran, and any of them
+// may have held a lock of the C library or of a sanitizer.
 
 void close_bare(int fd) {
   syscall(SYS_close, fd);
@@ -146,6 +152,7 @@ void deliver(const Delivery& delivery) {
   long got;
   while ((got = syscall(SYS_pread64, delivery.from, bytes, sizeof(bytes), offset)) > 0) {
     const long written = syscall(SYS_write, delivery.to, bytes, got);
+    if (written < 0 && errno == EINTR) continue;
     if (written <= 0) break;
     offset += written;
   }
@@ -176,8 +183,22 @@ void work_off(const Plan& plan) {
   } while (plan.pending->holds_any() && enter(plan.pending));
 }
 
+void end_waits_soon() {
+  struct sigaction nothing {};
+  nothing.sa_handler = [](int) {};
+  sigaction(SIGALRM, &nothing, nullptr);
+  sigset_t alarm;
+  sigemptyset(&alarm);
+  sigaddset(&alarm, SIGALRM);
+  sigprocmask(SIG_UNBLOCK, &alarm, nullptr);
+  const itimerval again{.it_interval = {.tv_sec = 0, .tv_usec = kLongestWait},
+                        .it_value = {.tv_sec = 0, .tv_usec = kLongestWait}};
+  setitimer(ITIMER_REAL, &again, nullptr);
+}
+
 [[noreturn]] void run_closer(const Plan& plan) {
   syscall(SYS_prctl, PR_SET_NAME, kCloserName, 0, 0, 0);
+  end_waits_soon();
   work_off(plan);
   while (true) syscall(SYS_exit_group, 0);
 }

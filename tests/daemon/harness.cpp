@@ -16,8 +16,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Two producers, two and five workers. Workers open their poll sets after the socket accepts already.
-constexpr std::ptrdiff_t kPollSets = 9;
+// Two producers, two and five workers, parked requests. Workers open their poll sets after the socket accepts already.
+constexpr std::ptrdiff_t kPollSets = 10;
 
 }  // namespace
 

@@ -19,6 +19,10 @@ class Fd {
  public:
   explicit Fd(int fd) : fd_(fd) {}
   Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  Fd& operator=(Fd&& other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+  }
   ~Fd() { reset(); }
   operator int() const { return fd_; }
   void reset() { close(std::exchange(fd_, -1)); }

@@ -43,11 +43,10 @@ Peer& Peer::record(int type, int flag, std::string_view data) {
   return bytes(record);
 }
 
-Peer& Peer::fds(const std::vector<int>& fds) {
+Peer& Peer::message(std::string_view bytes, const std::vector<int>& fds, int flags) {
   const std::size_t size = fds.size() * sizeof(int);
   alignas(cmsghdr) char control[256] = {};
-  char byte = 'x';
-  iovec payload{.iov_base = &byte, .iov_len = 1};
+  iovec payload{.iov_base = const_cast<char*>(bytes.data()), .iov_len = bytes.size()};
   msghdr message{};
   message.msg_iov = &payload;
   message.msg_iovlen = 1;
@@ -55,7 +54,7 @@ Peer& Peer::fds(const std::vector<int>& fds) {
   message.msg_controllen = CMSG_LEN(size);
   *CMSG_FIRSTHDR(&message) = {.cmsg_len = CMSG_LEN(size), .cmsg_level = SOL_SOCKET, .cmsg_type = SCM_RIGHTS};
   std::memcpy(CMSG_DATA(CMSG_FIRSTHDR(&message)), fds.data(), size);
-  EXPECT_TRUE(sendmsg(fd_, &message, MSG_NOSIGNAL) >= 0 || errno == EPIPE);
+  EXPECT_TRUE(sendmsg(fd_, &message, flags | MSG_NOSIGNAL) >= 0 || errno == EPIPE);
   return *this;
 }
 

@@ -28,7 +28,8 @@ class Peer {
   Peer& bytes(std::string_view bytes);
   Peer& record(int type, int flag = 0, std::string_view data = "");
   Peer& request(std::string_view name, int flag = 0) { return record(KS_DIR_REQUEST, flag, name); }
-  Peer& fds(const std::vector<int>& fds);  // one message of one byte with all of these
+  Peer& fds(const std::vector<int>& fds) { return message("x", fds); }  // one message of one byte with all of these
+  Peer& message(std::string_view bytes, const std::vector<int>& fds, int flags = 0);
   // The type of the next record; 0 at the end of the connection, -1 when nothing comes.
   int next() const;
   // The types of all records to come, and 0 or -1.

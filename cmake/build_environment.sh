@@ -1,5 +1,7 @@
-# Sourced by ./run and ./test: what both need installed and built. `packages` is what install_missing looks for.
+# Sourced by ./run, ./test, fuzz/run and the programs in bench/: what they need installed, and how a preset is built.
+# shellcheck shell=sh
 
+# What install_missing looks for.
 packages='g++ cmake ninja-build pkg-config ccache libjsoncpp-dev libgtest-dev libgmock-dev
   tini util-linux procps attr ssmtp apache2-bin python3 dpkg-dev file'
 # What the preset aarch64 takes besides.

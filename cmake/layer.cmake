@@ -1,0 +1,10 @@
+# add_layer(TARGET FOLDER SOURCE...): the static library TARGET, made of files in FOLDER. Includes are written from the
+# root ("common/log.h"), but a target sees only the folders of the layers that it links: the include directory of each
+# holds nothing but a link to its folder. A wrong include therefore does not build.
+function(add_layer target folder)
+  add_library(${target} STATIC ${ARGN})
+  set(include_dir ${PROJECT_BINARY_DIR}/include/${target})
+  file(MAKE_DIRECTORY ${include_dir})
+  file(CREATE_LINK ${PROJECT_SOURCE_DIR}/${folder} ${include_dir}/${folder} SYMBOLIC)
+  target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${include_dir}>)
+endfunction()

@@ -7,6 +7,8 @@ packages='g++ cmake ninja-build pkg-config ccache libjsoncpp-dev libgtest-dev li
 # What the preset aarch64 takes besides.
 packages_aarch64='g++-aarch64-linux-gnu libjsoncpp-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64 qemu-user-static'
 
+# Says what is missing of $packages, then installs it; with VISTALPROD_INSTALL=no only says it and goes on, for machines
+# where the same comes from elsewhere.
 install_missing() {
   missing=
   for package in $packages; do
@@ -16,13 +18,22 @@ install_missing() {
     esac
   done
   if [ -z "$missing" ]; then return; fi
+  if [ "${VISTALPROD_INSTALL-}" = no ]; then
+    echo "$0: not installed:$missing" >&2
+    return
+  fi
   if [ "$(id -u)" != 0 ]; then
     echo "$0: not installed, and only root can do that: apt-get install$missing" >&2
     exit 1
   fi
-  echo "installing:$missing"
+  echo "$0: runs apt-get update and apt-get install$missing (not with VISTALPROD_INSTALL=no)"
   export DEBIAN_FRONTEND=noninteractive
-  case $missing in *:arm64*) dpkg --add-architecture arm64 ;; esac
+  case $missing in
+    *:arm64*)
+      echo "$0: runs dpkg --add-architecture arm64 before that"
+      dpkg --add-architecture arm64
+      ;;
+  esac
   # shellcheck disable=SC2086 # one word a package
   if ! { apt-get -qq update && apt-get -qq install --no-install-recommends $missing; } >/tmp/apt.$$ 2>&1; then
     cat /tmp/apt.$$ >&2

@@ -39,6 +39,9 @@
 extern "C" {
 #endif
 
+// The version of this header, and of the library that it came with.
+#define KS_VERSION "1.0.0"
+
 // Longest service name in characters.
 #define MAXIMUM_NAME_SIZE 64
 // Longest request name in characters.

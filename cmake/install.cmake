@@ -24,7 +24,6 @@ install(TARGETS ks EXPORT ks
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 set_target_properties(ks_shared PROPERTIES EXPORT_NAME ks)
 set_target_properties(ks PROPERTIES EXPORT_NAME ks_static)
-target_link_libraries(ks INTERFACE $<INSTALL_INTERFACE:stdc++>)  # for clients that are linked by a C compiler
 install(FILES service/ks.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 install(FILES docs/libks.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
 install(EXPORT ks NAMESPACE ks:: FILE ksTargets.cmake DESTINATION ${cmake_dir} COMPONENT development)

@@ -1,87 +1,301 @@
 #!/bin/sh
-# vistalprod.sh {start|stop|restart|status|reload-check}: the daemon, from the appliance's start and stop sequence. For
-# a plain Bourne shell, as appliances have. It may be linked to any name but `vistalprod`: the daemon refuses to run
-# beside a process of that name, and a script is one.
+# vistalprod.sh ACTION [--force] [-t SECONDS]: the daemon, from the appliance's start and stop sequence. For a plain
+# Bourne shell, as appliances have. It may be linked to any name but `vistalprod`: the daemon refuses to run beside a
+# process of that name, and a script is one.
 #
-# Exit statuses, as of any init script: 0 done, or done before; 1 failed; 2 wrong usage; 4 not root; 5 not installed;
-# 6 not configured. Of `status`: 0 it serves; 1 it died and left its socket; 3 it does not run; 4 it runs but does not
-# serve. `reload-check` tells whether a restart would come up, without touching a daemon that runs.
-here=$(dirname -- "$(readlink -f -- "$0")")
+#   start         comes back when clients are served. A daemon that is still stopping is waited for
+#   stop          waits 60 seconds, or SECONDS, for the daemon's end; --force then kills it
+#   restart       stop, and start if that worked
+#   try-restart   the same if the daemon runs, else nothing
+#   status        asks both services
+#   reload-check  tells whether a restart would come up, without touching a daemon that runs
+#
+# Exit statuses, as of any init script: 0 done, or done before; 1 failed; 2 wrong usage; 4 not root; 5 something is not
+# installed; 6 not configured. Of `status`: 0 both services answer; 1 it died and left its socket; 3 it does not run;
+# 4 it runs but does not answer; 150 it is stopping.
+self=$(readlink -f -- "$0")
+here=$(dirname -- "$self")
 PATH=$here:$here/../bin:$PATH:/sbin:/usr/sbin
+program=$(readlink -f -- "$(command -v vistalprod || echo "$here/vistalprod")")
 start_seconds=30
 stop_seconds=60 # the programs that requests have started are waited for
+kill_seconds=10 # for the kernel to end a process
+answer_seconds=5 # ksctl waits no less
+configuration=/etc/config/kpkg.conf
+stopping_file=/var/run/vistalprod.stopping # which daemon was told to stop
 
-# By the rule by which the daemon looks for itself; but a program that it is about to run still bears its name.
-running() {
+say() { echo "vistalprod: $*"; }
+fail() { # STATUS TEXT...
+  status=$1
+  shift
+  echo "vistalprod: $*" >&2
+  return "$status"
+}
+nap() { sleep 0.1 2>/dev/null || sleep 1; }
+
+# Whether process $1 is a root process that runs the installed executable, or did before that was replaced. What it is
+# called proves nothing: a process of any user may bear the daemon's name.
+is_daemon() {
+  executable=$(readlink "/proc/$1/exe") || return 1
+  # shellcheck disable=SC3013 # the shells of appliances know -ef
+  if [ "$executable" = "$program (deleted)" ]; then
+    [ "/proc/$1/root/." -ef /. ] || return 1
+  elif ! [ "/proc/$1/exe" -ef "$program" ]; then
+    return 1
+  fi
+  while read -r key user effective_user _; do
+    if [ "$key" = Uid: ]; then [ "$user $effective_user" = '0 0' ] && return 0; fi
+  done 2>/dev/null <"/proc/$1/status"
+  return 1
+}
+
+# Sets `pid` to the daemon's, and `other` to that of another process beside which the daemon would not run.
+find_daemon() {
+  pid='' other=''
   for stat in /proc/[0-9]*/stat; do
-    { read -r pid name state parent _ <"$stat"; } 2>/dev/null || continue
+    { read -r candidate name state parent _ <"$stat"; } 2>/dev/null || continue
     if [ "$name" != '(vistalprod)' ] || [ "$state" = Z ]; then continue; fi
-    { read -r _ name _ <"/proc/$parent/stat"; } 2>/dev/null && [ "$name" = '(vistalprod)' ] && continue
-    return 0
+    if ! is_daemon "$candidate"; then
+      other=$candidate
+    elif ! is_daemon "$parent"; then # else it is about to become a program that the daemon runs
+      pid=$candidate
+      return 0
+    fi
   done
   return 1
 }
 
+# No other process has the same, ever.
+identity() { cut -d ' ' -f 1,22 "/proc/$pid/stat" 2>/dev/null; }
+was_told_to_stop() { [ -e $stopping_file ] && [ "$(cat $stopping_file)" = "$(identity)" ]; }
+
+await_end() { # PID SECONDS
+  deadline=$(($(date +%s) + $2))
+  while is_daemon "$1"; do
+    if [ "$(date +%s)" -gt $deadline ]; then return 1; fi
+    nap
+  done
+}
+
+# Asks both services at the same time; sets `silent` to those that do not answer.
+ask() {
+  silent=''
+  ksctl call -t $answer_seconds mail test >/dev/null 2>&1 &
+  asked=$!
+  ksctl call -t $answer_seconds main test >/dev/null 2>&1 || silent='main '
+  wait $asked || silent=${silent}mail
+  [ -z "$silent" ]
+}
+
+socket_of() { ksctl path "$1"; }
+
+names() { # of the processes on standard input
+  sort -un | head -n 10 | while read -r process; do
+    { read -r name <"/proc/$process/comm"; } 2>/dev/null && printf ' %s[%s]' "$name" "$process"
+  done
+}
+
+# The processes that are connected to socket $1. Only ss knows which ends belong together; without it, those that have a
+# nameless end of any local connection.
+connected() {
+  if command -v ss >/dev/null; then
+    # shellcheck disable=SC2016 # for awk
+    ss -xp | awk -v socket="$1" '
+      $5 == socket { peers[$8] }
+      { users[$6] = $9 }
+      END { for (end in peers) print users[end] }' | tr ',' '\n' | sed -n 's/^pid=//p'
+  else
+    # shellcheck disable=SC2012,SC2016 # where descriptors lead to; for awk
+    ls -l /proc/[0-9]*/fd 2>/dev/null | awk '
+      NR == FNR { if ($6 == "03" && NF == 7) ends["socket:[" $7 "]"]; next }
+      /^\/proc/ { split($0, path, "/") }
+      $NF in ends { print path[3] }' /proc/net/unix -
+  fi | grep -vx "$pid" | names
+}
+
+programs() { # that the daemon runs
+  for stat in /proc/[0-9]*/stat; do
+    # shellcheck disable=SC2002 # it may be gone by now
+    cat "$stat" 2>/dev/null | sed -n 's/^\([0-9]*\) (.*) . \([0-9]*\) .*/\2 \1/p'
+  done | sed -n "s/^$pid //p" | names
+}
+
+# What keeps each service of $1 from answering, or from ending.
+explain() {
+  known=
+  command -v ss >/dev/null || known=', or have any other local connection (there is no ss to tell)'
+  for service in $1; do
+    socket=$(socket_of "$service")
+    [ -S "$socket" ] || echo "vistalprod: $service: $socket is gone: removed, or the daemon was told to stop"
+    echo "vistalprod: $service: connected$known:$(connected "$socket")"
+  done
+  echo "vistalprod: programs that it runs:$(programs)"
+}
+
+# Whether files can be made in folder $1, by a copy of this script, which needs space, or of nothing.
+can_write() { # FOLDER FILE
+  probe=$1/.vistalprod.$$
+  reason=$(cp "$2" "$probe" 2>&1) && rm -f "$probe" && return 0
+  rm -f "$probe" 2>/dev/null
+  fail 1 "$1 cannot be written to: $reason"
+}
+
+check_installed() {
+  command -v vistalprod >/dev/null || fail 5 "vistalprod is not installed" || return
+  # What ldd does; not every appliance has it.
+  missing=$(LD_TRACE_LOADED_OBJECTS=1 LD_BIND_NOW=1 LD_WARN=1 "$program" 2>&1 | 
+    grep -E 'not found|undefined symbol' | head -n 3)
+  [ -z "$missing" ] || fail 5 "libraries that $program needs:" "$missing" || return
+  [ -x /sbin/rdconf ] || fail 5 "/sbin/rdconf, which reads $configuration, is not installed"
+}
+
+check_configured() {
+  [ -r $configuration ] || fail 6 "there is no $configuration" || return
+  # As the daemon reads it: the first line, of which 127 bytes count.
+  install_path=$(/sbin/rdconf VistalServer Install_Path -c -d RDCONF_FAILD -f $configuration 2>/dev/null |
+    head -n 1 | cut -b 1-127)
+  case $install_path in
+    '' | RDCONF_FAILD*) fail 6 "$configuration has no Install_Path in section VistalServer" || return ;;
+  esac
+  [ -d "$install_path" ] ||
+    fail 6 "Install_Path of VistalServer in $configuration is $install_path, which is not a folder"
+}
+
+check_folders() {
+  # Without its log the daemon runs all the same.
+  log=$install_path/.log
+  if [ -e "$log" ]; then folder=$log; else folder=$install_path; fi
+  can_write "$folder" "$self" || echo "vistalprod: so there will be no log" >&2
+  for service in main mail; do
+    socket=$(socket_of $service) && folder=${socket%/*} || return
+    if [ -e "$socket" ] && [ ! -S "$socket" ]; then fail 1 "$socket is in the way: it is not a socket" || return; fi
+    if [ ! -e "$folder" ]; then folder=${folder%/*}; fi
+    can_write "$folder" /dev/null || return
+  done
+}
+
 # What a start needs, in the order in which the daemon would miss it.
 check() {
-  if [ "$(id -u)" != 0 ]; then echo "vistalprod: only root may do that" >&2 && return 4; fi
-  for program in vistalprod ksctl; do
-    command -v $program >/dev/null || { echo "vistalprod: $program is not installed" >&2 && return 5; }
-  done
-  install_path=$(/sbin/rdconf VistalServer Install_Path -c -d RDCONF_FAILD -f /etc/config/kpkg.conf 2>/dev/null)
-  if [ ! -d "$install_path" ]; then
-    echo "vistalprod: no folder is Install_Path of VistalServer in /etc/config/kpkg.conf" >&2 && return 6
+  check_installed && check_configured || return
+  if [ -n "$other" ]; then
+    fail 1 "the daemon will not run beside pid $other, $(readlink "/proc/$other/exe"), which bears its name" || return
+  fi
+  check_folders
+}
+
+# The daemon writes why it dies to standard error, which it no longer has in the background.
+why_it_died() {
+  { reason=$(vistalprod -t 2>&1); } 2>/dev/null # where some shells say that it was killed
+  status=$?
+  if [ $status = 0 ]; then
+    fail 1 "died while starting, but another try in the foreground did not; see $log/.nxe_ks_vistalprod.log"
+  else
+    fail 1 "died while starting; in the foreground it ends with status $status: $reason"
   fi
 }
 
-start() {
-  if running; then echo "vistalprod: runs already, pid $pid" && return 0; fi
-  check || return
+launch() {
+  for service in main mail; do
+    socket=$(socket_of $service)
+    if [ -S "$socket" ]; then rm -f "$socket"; fi # left by a crash, and perhaps still held open by a program of then
+  done
+  umask 022
   # For as many clients as may wait. The daemon raises the soft limit itself.
   # shellcheck disable=SC3045 # the shells of appliances know -H
   case $(ulimit -Hn) in
     [1-9] | ?? | ??? | [123]???) ulimit -Hn 4096 2>/dev/null ;;
   esac
-  if ! vistalprod -d || ! ksctl wait main -t $start_seconds || ! ksctl wait mail -t $start_seconds; then
-    echo "vistalprod: does not come up; see $install_path/.log/.nxe_ks_vistalprod.log" >&2 && return 1
+  vistalprod -d || fail 1 "does not start, status $?" || return
+  deadline=$(($(date +%s) + start_seconds))
+  until ksctl wait main -t 0 2>/dev/null && ksctl wait mail -t 0 2>/dev/null; do
+    if ! find_daemon; then why_it_died || return; fi
+    if [ "$(date +%s)" -gt $deadline ]; then
+      fail 1 "pid $pid accepts no connections after $start_seconds s" || return
+    fi
+    nap
+  done
+  find_daemon || why_it_died
+}
+
+start() {
+  if find_daemon; then
+    if was_told_to_stop || [ ! -S "$(socket_of main)" ]; then
+      say "pid $pid is stopping, or its socket was removed: waiting for its end"
+      await_end "$pid" "$stop_seconds" ||
+        fail 1 "pid $pid has not ended in $stop_seconds s; see: $0 stop --force" || return
+      find_daemon
+    elif ask; then
+      say "runs already, pid $pid" && return 0
+    else
+      explain "$silent" >&2
+      [ -S "$(socket_of mail)" ] || fail 1 "pid $pid runs, but not as it should: restart it" || return
+      say "runs already, pid $pid, but is not answering" && return 0
+    fi
   fi
-  echo "vistalprod: started"
+  check && launch && say "started, pid $pid"
 }
 
 stop() {
-  if ! running; then echo "vistalprod: does not run" && return 0; fi
+  if ! find_daemon; then say "does not run" && return 0; fi
   stopped=$pid
-  kill -TERM "$stopped" || return 4
-  deadline=$(($(date +%s) + stop_seconds))
-  while running && [ "$pid" = "$stopped" ]; do
-    if [ "$(date +%s)" -ge $deadline ]; then
-      echo "vistalprod: pid $pid still waits for a program that a request has started, see: ps --ppid $pid" >&2
-      return 1
-    fi
-    sleep 0.1 2>/dev/null || sleep 1
-  done
-  echo "vistalprod: stopped"
+  identity >$stopping_file
+  kill -TERM "$stopped" 2>/dev/null
+  if await_end "$stopped" "$stop_seconds"; then
+    say "stopped"
+  elif [ -z "$force" ]; then
+    explain main >&2
+    fail 1 "pid $stopped has not ended in $stop_seconds s, and is still stopping; see: $0 stop --force" || return
+  else
+    kill -KILL "$stopped" 2>/dev/null
+    await_end "$stopped" $kill_seconds || fail 1 "pid $stopped cannot be killed" || return
+    rm -f "$(socket_of main)" # or else it would seem to have died by itself
+    say "killed"
+  fi
+  rm -f $stopping_file
 }
 
 status() {
-  if ! running; then
-    if [ -S "$(ksctl path main)" ]; then echo "vistalprod: died" && return 1; fi
-    echo "vistalprod: does not run" && return 3
+  if ! find_daemon; then
+    if [ -S "$(socket_of main)" ]; then say "died" && return 1; fi
+    say "does not run" && return 3
   fi
-  if ! ksctl wait main -t 0 2>/dev/null; then echo "vistalprod: pid $pid does not serve" && return 4; fi
-  echo "vistalprod: serves, pid $pid"
+  if was_told_to_stop; then say "pid $pid is stopping; it runs:$(programs)" && return 150; fi
+  case $(readlink "/proc/$pid/exe") in
+    *' (deleted)') say "pid $pid runs an executable that has been replaced: restart it" ;;
+  esac
+  if ask; then say "serves, pid $pid" && return 0; fi
+  say "pid $pid runs, but does not answer: $silent"
+  explain "$silent"
+  return 4
 }
 
-reload_check() {
-  check || return
-  # Its own check publishes the services, which would take them away from a daemon that runs.
-  if ! running && ! vistalprod -t; then echo "vistalprod: does not come up" >&2 && return 1; fi
-  echo "vistalprod: would come up"
+usage() {
+  echo "usage: $0 {start|stop|restart|try-restart|status|reload-check} [--force] [-t SECONDS]" >&2
+  exit 2
 }
 
-case ${1-} in
-  start | stop | status) "$1" ;;
+action=${1-} force=
+case $action in
+  start | stop | restart | try-restart | status | reload-check) shift ;;
+  *) usage ;;
+esac
+while [ $# -gt 0 ]; do
+  case $1 in
+    --force) force=yes ;;
+    -t)
+      shift
+      case ${1-} in '' | *[!0-9]* | 0?*) usage ;; esac
+      stop_seconds=$1
+      ;;
+    *) usage ;;
+  esac
+  shift
+done
+if [ "$(id -u)" != 0 ]; then fail 4 "only root can do that" || exit; fi
+command -v ksctl >/dev/null || fail 5 "ksctl is not installed" || exit
+case $action in
+  start | stop | status) $action ;;
   restart) stop && start ;;
-  reload-check) reload_check ;;
-  *) echo "usage: $0 {start|stop|restart|status|reload-check}" >&2 && exit 2 ;;
+  try-restart) if find_daemon; then stop && start; else say "does not run"; fi ;;
+  reload-check) find_daemon; check && say "would come up" ;;
 esac

@@ -4,7 +4,7 @@
 //   request  {"user": text, "pwd": text, "config_file": name, "content_file": name}
 //   runs     /usr/sbin/sendmail -C CONFIG -t                  with the content as input, if user or pwd is empty
 //            /usr/sbin/sendmail -auUSER -auPWD -C CONFIG -t   with the configuration file as input, else
-//   reply    {"result": n}: the program's exit status, 128 + its signal, or -1 when it was not run
+//   reply    {"result": n}: exit status, 127 for no program, 128 + its signal, or -1 when nothing was started
 //
 // Afterwards both files are moved to the scratch directory, beside the program's output and a record of the
 // send. All four belong to the last mail: with several under way at once the last writer wins. The password

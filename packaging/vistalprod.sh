@@ -126,7 +126,8 @@ explain() {
   command -v ss >/dev/null || known=', or have any other local connection (there is no ss to tell)'
   for service in $1; do
     socket=$(socket_of "$service")
-    [ -S "$socket" ] || echo "vistalprod: $service: $socket is gone: removed, or the daemon was told to stop"
+    [ -S "$socket" ] || was_told_to_stop ||
+      echo "vistalprod: $service: $socket is gone: removed, or the daemon was told to stop"
     echo "vistalprod: $service: connected$known:$(connected "$socket")"
   done
   echo "vistalprod: programs that it runs:$(programs)"
@@ -264,7 +265,7 @@ status() {
     *' (deleted)') say "pid $pid runs an executable that has been replaced: restart it" ;;
   esac
   if ask; then say "serves, pid $pid" && return 0; fi
-  say "pid $pid runs, but does not answer: $silent"
+  say "pid $pid runs, but does not answer: ${silent% }"
   explain "$silent"
   return 4
 }

@@ -21,24 +21,32 @@ _ksctl_services='main mail notify
 _ksctl() {
   local current=${COMP_WORDS[COMP_CWORD]} subcommand=${COMP_WORDS[1]-} options='' operands=() words='' i
   case $subcommand in
-    call) options='-t --fd' ;;
-    wait) options='-t' ;;
-    serve) options='--reply --count' ;;
+    call) options='--timeout --fd --fail --raw --verbose' ;;
+    wait) options='--timeout' ;;
+    serve) options='--reply --count --replace' ;;
     post-notify) options='--type --action --flag --info' ;;
     post-log) options='--level --time --user --ip --name --content --service --action' ;;
   esac
   for ((i = 2; i < COMP_CWORD; i++)); do
     case ${COMP_WORDS[i]} in
-      -?*) i=$((i + 1)) ;; # every option takes a value
+      -[fhrv]* | --fail | --raw | --verbose | --replace | --help | -t?*) ;;
+      --)
+        operands+=("${COMP_WORDS[@]:i + 1:COMP_CWORD - i - 1}")
+        break
+        ;;
+      -?*) # the others take a value, which may stand behind a "="
+        i=$((i + 1))
+        if [ "${COMP_WORDS[i]-}" = = ]; then i=$((i + 1)); fi
+        ;;
       *) operands+=("${COMP_WORDS[i]}") ;;
     esac
   done
   if [ "$COMP_CWORD" = 1 ]; then
-    words='call wait path serve post-notify post-log'
+    words='call wait path serve post-notify post-log --help --version'
   elif [ "$i" -gt "$COMP_CWORD" ]; then
     words='' # the value of an option
   elif [ "${current#-}" != "$current" ]; then
-    words=$options
+    words="$options --help"
   else
     case $subcommand:${#operands[@]} in
       call:0 | wait:0 | path:0 | serve:0) words=$_ksctl_services ;;

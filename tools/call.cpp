@@ -1,10 +1,14 @@
-// `ksctl call`: one request, the reply on standard output.
+// `ksctl call`: one request, the reply on standard output. The conversation is led step by step, because what is
+// known about a request that got no reply depends on how far it came: a service asks for a request when one of its
+// workers is free, and only what was sent then can have been done.
 #include <fcntl.h>
-#include <getopt.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -12,54 +16,68 @@
 
 #include "service/ks.h"
 #include "tools/cli.h"
+#include "tools/json_text.h"
 
 namespace {
 
-// The framework counts any shorter limit as this one.
-constexpr unsigned kLeastSeconds = 5;
+using Clock = std::chrono::steady_clock;
+
+constexpr int kDescriptors = 3;  // memory file, socket, poll set
+
+// A longer reply is passed on, but not looked into.
+constexpr std::uint64_t kLongestJudged = 64 << 20;
 
 struct IoRelease {
   void operator()(ks_io* io) const { ks_io_free(io); }
 };
 using Io = std::unique_ptr<ks_io, IoRelease>;
 
+struct PollSetRelease {
+  void operator()(ks_epoll* set) const { ks_epoll_free(set); }
+};
+using PollSet = std::unique_ptr<ks_epoll, PollSetRelease>;
+
 struct Call {
-  const char* service = nullptr;  // full name
+  Service service;
   const char* request = nullptr;
   const char* body = nullptr;  // null: none; "-": standard input
   unsigned seconds = kDefaultSeconds;
   int extra_fd = -1;
+  bool fail = false;
+  bool raw = false;
+  bool verbose = false;
 };
 
-std::string status_text(int status, const Call& call) {
-  switch (status) {
-    case KS_STATUS_TIMEOUT:
-      return "no reply in time (limit " + std::to_string(std::max(call.seconds, kLeastSeconds)) + " s)";
-    case KS_STATUS_CONNECT:
-      return "no such service, or it is stopped";
-    case KS_STATUS_PAUSED:
-      return "the service is paused";
-    case KS_STATUS_REFUSED:
-      return "the service refused the request";
-    case KS_STATUS_BROKEN:
-      return "the connection ended without a reply";
-    case KS_STATUS_BUSY:
-      return "the service is busy: too many clients are waiting";
-    case KS_STATUS_ARGS:
-      return "a name is too long (service " + std::to_string(MAXIMUM_NAME_SIZE) + ", request " +
-             std::to_string(KS_REQUEST_NAME_SIZE) + " characters)";
-    default:
-      return "unknown status " + std::to_string(status);
-  }
-}
+struct Outcome {
+  int status = KS_STATUS_OK;
+  int connect_error = 0;  // errno
+  bool sent = false;      // the service has asked for the request
+};
 
-bool append(ks_io* io, const char* data, size_t size) {
+// The steps of a conversation on standard error, each with its time since the first.
+class Trace {
+ public:
+  explicit Trace(bool wanted) : wanted_(wanted) {}
+  void step(const std::string& text) const {
+    if (!wanted_) return;
+    const std::chrono::duration<double, std::milli> passed = Clock::now() - start_;
+    char time[32];
+    std::snprintf(time, sizeof time, "%9.3f ms  ", passed.count());
+    complain(time + text);
+  }
+
+ private:
+  const bool wanted_;
+  const Clock::time_point start_ = Clock::now();
+};
+
+bool append(ks_io* io, const char* data, std::size_t size) {
   while (size > 0) {
     const int64_t written = ks_io_write(io, data, size);
     if (written < 0 && errno == EINTR) continue;
     if (written < 0) return false;
     data += written;
-    size -= static_cast<size_t>(written);
+    size -= static_cast<std::size_t>(written);
   }
   return true;
 }
@@ -71,7 +89,7 @@ bool append_standard_input(ks_io* io) {
     if (got < 0 && errno == EINTR) continue;
     if (got < 0) return false;
     if (got == 0) return true;
-    if (!append(io, chunk, static_cast<size_t>(got))) return false;
+    if (!append(io, chunk, static_cast<std::size_t>(got))) return false;
   }
 }
 
@@ -81,62 +99,182 @@ bool append_body(ks_io* io, const char* body) {
   return append(io, body, std::strlen(body));
 }
 
-// A reply, an empty one too, leaves the record with its file and without its connection. Where the time ran
-// out behind a sent request, status 0 comes with the connection still open, or with all of it torn down.
-bool reply_arrived(const ks_io* io) {
-  return io->sockfd == -1 && io->memfd != -1;
+// Milliseconds until then, begun ones included.
+std::uint32_t time_left(Clock::time_point deadline) {
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+  return static_cast<std::uint32_t>(std::max<std::int64_t>(left, 0));
 }
 
-// To be called right behind what failed, for its errno.
-int local_trouble(const char* what) {
-  const std::string why = std::generic_category().message(errno);
-  complain(std::string("call: ") + what + ": " + why);
-  return kExitLocal;
+Outcome converse(const Call& call, ks_io* io, const Trace& trace) {
+  // Taken now: once the request is sent, the file is the service's to write its reply into.
+  const std::string body = std::to_string(ks_io_size(io)) + " bytes of body";
+  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(call.seconds);
+  const PollSet set(ks_epoll_create());
+  Outcome outcome;
+  trace.step("connecting to " + call.service.path);
+  errno = 0;
+  outcome.status = ks_epoll_call(set.get(), call.service.name, call.request, io, call.extra_fd);
+  if (outcome.status != KS_STATUS_OK) {
+    outcome.connect_error = errno;
+    return outcome;
+  }
+  trace.step("connected; waiting for a free worker");
+  for (;;) {
+    ks_io* finished = ks_epoll_perform(set.get(), time_left(deadline), &outcome.status);
+    if (finished == nullptr && outcome.status == KS_STATUS_OK) {
+      outcome.sent = true;
+      trace.step(std::string("asked for the request; sent ") + call.request + ", " + body +
+                 (call.extra_fd >= 0 ? " and descriptor " + std::to_string(call.extra_fd) : ""));
+      continue;
+    }
+    // A reply, an empty one too, comes with its file. Without it the time ran out behind a record that says nothing.
+    if (finished != nullptr && outcome.status == KS_STATUS_OK && io->memfd == -1)
+      outcome.status = KS_STATUS_TIMEOUT;
+    return outcome;
+  }
+}
+
+// Why the socket could not be connected to.
+std::string connect_text(const Call& call, int error) {
+  switch (error) {
+    case ENOENT:
+      return "no such service, or it is stopped: there is no " + call.service.path;
+    case ECONNREFUSED:
+      return "no such service, or it is stopped: nothing serves " + call.service.path;
+    case EAGAIN:
+      return "the service accepts no connection: its backlog is full";
+    default:
+      return "cannot connect to " + call.service.path + ": " + std::generic_category().message(error);
+  }
+}
+
+std::string outcome_text(const Call& call, const Outcome& outcome, bool with_body) {
+  const std::string limit = "no reply in time (limit " + std::to_string(call.seconds) + " s): ";
+  switch (outcome.status) {
+    case KS_STATUS_TIMEOUT:
+      if (!outcome.sent) return limit + "never asked for the request, all workers are busy; nothing was sent";
+      if (!known_command(call.service.name, call.request))
+        return limit +
+               "the request was asked for and sent, but the service has no command of this name: misspelt?";
+      return limit + "the request was asked for and sent; whether it was done is not known";
+    case KS_STATUS_CONNECT:
+      return connect_text(call, outcome.connect_error);
+    case KS_STATUS_PAUSED:
+      return "the service is paused";
+    case KS_STATUS_REFUSED:
+      return "the service refused the request";
+    case KS_STATUS_BROKEN:
+      if (!outcome.sent) return "the connection ended before the request was asked for; nothing was sent";
+      if (!with_body) return "the connection ended without a reply: a body is needed, and none was given";
+      return "the connection ended without a reply; whether the request was done is not known";
+    case KS_STATUS_BUSY:
+      return "the service is busy: too many clients are waiting";
+    case KS_STATUS_ARGS:
+      return "the request's name is too long (at most " + std::to_string(KS_REQUEST_NAME_SIZE) +
+             " characters)";
+    default:
+      return "unknown status " + std::to_string(outcome.status);
+  }
+}
+
+// The reply as text, read through the descriptor: the service can still cut its mapping short. Empty for a reply
+// that is too long to be looked into.
+std::string read_reply(ks_io* io) {
+  std::string text(io->shared_size <= kLongestJudged ? io->shared_size : 0, '\0');
+  std::size_t filled = 0;
+  for (ssize_t got;
+       filled < text.size() && (got = pread(ks_io_fd(io), text.data() + filled, text.size() - filled,
+                                            static_cast<off_t>(filled))) > 0;) {
+    filled += static_cast<std::size_t>(got);
+  }
+  text.resize(filled);
+  return text;
+}
+
+// Whether the terminal's user is known to like colours.
+bool colours_wanted() {
+  // NOLINTBEGIN(concurrency-mt-unsafe): there is one thread
+  const char* refused = std::getenv("NO_COLOR");
+  const char* terminal = std::getenv("TERM");
+  // NOLINTEND(concurrency-mt-unsafe)
+  return (refused == nullptr || *refused == '\0') && terminal != nullptr &&
+         std::strcmp(terminal, "dumb") != 0;
+}
+
+int show_reply(const Call& call, ks_io* io) {
+  const bool formatted = !call.raw && isatty(STDOUT_FILENO) == 1;
+  const std::string text = formatted || call.fail ? read_reply(io) : std::string();
+  const std::optional<Json::Value> json = parse_json(text);
+  bool written = false;
+  if (formatted && json) {
+    const std::string shown = indented(text, colours_wanted());
+    written = write_all(STDOUT_FILENO, shown.data(), shown.size());
+  } else {
+    // From the mapping straight into the kernel: a service that cuts the file short now costs an error only.
+    written = write_all(STDOUT_FILENO, io->shared_data, io->shared_size);
+  }
+  if (!written) return local_trouble(kCallCommand, "cannot write the reply");
+  const std::string failure = call.fail && json ? reported_failure(*json) : std::string();
+  if (failure.empty()) return 0;
+  complain("call " + std::string(call.service.name) + " " + call.request +
+           ": the reply reports a failure: " + failure);
+  return kExitFailed;
 }
 
 int perform(const Call& call) {
   const Io io(ks_io_create());
-  if (!append_body(io.get(), call.body)) return local_trouble("cannot take the body");
+  if (!append_body(io.get(), call.body)) return local_trouble(kCallCommand, "cannot take the body");
+  const bool with_body = ks_io_size(io.get()) > 0;
 
-  int status = ks_call(call.service, call.request, io.get(), call.seconds, call.extra_fd);
-  if (status == KS_STATUS_OK && !reply_arrived(io.get())) status = KS_STATUS_TIMEOUT;
-  if (status != KS_STATUS_OK) {
-    complain("call " + std::string(call.service) + " " + call.request + ": " + status_text(status, call));
-    return kExitStatusBase + status;
+  const Trace trace(call.verbose);
+  const Outcome outcome = converse(call, io.get(), trace);
+  if (outcome.status == KS_STATUS_OK) {
+    trace.step("done; " + std::to_string(io->shared_size) + " bytes of reply");
+    return show_reply(call, io.get());
   }
-  // From the mapping straight into the kernel: a service that cuts the file short now costs an error only.
-  if (!write_all(STDOUT_FILENO, io->shared_data, io->shared_size))
-    return local_trouble("cannot write the reply");
-  return 0;
+  trace.step("given up, status " + std::to_string(outcome.status));
+  complain("call " + std::string(call.service.name) + " " + call.request + ": " +
+           outcome_text(call, outcome, with_body));
+  return kExitStatusBase + outcome.status;
+}
+
+// The framework leaves out a descriptor that is not open; the user should know.
+bool store_descriptor(const char* value, int* fd) {
+  unsigned number = 0;
+  if (!parse_number(value, INT_MAX, &number) || fcntl(static_cast<int>(number), F_GETFD) == -1) return false;
+  *fd = static_cast<int>(number);
+  return true;
 }
 
 int run_call(int argc, char** argv) {
-  enum { kFd = UCHAR_MAX + 1 };
-  const option long_options[] = {{"fd", required_argument, nullptr, kFd}, {nullptr, 0, nullptr, 0}};
   Call call;
-  // '+': options end at the first operand, so that a body may begin with a dash.
-  for (int option; (option = getopt_long(argc, argv, "+:t:", long_options, nullptr)) != -1;) {
-    unsigned number = 0;
-    if (option == 't') {
-      if (!parse_number(optarg, kMaxSeconds, &call.seconds))
-        return wrong_usage(kCallCommand, std::string("not a number of seconds: ") + optarg);
-    } else if (option == kFd) {
-      // The framework leaves out a descriptor that is not open; the user should know.
-      if (!parse_number(optarg, INT_MAX, &number) || fcntl(static_cast<int>(number), F_GETFD) == -1)
-        return wrong_usage(kCallCommand, std::string("not an open descriptor: ") + optarg);
-      call.extra_fd = static_cast<int>(number);
-    } else {
-      return wrong_option(kCallCommand, option, argv);
-    }
-  }
-  const int operands = argc - optind;
-  if (operands < 2 || operands > 3)
-    return wrong_usage(kCallCommand, operands < 2 ? "service and request are needed" : "too many arguments");
-  call.service = service_name(argv[optind]);
-  call.request = argv[optind + 1];
-  if (operands == 3) call.body = argv[optind + 2];
-
-  occupy_standard_descriptors();
+  const Option options[] = {
+      timeout_option(&call.seconds),
+      {.name = "fd",
+       .value = "N",
+       .help = "pass a copy of the open descriptor N along",
+       .store = [&](const char* value) { return store_descriptor(value, &call.extra_fd); }},
+      {.name = "fail",
+       .letter = 'f',
+       .help = "exit with 3 when \"result\" or \"error_code\" of the reply is not 0",
+       .store = store_flag(&call.fail)},
+      {.name = "raw",
+       .letter = 'r',
+       .help = "print the reply byte for byte on a terminal, too",
+       .store = store_flag(&call.raw)},
+      {.name = "verbose",
+       .letter = 'v',
+       .help = "show each step with its time, on standard error",
+       .store = store_flag(&call.verbose)}};
+  std::span<char*> operands;
+  if (const auto over = read_arguments(kCallCommand, options, 3, argc, argv, &operands)) return *over;
+  if (operands.size() < 2)
+    return wrong_usage(kCallCommand,
+                       operands.empty() ? "a service and a request are needed" : "a request is needed");
+  call.request = operands[1];
+  if (operands.size() == 3) call.body = operands[2];
+  if (const auto over = find_service(kCallCommand, operands[0], &call.service)) return *over;
+  if (const auto over = check_service(kCallCommand, call.service, kDescriptors)) return *over;
   return perform(call);
 }
 
@@ -144,6 +282,20 @@ int run_call(int argc, char** argv) {
 
 const Subcommand kCallCommand = {
     .name = "call",
-    .usage = "call [-t SECONDS] [--fd N] SERVICE REQUEST [BODY | -]",
+    .operands = "SERVICE REQUEST [BODY | -]",
+    .summary = "Sends a request, with BODY, or all of standard input for \"-\", and prints the reply.",
+    .statuses =
+        "  0   there is a reply\n"
+        "  1   ksctl itself failed: input, output or descriptors\n"
+        "  2   wrong usage\n"
+        "  3   the reply reports a failure (with --fail only)\n"
+        "  11  no reply in time\n"
+        "  12  no such service, or it is stopped\n"
+        "  13  the service is paused\n"
+        "  14  the service refused the request\n"
+        "  15  the connection ended without a reply\n"
+        "  16  the service is busy\n"
+        "  17  a name is too long, or not one of a service\n",
+    .example = "ksctl call --fail main exec_cli '{\"command\": [\"/bin/uname\", \"-s\"]}'",
     .run = run_call,
 };

@@ -1,33 +1,99 @@
 #include "tools/cli.h"
 
-#include <fcntl.h>
 #include <getopt.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
-#include <cstring>
-#include <iterator>
-
-#include "service/ks.h"
+#include <system_error>
+#include <vector>
 
 namespace {
 
-struct ShortName {
-  const char* name;
-  const char* service;
-};
+constexpr int kFirstLongOption = UCHAR_MAX + 1;
 
-constexpr ShortName kShortNames[] = {
-    {.name = "main", .service = "VistalServer-vistalprod"},
-    {.name = "mail", .service = "VistalServer_send_mail-vistalprod"},
-    {.name = "notify", .service = "VistalServer_notify-vistalprod"},
-};
+std::string dashed(const Option& option) {
+  return std::string("--") + option.name + (option.value != nullptr ? std::string(" ") + option.value : "");
+}
 
-void never_run(const char*, ks_io*, int) {}
+int print_help(const Subcommand& command, std::span<const Option> options) {
+  std::printf("usage: ksctl %s [OPTION]... %s\n\n%s\n\noptions:\n", command.name, command.operands,
+              command.summary);
+  for (const Option& option : options) {
+    const std::string letter = option.letter != 0 ? std::string("-") + option.letter + ", " : "    ";
+    std::printf("  %s%-20s %s\n", letter.c_str(), dashed(option).c_str(), option.help);
+  }
+  std::printf("  -h, %-20s %s\n", "--help", "show this");
+  if (std::string_view(command.operands).starts_with("SERVICE"))
+    std::printf("\nservices:\n%s", short_names_text().c_str());
+  std::printf("\nexit status:\n%s\nexample:\n  %s\n", command.statuses, command.example);
+  return std::fflush(stdout) == 0 ? 0 : kExitLocal;
+}
+
+// What getopt_long returned as '?' or ':'.
+int wrong_option(const Subcommand& command, int result, char** argv) {
+  if (optopt > 0 && optopt <= UCHAR_MAX) {
+    const std::string letter = std::string("-") + static_cast<char>(optopt);
+    return wrong_usage(command, (result == ':' ? "no value for option " : "unknown option ") + letter);
+  }
+  const std::string given = argv[optind - 1];
+  const char* why = result == ':' ? "no value for option "
+                    : optopt != 0 ? "no value belongs to option "
+                                  : "unknown option ";
+  return wrong_usage(command, why + given.substr(0, given.find('=')));
+}
 
 }  // namespace
+
+std::optional<int> read_arguments(const Subcommand& command, std::span<const Option> options,
+                                  std::size_t most, int argc, char** argv, std::span<char*>* operands) {
+  std::string letters = ":h";
+  std::vector<option> long_options = {{"help", no_argument, nullptr, 'h'}};
+  for (std::size_t i = 0; i < options.size(); ++i) {
+    const Option& row = options[i];
+    const bool takes_value = row.value != nullptr;
+    if (row.letter != 0) letters += row.letter + std::string(takes_value ? ":" : "");
+    long_options.push_back({row.name, takes_value ? required_argument : no_argument, nullptr,
+                            kFirstLongOption + static_cast<int>(i)});
+  }
+  long_options.push_back({});
+
+  opterr = 0;  // the complaints are worded here
+  for (int found; (found = getopt_long(argc, argv, letters.c_str(), long_options.data(), nullptr)) != -1;) {
+    if (found == 'h') return print_help(command, options);
+    if (found == '?' || found == ':') return wrong_option(command, found, argv);
+    std::size_t index = 0;
+    if (found >= kFirstLongOption) {
+      index = static_cast<std::size_t>(found - kFirstLongOption);
+    } else {
+      while (options[index].letter != found) ++index;
+    }
+    const Option& row = options[index];
+    if (!row.store(optarg)) return wrong_usage(command, "does not fit " + dashed(row) + ": " + optarg);
+  }
+  *operands = std::span(argv + optind, static_cast<std::size_t>(argc - optind));
+  if (operands->size() > most)
+    return wrong_usage(command, std::string("too many arguments: ") + (*operands)[most]);
+  return std::nullopt;
+}
+
+std::function<bool(const char*)> store_number(unsigned* number, unsigned max) {
+  return [=](const char* value) { return parse_number(value, max, number); };
+}
+
+std::function<bool(const char*)> store_flag(bool* flag) {
+  return [=](const char*) { return *flag = true; };
+}
+
+Option timeout_option(unsigned* seconds) {
+  static const std::string help = "time limit, " + std::to_string(kDefaultSeconds) + " unless given";
+  return {.name = "timeout",
+          .letter = 't',
+          .value = "SECONDS",
+          .help = help.c_str(),
+          .store = store_number(seconds, kMaxSeconds)};
+}
 
 void complain(std::string_view text) {
   std::string line = "ksctl: ";
@@ -40,15 +106,14 @@ void complain(std::string_view text) {
 }
 
 int wrong_usage(const Subcommand& command, std::string_view why) {
-  complain(std::string(command.name) + ": " + std::string(why));
-  std::fprintf(stderr, "usage: ksctl %s\n", command.usage);
+  complain(std::string(command.name) + ": " + std::string(why) + " (see ksctl " + command.name + " --help)");
   return kExitUsage;
 }
 
-int wrong_option(const Subcommand& command, int result, char** argv) {
-  const std::string option = optopt > 0 && optopt <= UCHAR_MAX ? std::string("-") + static_cast<char>(optopt)
-                                                               : std::string(argv[optind - 1]);
-  return wrong_usage(command, (result == ':' ? "no value for option " : "unknown option ") + option);
+int local_trouble(const Subcommand& command, std::string_view what) {
+  const std::string why = std::generic_category().message(errno);
+  complain(std::string(command.name) + ": " + std::string(what) + ": " + why);
+  return kExitLocal;
 }
 
 bool parse_number(std::string_view text, unsigned max, unsigned* value) {
@@ -69,53 +134,14 @@ bool parse_signed(std::string_view text, std::int64_t min, std::int64_t max, std
   return true;
 }
 
-const char* service_name(const char* name) {
-  for (const ShortName& row : kShortNames)
-    if (std::strcmp(row.name, name) == 0) return row.service;
-  return name;
-}
-
-bool can_name_socket(std::string_view name) {
-  return name.size() <= MAXIMUM_NAME_SIZE && (!name.starts_with('@') || name.starts_with("@/"));
-}
-
-std::string socket_path(const char* name) {
-  // The framework tells the path to nobody but the owner of a service, so own one that is never started.
-  ks_handle* handle = ks_create(name, KS_PTHREAD_MODE, 1, never_run);
-  std::string path = handle->sockfile;
-  ks_free(handle);
-  return path;
-}
-
-bool write_all(int fd, const void* data, size_t size) {
+bool write_all(int fd, const void* data, std::size_t size) {
   const char* next = static_cast<const char*>(data);
   while (size > 0) {
     const ssize_t written = write(fd, next, size);
     if (written < 0 && errno == EINTR) continue;
     if (written < 0) return false;
     next += written;
-    size -= static_cast<size_t>(written);
+    size -= static_cast<std::size_t>(written);
   }
   return true;
-}
-
-void occupy_standard_descriptors() {
-  // open(2) takes the lowest free number, so walking upwards fills each gap with itself.
-  const int modes[] = {O_WRONLY, O_RDONLY, O_RDONLY};
-  for (int fd = 0; fd < static_cast<int>(std::size(modes)); ++fd)
-    if (fcntl(fd, F_GETFD) == -1) (void)open("/dev/null", modes[fd]);
-}
-
-const char* only_service(const Subcommand& command, int operands, char** operand) {
-  if (operands != 1) {
-    wrong_usage(command, operands < 1 ? "a service is needed" : "too many arguments");
-    return nullptr;
-  }
-  const char* name = service_name(*operand);
-  if (!can_name_socket(name)) {
-    wrong_usage(command, "not a service name (at most " + std::to_string(MAXIMUM_NAME_SIZE) +
-                             " characters; \"@\" begins an absolute path): " + name);
-    return nullptr;
-  }
-  return name;
 }

@@ -1,10 +1,10 @@
 // ksctl: the services of this machine from the command line. A new subcommand is a row here and a file
 // beside.
-#include <getopt.h>
-
 #include <cstdio>
 #include <cstring>
+#include <string>
 
+#include "service/ks.h"
 #include "tools/cli.h"
 
 namespace {
@@ -12,27 +12,36 @@ namespace {
 const Subcommand* const kSubcommands[] = {&kCallCommand,  &kWaitCommand,       &kPathCommand,
                                           &kServeCommand, &kPostNotifyCommand, &kPostLogCommand};
 
-void print_usage(FILE* stream) {
-  const char* lead = "usage:";
-  for (const Subcommand* command : kSubcommands) {
-    std::fprintf(stream, "%-6s ksctl %s\n", lead, command->usage);
-    lead = "";
-  }
+void print_help() {
+  std::printf(
+      "usage: ksctl SUBCOMMAND [OPTION]... [ARGUMENT]...\n\nSpeaks to the local services.\n\nsubcommands:\n");
+  for (const Subcommand* command : kSubcommands)
+    std::printf("  %s%s%s\n      %s\n", command->name, *command->operands != '\0' ? " " : "",
+                command->operands, command->summary);
+  std::printf(
+      "\n\"ksctl SUBCOMMAND --help\" has its options. \"ksctl --version\" prints the "
+      "version.\n\nservices:\n%s",
+      short_names_text().c_str());
+  std::printf("\nA call or a wait takes at most %u seconds, unless -t says otherwise.\n", kDefaultSeconds);
+  std::printf("\nexit status:\n%s\nexample:\n  %s\n", kCallCommand.statuses, kCallCommand.example);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const char* wanted = argc > 1 ? argv[1] : "";
-  for (const Subcommand* command : kSubcommands) {
-    if (std::strcmp(command->name, wanted) != 0) continue;
-    opterr = 0;  // subcommands word their complaints themselves
-    return command->run(argc - 1, argv + 1);
+  const std::string wanted = argc > 1 ? argv[1] : "";
+  for (const Subcommand* command : kSubcommands)
+    if (wanted == command->name) return command->run(argc - 1, argv + 1);
+  if (wanted == "-h" || wanted == "--help") {
+    print_help();
+  } else if (wanted == "--version") {
+    std::printf("ksctl %s\n", KS_VERSION);
+  } else {
+    const char* what = wanted.empty()     ? "a subcommand is needed"
+                       : wanted[0] == '-' ? "unknown option "
+                                          : "unknown subcommand ";
+    complain(what + wanted + " (see ksctl --help)");
+    return kExitUsage;
   }
-  if (std::strcmp(wanted, "-h") == 0 || std::strcmp(wanted, "--help") == 0) {
-    print_usage(stdout);
-    return std::fflush(stdout) == 0 ? 0 : kExitLocal;
-  }
-  print_usage(stderr);
-  return kExitUsage;
+  return std::fflush(stdout) == 0 ? 0 : kExitLocal;
 }

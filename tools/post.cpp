@@ -1,12 +1,13 @@
 // `ksctl post-notify` and `ksctl post-log`: put one record into a message queue of the daemon, as the
 // package's other programs do.
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <span>
 #include <string>
-#include <vector>
+#include <string_view>
 
 #include "daemon/event_records.h"
 #include "daemon/msg_queue_listener.h"
@@ -14,109 +15,111 @@
 
 namespace {
 
-// One named option: where its value goes. A text fills its field up to the last byte; one that fits exactly
-// has no NUL.
-struct Field {
-  const char* name;
-  std::int32_t* number;
-  std::int64_t* time;
-  std::span<char> text;
-};
+constexpr char kStatuses[] =
+    "  0   the record is in the queue\n"
+    "  1   it is not: there is no such queue, it is full, or it may not be written to\n"
+    "  2   wrong usage\n";
 
-Field number_field(const char* name, std::int32_t* number) {
-  return {name, number, nullptr, {}};
-}
-Field text_field(const char* name, std::span<char> text) {
-  return {name, nullptr, nullptr, text};
+Option number_option(const char* name, std::int32_t* number, const char* help) {
+  return {.name = name, .value = "N", .help = help, .store = [=](const char* value) {
+            std::int64_t wide = 0;
+            if (!parse_signed(value, INT32_MIN, INT32_MAX, &wide)) return false;
+            *number = static_cast<std::int32_t>(wide);
+            return true;
+          }};
 }
 
-bool store(const Field& field, const char* value) {
-  std::int64_t number = 0;
-  if (field.number != nullptr) {
-    if (!parse_signed(value, INT32_MIN, INT32_MAX, &number)) return false;
-    *field.number = static_cast<std::int32_t>(number);
-  } else if (field.time != nullptr) {
-    return parse_signed(value, INT64_MIN, INT64_MAX, field.time);
-  } else {
-    const std::size_t length = std::strlen(value);
-    if (length > field.text.size()) return false;
-    std::copy_n(value, length, field.text.begin());
-  }
-  return true;
+// A text fills its field up to the last byte; one that fits exactly has no NUL.
+Option text_option(const char* name, std::span<char> field, const char* help) {
+  return {.name = name, .value = "TEXT", .help = help, .store = [=](const char* value) {
+            const std::size_t length = std::strlen(value);
+            if (length > field.size()) return false;
+            std::fill(std::copy_n(value, length, field.begin()), field.end(), '\0');
+            return true;
+          }};
 }
 
-// Reads `--NAME VALUE` pairs into the fields; 0, or kExitUsage after a complaint.
-int read_fields(const Subcommand& command, std::span<const Field> fields, int argc, char** argv) {
-  for (int i = 1; i < argc; i += 2) {
-    const auto field = std::find_if(fields.begin(), fields.end(), [&](const Field& candidate) {
-      return std::string("--") + candidate.name == argv[i];
-    });
-    if (field == fields.end()) return wrong_usage(command, std::string("unknown option: ") + argv[i]);
-    if (i + 1 == argc) return wrong_usage(command, std::string("a value is needed: ") + argv[i]);
-    if (!store(*field, argv[i + 1])) return wrong_usage(command, std::string("does not fit ") + argv[i]);
-  }
-  return 0;
-}
-
-int post(const char* command, std::uint32_t key, const void* message, std::size_t size) {
+int post(const Subcommand& command, std::uint32_t key, const void* message, std::size_t size) {
   const int result = msg_queue_send(key, message, size);
   if (result == 0) return 0;
   const char* why = result == 101   ? "no such queue: is the daemon running?"
                     : result == 100 ? "the queue cannot be used"
                                     : "the queue is full or may not be written to";
-  complain(std::string(command) + ": queue " + std::to_string(key) + ": " + why);
+  complain(std::string(command.name) + ": queue " + std::to_string(key) + ": " + why);
   return kExitLocal;
 }
 
 int run_post_notify(int argc, char** argv) {
   NotifyMessage message{.type = 1, .bus_type = 0, .bus_action = 0, .return_flag = 0, .extra_info = {}};
-  const Field fields[] = {
-      number_field("type", &message.bus_type),
-      number_field("action", &message.bus_action),
-      number_field("flag", &message.return_flag),
-      text_field("info", message.extra_info),
+  const Option options[] = {
+      number_option("type", &message.bus_type, "type of the event, 0 unless given"),
+      number_option("action", &message.bus_action, "its action, 0 unless given"),
+      number_option("flag", &message.return_flag, "1: \"ret_flag\" is true"),
+      text_option("info", message.extra_info, "at most 132 bytes"),
   };
-  if (const int refused = read_fields(kPostNotifyCommand, fields, argc, argv)) return refused;
-  return post("post-notify", kEventQueueKey, &message, kNotifyMessageSize);
-}
-
-template <typename Record>
-int post_log(std::int64_t type, LogMessage& message, Record& record, std::span<const Field> more, int argc,
-             char** argv) {
-  message.type = type;
-  record.time = std::time(nullptr);
-  std::vector<Field> fields = {
-      number_field("level", &record.level),   {"time", nullptr, &record.time, {}},
-      text_field("user", record.user),        text_field("ip", record.source_ip),
-      text_field("name", record.source_name), text_field("content", record.content),
-  };
-  fields.insert(fields.end(), more.begin(), more.end());
-  if (const int refused = read_fields(kPostLogCommand, fields, argc, argv)) return refused;
-  return post("post-log", kLogQueueKey, &message, kLogMessageSize);
+  std::span<char*> operands;
+  if (const auto over = read_arguments(kPostNotifyCommand, options, 0, argc, argv, &operands)) return *over;
+  return post(kPostNotifyCommand, kEventQueueKey, &message, kNotifyMessageSize);
 }
 
 int run_post_log(int argc, char** argv) {
+  // Read as a connection record, which begins with what an event record consists of.
+  ConnectionRecord record{};
+  record.time = std::time(nullptr);
+  bool connection_only = false;
+  Option options[] = {
+      number_option("level", &record.level, "0 unless given"),
+      {.name = "time",
+       .value = "SECONDS",
+       .help = "since 1970, now unless given",
+       .store = [&](const char* value) { return parse_signed(value, INT64_MIN, INT64_MAX, &record.time); }},
+      text_option("user", record.user, "at most 65 bytes"),
+      text_option("ip", record.source_ip, "at most 65 bytes"),
+      text_option("name", record.source_name, "at most 65 bytes"),
+      text_option("content", record.content, "at most 1024 bytes"),
+      number_option("service", &record.service, "of a connection, 0 unless given"),
+      number_option("action", &record.action, "of a connection, 0 unless given"),
+  };
+  for (Option& option : std::span(options).last(2))
+    option.store = [&connection_only, store = option.store](const char* value) {
+      return connection_only = true, store(value);
+    };
+  std::span<char*> operands;
+  if (const auto over = read_arguments(kPostLogCommand, options, 1, argc, argv, &operands)) return *over;
+
+  const std::string_view kind = operands.empty() ? "" : operands[0];
   LogMessage message{};
-  if (argc > 1 && std::strcmp(argv[1], "event") == 0) {
-    return post_log(kEventLogType, message, message.event, {}, argc - 1, argv + 1);
+  if (kind == "connection") {
+    message.type = kConnectionLogType;
+    message.connection = record;
+  } else if (kind != "event") {
+    return wrong_usage(kPostLogCommand, "event or connection is needed");
+  } else if (connection_only) {
+    return wrong_usage(kPostLogCommand, "--service and --action belong to a connection");
+  } else {
+    static_assert(offsetof(ConnectionRecord, content) == offsetof(LogRecord, content));
+    message.type = kEventLogType;
+    std::memcpy(&message.event, &record, offsetof(LogRecord, content) + sizeof record.content);
   }
-  if (argc > 1 && std::strcmp(argv[1], "connection") == 0) {
-    const Field more[] = {number_field("service", &message.connection.service),
-                          number_field("action", &message.connection.action)};
-    return post_log(kConnectionLogType, message, message.connection, more, argc - 1, argv + 1);
-  }
-  return wrong_usage(kPostLogCommand, "the first argument is event or connection");
+  return post(kPostLogCommand, kLogQueueKey, &message, kLogMessageSize);
 }
 
 }  // namespace
 
 const Subcommand kPostNotifyCommand = {
     .name = "post-notify",
-    .usage = "post-notify [--type N] [--action N] [--flag N] [--info TEXT]",
-    .run = run_post_notify};
+    .operands = "",
+    .summary = "Puts a message-bus event into the daemon's queue 65521, without waiting.",
+    .statuses = kStatuses,
+    .example = "ksctl post-notify --type 3 --info 'disk 2'",
+    .run = run_post_notify,
+};
 const Subcommand kPostLogCommand = {
     .name = "post-log",
-    .usage =
-        "post-log event|connection [--level N] [--time SECONDS] [--user TEXT] [--ip TEXT] [--name TEXT] "
-        "[--content TEXT] [--service N] [--action N]",
-    .run = run_post_log};
+    .operands = "event|connection",
+    .summary =
+        "Puts a record of the event or the connection log into the daemon's queue 65522, without waiting.",
+    .statuses = kStatuses,
+    .example = "ksctl post-log connection --level 1 --user alice --content login --action 4",
+    .run = run_post_log,
+};

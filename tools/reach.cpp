@@ -1,13 +1,8 @@
 // `ksctl wait` and `ksctl path`: where a service is and whether it accepts.
-#include <getopt.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -21,76 +16,71 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kPollPeriod{5};
 
-class Socket {
- public:
-  // Non-blocking: connecting to a service whose backlog is full would otherwise last as long as the jam.
-  Socket() : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {}
-  ~Socket() {
-    if (fd_ >= 0) close(fd_);
-  }
-  Socket(const Socket&) = delete;
-  Socket& operator=(const Socket&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
-// Connects once and hangs up; 0, or the errno of what failed.
-int try_connect(const sockaddr_un& address) {
-  const Socket client;
-  if (client.get() < 0) return errno;
-  const int result = connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
-  return result == 0 ? 0 : errno;
-}
-
 // Tries until a connection is accepted or the time is over, once at least; 0, or the last try's errno.
 int wait_for_accept(const std::string& path, std::chrono::seconds limit) {
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
   const Clock::time_point deadline = Clock::now() + limit;
   for (;;) {
-    const int error = try_connect(address);
+    const int error = try_connect(path);
     const Clock::duration left = deadline - Clock::now();
     if (error == 0 || left <= Clock::duration::zero()) return error;
     std::this_thread::sleep_for(std::min<Clock::duration>(left, kPollPeriod));
   }
 }
 
-int run_wait(int argc, char** argv) {
-  const option no_long_options[] = {{nullptr, 0, nullptr, 0}};
-  unsigned seconds = kDefaultSeconds;
-  for (int option; (option = getopt_long(argc, argv, ":t:", no_long_options, nullptr)) != -1;) {
-    if (option != 't') return wrong_option(kWaitCommand, option, argv);
-    if (!parse_number(optarg, kMaxSeconds, &seconds))
-      return wrong_usage(kWaitCommand, std::string("not a number of seconds: ") + optarg);
-  }
-  const char* name = only_service(kWaitCommand, argc - optind, argv + optind);
-  if (name == nullptr) return kExitUsage;
+// The one operand of both subcommands.
+std::optional<int> read_service(const Subcommand& command, std::span<const Option> options, int argc,
+                                char** argv, Service* service) {
+  std::span<char*> operands;
+  if (const auto over = read_arguments(command, options, 1, argc, argv, &operands)) return over;
+  if (operands.empty()) return wrong_usage(command, "a service is needed");
+  return find_service(command, operands[0], service);
+}
 
-  const std::string path = socket_path(name);
-  const int error = wait_for_accept(path, std::chrono::seconds(seconds));
+int run_wait(int argc, char** argv) {
+  unsigned seconds = kDefaultSeconds;
+  const Option options[] = {timeout_option(&seconds)};
+  Service service;
+  if (const auto over = read_service(kWaitCommand, options, argc, argv, &service)) return *over;
+  if (const auto over = check_service(kWaitCommand, service, 1)) return *over;
+  const int error = wait_for_accept(service.path, std::chrono::seconds(seconds));
   if (error == 0) return 0;
-  complain("wait " + std::string(name) + ": " + path + " accepts no connection after " +
+  complain("wait " + std::string(service.name) + ": " + service.path + " accepts no connection after " +
            std::to_string(seconds) + " s: " + std::generic_category().message(error));
   return kExitStatusBase + KS_STATUS_TIMEOUT;
 }
 
 int run_path(int argc, char** argv) {
-  const option no_long_options[] = {{nullptr, 0, nullptr, 0}};
-  const int option = getopt_long(argc, argv, ":", no_long_options, nullptr);
-  if (option != -1) return wrong_option(kPathCommand, option, argv);
-  const char* name = only_service(kPathCommand, argc - optind, argv + optind);
-  if (name == nullptr) return kExitUsage;
-
-  const std::string line = socket_path(name) + "\n";
-  if (write_all(STDOUT_FILENO, line.data(), line.size())) return 0;
-  complain(std::string("path: cannot write: ") + std::generic_category().message(errno));
-  return kExitLocal;
+  Service service;
+  if (const auto over = read_service(kPathCommand, {}, argc, argv, &service)) return *over;
+  const std::string line = service.path + "\n";
+  return write_all(STDOUT_FILENO, line.data(), line.size()) ? 0 : local_trouble(kPathCommand, "cannot write");
 }
 
 }  // namespace
 
-const Subcommand kWaitCommand = {.name = "wait", .usage = "wait SERVICE [-t SECONDS]", .run = run_wait};
-const Subcommand kPathCommand = {.name = "path", .usage = "path SERVICE", .run = run_path};
+const Subcommand kWaitCommand = {
+    .name = "wait",
+    .operands = "SERVICE",
+    .summary = "Waits until the socket of a service accepts a connection. SECONDS of 0: tries once.",
+    .statuses =
+        "  0   it does\n"
+        "  1   ksctl itself failed\n"
+        "  2   wrong usage\n"
+        "  11  it did not in time\n"
+        "  12  its socket cannot be used\n"
+        "  17  not the name of a service\n",
+    .example = "ksctl wait mail -t 30 && ksctl call mail test",
+    .run = run_wait,
+};
+const Subcommand kPathCommand = {
+    .name = "path",
+    .operands = "SERVICE",
+    .summary = "Prints the path of a service's socket, whether or not it is served.",
+    .statuses =
+        "  0   it has been printed\n"
+        "  1   it could not be written\n"
+        "  2   wrong usage\n"
+        "  17  not the name of a service\n",
+    .example = "ls -l \"$(ksctl path main)\"",
+    .run = run_path,
+};

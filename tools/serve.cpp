@@ -1,19 +1,30 @@
-// `ksctl serve`: stands in for a service, so that what the daemon sends can be watched.
-#include <getopt.h>
+// `ksctl serve`: stands in for a service, so that what the daemon sends can be watched. What the framework would end
+// the process over is tried beforehand.
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <cerrno>
 #include <csignal>
+#include <filesystem>
 #include <string>
+#include <system_error>
+#include <thread>
 
+#include "common/unique_fd.h"
 #include "service/ks.h"
 #include "tools/cli.h"
 
 namespace {
 
+// The service's own 7 (listening socket, poll sets, control sockets, a spare one), and what requests bring.
+constexpr int kDescriptors = 16;
+
 // What the exec callback needs; it is handed no argument of ours. One worker, so no lock.
 std::string reply_text;
 unsigned requests_left = 0;  // 0: no limit
+int output_error = 0;        // errno of the first line that could not be written
 int end_signal = SIGTERM;
 
 // The request's body with line feeds shown as "\n", less a last one, so that it stays on its line.
@@ -32,45 +43,130 @@ std::string body_on_a_line(ks_io* io) {
 void show_and_reply(const char* request_name, ks_io* io, int extra_fd) {
   const std::string line = std::string(request_name) + " " + body_on_a_line(io) + "\n";
   const bool shown = write_all(STDOUT_FILENO, line.data(), line.size());
+  if (!shown && output_error == 0) output_error = errno;
   if (ks_io_alive(io)) {
     ks_io_realloc(io, 0);
     ks_io_write(io, reply_text.data(), reply_text.size());
     ks_reply(io);
   }
   ks_io_free(io);
-  if (extra_fd >= 0) close(extra_fd);
-  if (!shown || (requests_left > 0 && --requests_left == 0)) kill(getpid(), end_signal);
+  ks_discard(extra_fd);
+  // An output that the caller left closed (EBADF) was not wanted; one that fails has lost its reader.
+  const bool lost_reader = !shown && output_error != EBADF;
+  if (lost_reader || (requests_left > 0 && --requests_left == 0)) kill(getpid(), end_signal);
 }
 
-int run_serve(int argc, char** argv) {
-  const option long_options[] = {
-      {"reply", required_argument, nullptr, 'r'}, {"count", required_argument, nullptr, 'c'}, {}};
-  for (int choice; (choice = getopt_long(argc, argv, ":", long_options, nullptr)) != -1;) {
-    if (choice == 'r') {
-      reply_text = optarg;
-    } else if (choice != 'c') {
-      return wrong_option(kServeCommand, choice, argv);
-    } else if (!parse_number(optarg, kMaxSeconds, &requests_left)) {
-      return wrong_usage(kServeCommand, std::string("not a number of requests: ") + optarg);
-    }
+// Binds the socket file once, for the reason why it cannot be. It stays: the service replaces it. False with errno.
+bool try_bind(const std::string& path) {
+  struct stat status {};
+  if (lstat(path.c_str(), &status) != 0) {
+    mkdir(std::filesystem::path(path).parent_path().c_str(), 0755);  // as the framework does
+  } else if (!S_ISSOCK(status.st_mode)) {                            // a link to a socket
+    errno = EEXIST;
+    return false;
+  } else if (unlink(path.c_str()) != 0) {
+    return false;
   }
-  const char* name = only_service(kServeCommand, argc - optind, argv + optind);
-  if (name == nullptr) return kExitUsage;
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  const UniqueFd trial(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  return trial.get() >= 0 &&
+         bind(trial.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+// As many threads at once as the service has.
+bool can_start_threads() {
+  const auto until_stopped = [](const std::stop_token& stop) {
+    while (!stop.stop_requested()) std::this_thread::yield();
+  };
+  try {
+    const std::jthread producer(until_stopped);
+    const std::jthread consumer(until_stopped);
+    return true;
+  } catch (const std::system_error&) {
+    return false;
+  }
+}
+
+// Nullopt when the service's name is ours to serve; else the exit status, after a complaint.
+std::optional<int> take_over(const Service& service, bool replace) {
+  const std::string who = "serve " + std::string(service.name);
+  if (const auto over = check_service(kServeCommand, service, kDescriptors)) return over;
+  const int error = try_connect(service.path);
+  if (!replace && error != ENOENT && error != ECONNREFUSED) {
+    const bool served = error == 0 || error == EAGAIN;
+    complain(who + ": " +
+             (served ? service.path + " is served already"
+                     : "cannot tell whether " + service.path +
+                           " is served: " + std::generic_category().message(error)) +
+             "; --replace takes it over");
+    return kExitLocal;
+  }
+  if (!can_start_threads()) {
+    complain(who + ": cannot start a thread");
+    return kExitLocal;
+  }
+  if (try_bind(service.path)) return std::nullopt;
+  complain(who + ": cannot use " + service.path + ": " + std::generic_category().message(errno));
+  return kExitStatusBase + KS_STATUS_CONNECT;
+}
+
+int serve(const Service& service) {
   // Blocked before the service's threads exist, so that they only ever end the wait below.
   sigset_t ends;
   sigemptyset(&ends);
   sigaddset(&ends, SIGINT);
   sigaddset(&ends, SIGTERM);
   sigprocmask(SIG_BLOCK, &ends, nullptr);
-  ks_handle* service = ks_create(name, KS_PTHREAD_MODE | KS_STANDALONE, 1, show_and_reply);
-  ks_start(service);
+  ks_handle* handle = ks_create(service.name, KS_PTHREAD_MODE | KS_STANDALONE, 1, show_and_reply);
+  ks_start(handle);
   int signum = 0;
   sigwait(&ends, &signum);
-  ks_free(service);
-  return 0;
+  ks_free(handle);
+  if (output_error == 0) return 0;
+  errno = output_error;
+  return local_trouble(kServeCommand, "cannot write to standard output");
+}
+
+int run_serve(int argc, char** argv) {
+  bool replace = false;
+  const Option options[] = {{.name = "reply",
+                             .value = "TEXT",
+                             .help = "the reply to each request, empty unless given",
+                             .store =
+                                 [](const char* value) {
+                                   reply_text = value;
+                                   return true;
+                                 }},
+                            {.name = "count",
+                             .value = "REQUESTS",
+                             .help = "end after so many, 0: never",
+                             .store = store_number(&requests_left, kMaxSeconds)},
+                            {.name = "replace",
+                             .help = "take the socket from the process that serves it",
+                             .store = store_flag(&replace)}};
+  std::span<char*> operands;
+  if (const auto over = read_arguments(kServeCommand, options, 1, argc, argv, &operands)) return *over;
+  if (operands.empty()) return wrong_usage(kServeCommand, "a service is needed");
+  Service service;
+  if (const auto over = find_service(kServeCommand, operands[0], &service)) return *over;
+  if (const auto over = take_over(service, replace)) return *over;
+  return serve(service);
 }
 
 }  // namespace
 
 const Subcommand kServeCommand = {
-    .name = "serve", .usage = "serve [--reply TEXT] [--count REQUESTS] SERVICE", .run = run_serve};
+    .name = "serve",
+    .operands = "SERVICE",
+    .summary = "Stands in for a service until SIGINT or SIGTERM: prints each request as a line and replies.",
+    .statuses =
+        "  0   it was ended\n"
+        "  1   served by another process, or ksctl itself failed: output, descriptors or threads\n"
+        "  2   wrong usage\n"
+        "  12  the socket cannot be used\n"
+        "  17  not the name of a service\n",
+    .example = "ksctl serve --count 1 --reply '{\"result\":0}' notify",
+    .run = run_serve,
+};

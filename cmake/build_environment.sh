@@ -3,7 +3,7 @@
 
 # What install_missing looks for.
 packages='g++ cmake ninja-build pkg-config ccache libjsoncpp-dev libgtest-dev libgmock-dev
-  tini util-linux procps attr ssmtp apache2-bin python3 dpkg-dev file'
+  tini util-linux procps attr ssmtp apache2-bin python3 dpkg-dev file man-db'
 # What the preset aarch64 takes besides.
 packages_aarch64='g++-aarch64-linux-gnu libjsoncpp-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64 qemu-user-static'
 

@@ -1,0 +1,163 @@
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <thread>
+
+#include "bench/peers.h"
+#include "service/directive.h"
+
+namespace {
+
+sockaddr_un address_of(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  return address;
+}
+
+// Waits for all of `size` bytes and returns the descriptor that comes with the last one. The framework reads a record
+// and its descriptor one after the other and never waits in the reading; this is one call.
+UniqueFd receive(int sockfd, void* data, std::size_t size) {
+  iovec payload{.iov_base = data, .iov_len = size};
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+  msghdr message{};
+  message.msg_iov = &payload;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof(control);
+  check(recvmsg(sockfd, &message, MSG_WAITALL) > 0 && message.msg_controllen > 0, "receive a descriptor");
+  int fd;
+  std::memcpy(&fd, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof(fd));
+  return UniqueFd(fd);
+}
+
+template <std::size_t kCount = 1>
+void await_records(int sockfd) {
+  directive records[kCount];
+  check(recv(sockfd, records, sizeof(records), MSG_WAITALL) == sizeof(records), "await records");
+}
+
+// A record, and the byte that carries a descriptor behind it.
+struct Handover {
+  directive record;
+  char byte;
+};
+
+// Reads the body and writes it back as the reply. Each thread that serves has a buffer of its own.
+class Echo {
+ public:
+  void operator()(int memfd) {
+    const ssize_t got = pread(memfd, buffer_.get(), kLargestBody, 0);
+    check(got >= 0 && ftruncate(memfd, 0) == 0, "empty the file");
+    check(pwrite(memfd, buffer_.get(), static_cast<std::size_t>(got), 0) == got, "write the reply");
+  }
+
+ private:
+  std::unique_ptr<char[]> buffer_ = std::make_unique<char[]>(kLargestBody);
+};
+
+UniqueFd make_body(const std::string& body) {
+  UniqueFd memfd(memfd_create("floor", MFD_CLOEXEC));
+  if (body.empty()) return memfd;
+  check(write(memfd.get(), body.data(), body.size()) == static_cast<ssize_t>(body.size()), "write the body");
+  return memfd;
+}
+
+std::size_t map_reply(int memfd) {
+  struct stat status {};
+  check(fstat(memfd, &status) == 0, "fstat");
+  const auto size = static_cast<std::size_t>(status.st_size);
+  if (size == 0) return 0;
+  void* data = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, memfd, 0);
+  check(data != MAP_FAILED, "map the reply");
+  munmap(data, size);
+  return size;
+}
+
+[[noreturn]] void consume(int control) {
+  Echo echo;
+  while (true) {
+    {
+      Handover transfer;
+      const UniqueFd client = receive(control, &transfer, sizeof(transfer));
+      send_directive(control, transfer.record);
+      send_directive(client.get(), KS_DIR_ASK);
+      Handover request;
+      const UniqueFd memfd = receive(client.get(), &request, sizeof(request));
+      echo(memfd.get());
+      send_directive(client.get(), KS_DIR_DONE);
+      shutdown(client.get(), SHUT_RDWR);
+    }
+    send_directive(control, KS_DIR_READY);
+  }
+}
+
+}  // namespace
+
+UniqueFd listen_at(const std::string& path) {
+  UniqueFd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const sockaddr_un address = address_of(path);
+  check(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0, "bind");
+  check(listen(listener.get(), SOMAXCONN) == 0, "listen");
+  return listener;
+}
+
+UniqueFd connect_to(const std::string& path) {
+  UniqueFd server(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const sockaddr_un address = address_of(path);
+  check(connect(server.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0, "connect");
+  return server;
+}
+
+void serve_floor(const std::string& path) {
+  Echo echo;
+  const UniqueFd listener = listen_at(path);
+  report_ready();
+  while (true) {
+    const UniqueFd client(accept(listener.get(), nullptr, nullptr));
+    char byte;
+    const UniqueFd memfd = receive(client.get(), &byte, sizeof(byte));
+    echo(memfd.get());
+    send(client.get(), &byte, sizeof(byte), MSG_NOSIGNAL);
+  }
+}
+
+std::size_t call_floor(const std::string& path, const std::string& body) {
+  const UniqueFd memfd = make_body(body);
+  const UniqueFd server = connect_to(path);
+  send_descriptor(server.get(), memfd.get());
+  char done;
+  check(read(server.get(), &done, sizeof(done)) == sizeof(done), "await the reply");
+  return map_reply(memfd.get());
+}
+
+void serve_conversation(const std::string& path) {
+  int pair[2];
+  check(socketpair(AF_UNIX, SOCK_STREAM, 0, pair) == 0, "socketpair");
+  std::thread(consume, pair[0]).detach();
+  const UniqueFd listener = listen_at(path);
+  report_ready();
+  UniqueFd served;
+  while (true) {
+    UniqueFd client(accept(listener.get(), nullptr, nullptr));
+    // The echo and the ready of the client before: they are there by now, and have woken nobody.
+    if (served) await_records<2>(pair[1]);
+    send_directive(pair[1], KS_DIR_TRANSFER);
+    send_descriptor(pair[1], client.get());
+    served = std::move(client);
+  }
+}
+
+std::size_t call_conversation(const std::string& path, const std::string& body) {
+  const UniqueFd memfd = make_body(body);
+  const UniqueFd server = connect_to(path);
+  await_records(server.get());
+  send_directive(server.get(), KS_DIR_REQUEST);
+  send_descriptor(server.get(), memfd.get());
+  await_records(server.get());
+  return map_reply(memfd.get());
+}

@@ -1,7 +1,8 @@
 """soak_load.py MINUTES: inside the booted appliance, a mixed load on the daemon.
 
 Every command of docs/commands.md is called as shown there, at random, by several client processes at once; some of
-them are killed under way. Records go through both message queues meanwhile. After each phase of some seconds every
+them are killed under way. Records go through both message queues meanwhile, and hostile clients speak to both services,
+each of which is to be hung up on. After each phase of some seconds every
 platform program and library is told anew whether to succeed, at once or slowly, or to fail, and how. So it is known
 what each reply must be: the one that the page shows, or that command's failure. A posted record must be delivered, once
 and in order.
@@ -11,13 +12,16 @@ Prints what was served and what the daemon holds at the start, after a phase of 
 """
 
 import collections
+import fcntl
 import glob
+import hashlib
 import itertools
 import json
 import os
 import pathlib
 import random
 import re
+import socket
 import subprocess
 import sys
 import threading
@@ -62,9 +66,38 @@ FAILED = {
 }
 USUAL = '{"error_msg":"nos_%s_handler fail","result":-1}'
 
+SERVICES = "VistalServer-vistalprod", "VistalServer_send_mail-vistalprod"
+REQUEST = bytes([8, 0]) + b"test".ljust(257, b"\0")
+TWO_FILES = bytes([8, 1]) + REQUEST[2:]
+
+
+def hand_over(peer, fd):
+    socket.send_fds(peer, [b"x"], [fd])
+    os.close(fd)
+
+
+def sealed_file():
+    fd = os.memfd_create("sealed", os.MFD_CLOEXEC | os.MFD_ALLOW_SEALING)
+    fcntl.fcntl(fd, fcntl.F_ADD_SEALS, fcntl.F_SEAL_SHRINK)
+    return fd
+
+
+# What a client does once it is asked. Then, if that is true, it says that it has nothing more to send, and waits to be hung
+# up on; a silent one leaves.
+HOSTILE = {
+    "half a record": lambda peer: peer.send(REQUEST[:100]),
+    "an unknown record": lambda peer: peer.send(bytes(len(REQUEST))),
+    "no descriptor": lambda peer: peer.send(REQUEST + b"x"),
+    "a file of a disk": lambda peer: peer.send(REQUEST) and hand_over(peer, os.open(__file__, os.O_RDONLY)),
+    "a socket for a file": lambda peer: peer.send(REQUEST) and hand_over(peer, os.dup(peer.fileno())),
+    "a sealed file": lambda peer: peer.send(REQUEST) and hand_over(peer, sealed_file()),
+    "half of two files": lambda peer: peer.send(TWO_FILES) and not hand_over(peer, os.memfd_create("first")),
+    "silence": lambda peer: time.sleep(random.random() * 0.05),
+}
+
 Command = collections.namedtuple("Command", "service name body shown")
 numbers = itertools.count()
-served, killed, posted = collections.Counter(), collections.Counter(), []
+served, killed, turned_away, posted = collections.Counter(), collections.Counter(), collections.Counter(), []
 wrong = []
 
 
@@ -189,6 +222,28 @@ def post(stop):
         stop.wait(0.01)
 
 
+def attack(stop):
+    """One hostile client after another."""
+    while not stop.wait(0.02):
+        kind = random.choice(list(HOSTILE))
+        digest = hashlib.sha1(random.choice(SERVICES).encode()).hexdigest()
+        with socket.socket(socket.AF_UNIX) as peer:
+            peer.settimeout(60)
+            peer.connect(f"/var/run/ks/{int(digest[:8], 16):X}.sock")
+            try:
+                peer.recv(len(REQUEST), socket.MSG_WAITALL)
+                if HOSTILE[kind](peer):
+                    peer.shutdown(socket.SHUT_WR)
+                answer = peer.recv(1) if kind != "silence" else b""
+            except ConnectionError:
+                answer = b""
+            except TimeoutError:
+                answer = "kept waiting"
+        turned_away[kind] += 1
+        if answer != b"":
+            wrong.append((kind, [], answer))
+
+
 def state(daemon):
     status = pathlib.Path(f"/proc/{daemon}/status").read_text()
     resident = int(re.search(r"VmRSS:\s*(\d+)", status)[1])
@@ -226,8 +281,8 @@ def main():
     load = Load()
     threads = [threading.Thread(target=load.run_client) for _ in range(CLIENTS)]
     stop = threading.Event()
-    poster = threading.Thread(target=post, args=(stop,))
-    for thread in threads + [poster]:
+    threads += [threading.Thread(target=target, args=(stop,)) for target in (post, attack)]
+    for thread in threads:
         thread.start()
     start, end = None, time.monotonic() + minutes * 60
     for phase in itertools.count():
@@ -240,7 +295,7 @@ def main():
             break
         load.barrier.wait()
     stop.set()
-    for thread in threads + [poster]:
+    for thread in threads:
         thread.join()
     deadline = time.monotonic() + 20
     while len(received(events)) < len(posted) and time.monotonic() < deadline:
@@ -253,10 +308,11 @@ def main():
     queues_right = all([n for n in arrived if n % 2 == odd] == [n for n in posted if n % 2 == odd] for odd in (0, 1))
     print(f"requests answered: {sum(served.values())} ({', '.join(f'{n} {what}' for what, n in served.most_common())})")
     print(f"clients killed: {sum(killed.values())} ({', '.join(f'{n} {what}' for what, n in killed.most_common())})")
+    print(f"hostile clients: {sum(turned_away.values())} ({', '.join(f'{n} {what}' for what, n in turned_away.most_common())})")
     print(f"records: {len(posted)} posted, {len(arrived)} delivered{'' if queues_right else ', NOT as posted'}")
     print(f"lost or wrong replies: {len(wrong)}")
-    for command, steps, result in wrong[:10]:
-        print(f"  {command.service} {command.name} with {steps}: {result!r}")
+    for what, steps, result in wrong[:10]:
+        print(f"  {' '.join(what[:2]) if isinstance(what, Command) else what} with {steps}: {result!r}")
     for when, (resident, descriptors, running) in ("start", start), ("end", finish):
         print(f"{when}: {resident} KiB resident, {descriptors} descriptors, {running} threads")
     grown = finish[0] > start[0] + GROWTH_KIB or finish[1] > start[1] or finish[2] > start[2]

@@ -1,13 +1,14 @@
 """bench.py PEERS PROGRAM [--quick]: measures the tables of docs/performance.md and prints them as Markdown.
 
-PEERS is the program of peers.cpp, PROGRAM one that exits at once. Belongs into the simulated appliance, where the daemon
-can be started and a platform program replaced; bench/run brings it there.
+PEERS is the program of peers.cpp, PROGRAM one that exits at once. Runs in the simulated appliance, where the daemon can
+be started and a platform program replaced.
 
 Times change with the machine from minute to minute. So the columns of one row take turns in short slices, and whatever
 disturbs one of them disturbs them all; what counts is the ratios.
 """
 
 import array
+import collections
 import contextlib
 import math
 import os
@@ -24,6 +25,7 @@ QUICK = "--quick" in sys.argv
 # Seconds of a turn, number of turns, and the seconds after which a column that makes long calls gets no more of them.
 TURN, TURNS, MOST = (0.02, 3, 0.3) if QUICK else (0.1, 6, 1.5)
 BODIES = [0, 200, 4 * KIB, 64 * KIB, MIB] + ([] if QUICK else [16 * MIB, 64 * MIB])
+SUMMARY = [200, 64 * KIB, MIB if QUICK else 16 * MIB]  # bodies that the first table shows
 PLACEMENTS = [(1, 1), (1, 2), (8, 2)]  # clients, cores
 
 COLUMNS = {  # what peers.cpp calls it, and the table
@@ -45,19 +47,6 @@ TARGETS = [  # columns to compare, limit, bodies, cores
     ("ks_ez_call", "daemon", 1.0, range(0, 64 * MIB + 1), [1, 2]),
 ]
 COMMAND_TARGET = 1.1  # of a plain fork and exec
-
-DBUS_DAEMON = """<busconfig>
-  <type>bench</type>
-  <listen>unix:path={}</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow send_destination="*"/> <allow receive_sender="*"/> <allow own="*"/> <allow user="*"/>
-  </policy>
-  <limit name="max_message_size">134217728</limit>
-  <limit name="max_incoming_bytes">2000000000</limit>
-  <limit name="max_outgoing_bytes">2000000000</limit>
-</busconfig>
-"""
 
 
 @contextlib.contextmanager
@@ -111,38 +100,20 @@ def quantile(values, share):
     return sorted(values)[max(math.ceil(share * len(values)), 1) - 1]
 
 
-def median(values):
-    return quantile(values, 0.5)
+def medians(results):
+    return {contender: quantile(each, 0.5) for contender, each in results.items()}
 
 
-def size_text(size):
-    return f"{size // MIB} MiB" if size >= MIB else f"{size // KIB} KiB" if size >= KIB else f"{size} B"
+# ---- Measurements
 
-
-def print_row(*cells):
-    print("|", " | ".join(cells), "|", flush=True)
-
-
-def print_head(*cells, left=1):
-    print_row(*cells)
-    print_row(*["---"] * left, *["--:"] * (len(cells) - left))
-
-
-# ---- What a call costs
-
-worst = {}  # of each target: measured ratio and row
-
-
-def hold(target, limit, measured, row):
-    worst[target] = max(worst.get(target, (0, limit, "")), (measured, limit, row))
+Row = collections.namedtuple("Row", "clients cores size median slowest rate")  # the last two of ks_call
 
 
 def measure_placement(clients, cores):
     with contextlib.ExitStack() as stack:
         directory = stack.enter_context(tempfile.TemporaryDirectory())
-        configuration = pathlib.Path(directory, "daemon.conf")
-        configuration.write_text(DBUS_DAEMON.format(f"{directory}/daemon"))
-        stack.enter_context(process("dbus-daemon", "--nofork", "--print-address", f"--config-file={configuration}"))
+        bus = f"unix:path={directory}/daemon"
+        stack.enter_context(process("dbus-daemon", "--session", "--nofork", "--print-address", f"--address={bus}"))
         stack.enter_context(process("vistalprod", ready=False))
         for role in "broker", "on_broker", "on_daemon", "floor", "conversation", "echo":
             stack.enter_context(process(PEERS, role, directory))
@@ -150,35 +121,18 @@ def measure_placement(clients, cores):
         turn(callers, "test")  # the daemon is up
         for size in BODIES:
             results = compare(callers, COLUMNS, size)
-            ours, floor = results["ks_call"], median(results["floor"])
-            print_row(
-                f"{clients} on {cores}",
-                size_text(size),
-                f"{floor * 1e6:.1f}",
-                f"{median(ours) * 1e6:.1f}",
-                f"{quantile(ours, 0.99) * 1e6:.1f}",
-                f"{clients * len(ours) / sum(ours):.0f}",
-                *(f"{median(results[column]) / floor:.2f}" for column in list(COLUMNS)[1:]),
-            )
-            for own, other, limit, bodies, where in TARGETS:
-                if size in bodies and cores in where:
-                    name = f"{COLUMNS[own]} ÷ {COLUMNS[other]}, {size_text(bodies[0])} to {size_text(bodies[-1])}"
-                    name += f", {where[0]} core{'s' if where[0] > 1 else ''}" if len(where) == 1 else ""
-                    ratio = median(results[own]) / median(results[other])
-                    hold(name, limit, ratio, f"{clients} on {cores}, {size_text(size)}")
+            ours = results["ks_call"]
+            row = Row(clients, cores, size, medians(results), quantile(ours, 0.99), clients * len(ours) / sum(ours))
+            print(row_text(row), file=sys.stderr)
+            yield row
 
 
 def measure_calls():
-    print_head("clients on cores", "body", "floor µs", "`ks_call` µs", "99 % µs", "calls per second",
-               *list(COLUMNS.values())[1:])
     allowed = sorted(os.sched_getaffinity(0))
     for clients, cores in PLACEMENTS:
         os.sched_setaffinity(0, allowed[-cores:])  # all that is started from here on keeps to them
-        measure_placement(clients, min(cores, len(allowed)))
+        yield from measure_placement(clients, min(cores, len(allowed)))
     os.sched_setaffinity(0, allowed)
-
-
-# ---- What the daemon costs around a call
 
 
 def resident(pid):
@@ -187,35 +141,94 @@ def resident(pid):
 
 
 def measure_costs():
+    """What the daemon costs beside a call: medians, and rows about its memory."""
     shutil.copy(PROGRAM, "/sbin/share_guard")
-    print_head("what", "figure", "against")
     with process("vistalprod", ready=False) as daemon, process(PEERS, "client", "/") as client:
         turn([client], "test")
         idle, own = resident(daemon.pid)
         requests = len(turn([client], "test", 200, 0.5 if QUICK else 10))
         after = resident(daemon.pid)[0]
-        print_row("resident size, idle", f"{idle} KiB", f"of that its own: {own} KiB")
-        print_row(f"resident size, after {requests} requests", f"{after} KiB", f"grown by {after - idle} KiB")
-        results = compare([client], ["fork", "command", "relay", "test"])
-    for what, contender, base, against in (
-        ("command `system_call_share_guard_add`, whole call", "command", "fork", "plain fork and exec"),
-        ("event, from posting to the notification service", "relay", "test", "call of `test`"),
-    ):
-        ratio = median(results[contender]) / median(results[base])
-        print_row(what, f"{median(results[contender]) * 1e6:.0f} µs",
-                  f"{against} {median(results[base]) * 1e6:.0f} µs: {ratio:.2f}")
-        if contender == "command":
-            hold("command that runs a program ÷ plain fork and exec", COMMAND_TARGET, ratio, "below")
+        return medians(compare([client], ["fork", "command"])), [
+            ("resident size, idle", f"{idle} KiB", f"of that its own: {own} KiB"),
+            (f"resident size, after {requests} requests", f"{after} KiB", f"grown by {after - idle} KiB"),
+        ]
 
 
-def print_targets():
-    print_head("target", "at most", "worst", "in the row", "")
-    for target, (measured, limit, row) in worst.items():
-        print_row(target, f"{limit:.2f}", f"{measured:.2f}", row, "met" if measured <= limit else "**missed**")
+# ---- Tables
 
 
-measure_calls()
-print()
-measure_costs()
-print()
-print_targets()
+def size_text(size):
+    return f"{size // MIB} MiB" if size >= MIB else f"{size // KIB} KiB" if size >= KIB else f"{size} B"
+
+
+def time_text(seconds):
+    return f"{seconds * 1e6:.0f} µs" if seconds < 1e-3 else f"{seconds * 1e3:.1f} ms"
+
+
+def row_text(row):
+    return f"{row.clients} on {row.cores}, {size_text(row.size)}"
+
+
+def print_table(head, rows, text_columns=2):
+    for cells in head, ["---"] * text_columns + ["--:"] * (len(head) - text_columns), *rows:
+        print("|", " | ".join(cells), "|")
+    print()
+
+
+def print_summary(rows):
+    columns = ["ks_ez_call", "broker", "daemon", "kept"]
+    print_table(
+        ["body", "clients", *(COLUMNS[column] for column in columns)],
+        (
+            [size_text(row.size), str(row.clients), *(time_text(row.median[column]) for column in columns)]
+            for size in SUMMARY
+            for row in rows
+            if row.size == size and row.cores > 1
+        ),
+    )
+
+
+def print_targets(rows, costs):
+    table = []
+    for own, other, limit, bodies, cores in TARGETS:
+        held = [row for row in rows if row.size in bodies and row.cores in cores]
+        if held:
+            worst = max(held, key=lambda row: row.median[own] / row.median[other])
+            name = f"{COLUMNS[own]} ÷ {COLUMNS[other]}, {size_text(bodies[0])} to {size_text(bodies[-1])}"
+            name += {1: ", one core", 2: ", two cores"}[cores[0]] if len(cores) == 1 else ""
+            table.append((name, row_text(worst), limit, worst.median[own] / worst.median[other]))
+    ratio = costs["command"] / costs["fork"]
+    table.append(("command that runs a program ÷ plain fork and exec", "", COMMAND_TARGET, ratio))
+    print_table(
+        ["target", "worst row", "at most", "measured", ""],
+        (
+            [target, worst, f"{limit:.2f}", f"{ratio:.2f}", "met" if ratio <= limit else "missed"]
+            for target, worst, limit, ratio in table
+        ),
+    )
+
+
+def print_calls(rows):
+    print_table(
+        ["clients on cores", "body", "floor", "`ks_call`", "99 %", "calls per second", *list(COLUMNS.values())[1:]],
+        (
+            [f"{row.clients} on {row.cores}", size_text(row.size), time_text(row.median["floor"])]
+            + [time_text(row.median["ks_call"]), time_text(row.slowest), f"{row.rate:.0f}"]
+            + [f"{row.median[column] / row.median['floor']:.2f}" for column in list(COLUMNS)[1:]]
+            for row in rows
+        ),
+    )
+
+
+def print_costs(costs, memory):
+    command = "command `system_call_share_guard_add`, whole call", time_text(costs["command"])
+    against = f"plain fork and exec {time_text(costs['fork'])}"
+    print_table(["what", "figure", "against"], [*memory, (*command, against)], text_columns=1)
+
+
+all_rows = list(measure_calls())
+daemon_costs, daemon_memory = measure_costs()
+print_summary(all_rows)
+print_targets(all_rows, daemon_costs)
+print_calls(all_rows)
+print_costs(daemon_costs, daemon_memory)

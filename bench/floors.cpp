@@ -12,11 +12,15 @@
 
 namespace {
 
-sockaddr_un address_of(const std::string& path) {
+// A socket that has been bound or connected to the socket file.
+UniqueFd socket_at(const std::string& path, int (*attach)(int, const sockaddr*, socklen_t)) {
+  UniqueFd sockfd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-  return address;
+  check(attach(sockfd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0,
+        path.c_str());
+  return sockfd;
 }
 
 // Waits for all of `size` bytes and returns the descriptor that comes with the last one. The framework reads a record
@@ -35,10 +39,10 @@ UniqueFd receive(int sockfd, void* data, std::size_t size) {
   return UniqueFd(fd);
 }
 
-template <std::size_t kCount = 1>
-void await_records(int sockfd) {
-  directive records[kCount];
-  check(recv(sockfd, records, sizeof(records), MSG_WAITALL) == sizeof(records), "await records");
+void await_records(int sockfd, std::size_t count) {
+  directive records[2];
+  const std::size_t size = count * sizeof(directive);
+  check(recv(sockfd, records, size, MSG_WAITALL) == static_cast<ssize_t>(size), "await records");
 }
 
 // A record, and the byte that carries a descriptor behind it.
@@ -57,7 +61,7 @@ class Echo {
   }
 
  private:
-  std::unique_ptr<char[]> buffer_ = std::make_unique<char[]>(kLargestBody);
+  std::unique_ptr<char[]> buffer_ = std::make_unique_for_overwrite<char[]>(kLargestBody);
 };
 
 UniqueFd make_body(const std::string& body) {
@@ -99,18 +103,9 @@ std::size_t map_reply(int memfd) {
 }  // namespace
 
 UniqueFd listen_at(const std::string& path) {
-  UniqueFd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const sockaddr_un address = address_of(path);
-  check(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0, "bind");
+  UniqueFd listener = socket_at(path, bind);
   check(listen(listener.get(), SOMAXCONN) == 0, "listen");
   return listener;
-}
-
-UniqueFd connect_to(const std::string& path) {
-  UniqueFd server(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const sockaddr_un address = address_of(path);
-  check(connect(server.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0, "connect");
-  return server;
 }
 
 void serve_floor(const std::string& path) {
@@ -128,7 +123,7 @@ void serve_floor(const std::string& path) {
 
 std::size_t call_floor(const std::string& path, const std::string& body) {
   const UniqueFd memfd = make_body(body);
-  const UniqueFd server = connect_to(path);
+  const UniqueFd server = socket_at(path, connect);
   send_descriptor(server.get(), memfd.get());
   char done;
   check(read(server.get(), &done, sizeof(done)) == sizeof(done), "await the reply");
@@ -145,7 +140,7 @@ void serve_conversation(const std::string& path) {
   while (true) {
     UniqueFd client(accept(listener.get(), nullptr, nullptr));
     // The echo and the ready of the client before: they are there by now, and have woken nobody.
-    if (served) await_records<2>(pair[1]);
+    if (served) await_records(pair[1], 2);
     send_directive(pair[1], KS_DIR_TRANSFER);
     send_descriptor(pair[1], client.get());
     served = std::move(client);
@@ -154,10 +149,10 @@ void serve_conversation(const std::string& path) {
 
 std::size_t call_conversation(const std::string& path, const std::string& body) {
   const UniqueFd memfd = make_body(body);
-  const UniqueFd server = connect_to(path);
-  await_records(server.get());
+  const UniqueFd server = socket_at(path, connect);
+  await_records(server.get(), 1);
   send_directive(server.get(), KS_DIR_REQUEST);
   send_descriptor(server.get(), memfd.get());
-  await_records(server.get());
+  await_records(server.get(), 1);
   return map_reply(memfd.get());
 }

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -13,8 +12,6 @@
 #include <iterator>
 #include <vector>
 
-#include "daemon/event_records.h"
-#include "daemon/msg_queue_listener.h"
 #include "handlers/service_names.h"
 #include "service/ks.h"
 
@@ -36,7 +33,7 @@ struct FreeBuffer {
 // ---- The echo by the framework
 
 void echo(const char*, ks_io* io, int) {
-  thread_local const auto buffer = std::make_unique<char[]>(kLargestBody);
+  thread_local const auto buffer = std::make_unique_for_overwrite<char[]>(kLargestBody);
   const ssize_t got = pread(ks_io_fd(io), buffer.get(), kLargestBody, 0);
   check(got >= 0, "echo reads");
   ks_io_realloc(io, 0);
@@ -52,18 +49,6 @@ void serve_echo(const std::string& directory) {
 }
 
 // ---- The client
-
-struct Client {
-  std::string directory;
-  std::string body;
-  Bus kept;
-
-  std::string path(const char* name) const { return directory + "/" + name; }
-  const Bus& kept_bus() {
-    if (!kept) kept = connect_bus(path("broker"));
-    return kept;
-  }
-};
 
 // Waits for a service that is not there yet.
 std::size_t call_service(const std::string& service, const char* request, const std::string& body) {
@@ -99,53 +84,38 @@ bool fork_and_exec(const char* program) {
   return waitpid(pid, &status, 0) == pid && status == 0;
 }
 
-std::atomic<std::uint32_t> notified = 0;
-
-void take_notification(const char*, ks_io* io, int) {
-  ks_reply(io);
-  ks_io_free(io);
-  ++notified;
-  notified.notify_all();
-}
-
-// Posts an event and waits until the daemon has relayed it to this process, which serves the notifications.
-bool relay_event() {
-  static ks_handle* service = nullptr;
-  if (service == nullptr) {
-    service = ks_create(kNotifyServiceName, KS_STANDALONE | KS_PTHREAD_MODE, kWorkers, take_notification);
-    ks_start(service);
-  }
-  NotifyMessage message{.type = 1, .bus_type = 3, .bus_action = 4, .return_flag = 1, .extra_info = {}};
-  const std::uint32_t before = notified;
-  if (msg_queue_send(kEventQueueKey, &message, kNotifyMessageSize) != 0) return false;
-  notified.wait(before);
-  return true;
-}
+using Text = const std::string&;
 
 struct Contender {
   const char* name;
-  bool (*call)(Client& client);  // whether the reply was as expected
+  bool (*call)(Text dir, Text body);  // whether the reply was as expected
 };
 constexpr Contender kContenders[] = {
-    {"floor", [](Client& c) { return call_floor(c.path("floor"), c.body) == c.body.size(); }},
+    {"floor", [](Text dir, Text body) { return call_floor(dir + "/floor", body) == body.size(); }},
     {"conversation",
-     [](Client& c) { return call_conversation(c.path("conversation"), c.body) == c.body.size(); }},
+     [](Text dir, Text body) { return call_conversation(dir + "/conversation", body) == body.size(); }},
     {"ks_call",
-     [](Client& c) { return call_service("@" + c.path("echo"), "echo", c.body) == c.body.size(); }},
-    {"ks_ez_call", [](Client& c) { return ez_call_service("@" + c.path("echo"), c.body) == c.body.size(); }},
-    {"broker", [](Client& c) { return call_bus(connect_bus(c.path("broker")), c.body) == c.body.size(); }},
-    {"daemon", [](Client& c) { return call_bus(connect_bus(c.path("daemon")), c.body) == c.body.size(); }},
-    {"kept", [](Client& c) { return call_bus(c.kept_bus(), c.body) == c.body.size(); }},
-    {"test", [](Client& c) { return call_service(kMainServiceName, "test", c.body) > 0; }},
-    {"command", [](Client&) { return call_service(kMainServiceName, kCommand, kCommandBody) > 0; }},
-    {"fork", [](Client&) { return fork_and_exec(kProgram); }},
-    {"relay", [](Client&) { return relay_event(); }},
+     [](Text dir, Text body) { return call_service("@" + dir + "/echo", "echo", body) == body.size(); }},
+    {"ks_ez_call",
+     [](Text dir, Text body) { return ez_call_service("@" + dir + "/echo", body) == body.size(); }},
+    {"broker",
+     [](Text dir, Text body) { return call_bus(connect_bus(dir + "/broker"), body) == body.size(); }},
+    {"daemon",
+     [](Text dir, Text body) { return call_bus(connect_bus(dir + "/daemon"), body) == body.size(); }},
+    {"kept",
+     [](Text dir, Text body) {
+       static const Bus kept = connect_bus(dir + "/broker");
+       return call_bus(kept, body) == body.size();
+     }},
+    {"test", [](Text, Text body) { return call_service(kMainServiceName, "test", body) > 0; }},
+    {"command", [](Text, Text) { return call_service(kMainServiceName, kCommand, kCommandBody) > 0; }},
+    {"fork", [](Text, Text) { return fork_and_exec(kProgram); }},
 };
 
 // Takes orders of a contender, a body's size and the least number of seconds to go on, and answers with a line that has
 // the number of calls and the seconds of each as so many doubles.
 void run_client(const std::string& directory) {
-  Client client{.directory = directory, .body = {}, .kept = {}};
+  std::string body;
   std::vector<double> each;
   char name[32];
   std::size_t size;
@@ -156,14 +126,14 @@ void run_client(const std::string& directory) {
         std::find_if(std::begin(kContenders), std::end(kContenders),
                      [&name](const Contender& one) { return std::strcmp(one.name, name) == 0; });
     check(contender != std::end(kContenders), name);
-    client.body.resize(size, 'x');
+    body.resize(size, 'x');
     each.clear();
     using Clock = std::chrono::steady_clock;
     const auto end = Clock::now() + std::chrono::duration<double>(seconds);
     Clock::time_point begin;
     do {
       begin = Clock::now();
-      check(contender->call(client), name);
+      check(contender->call(directory, body), name);
       each.push_back(std::chrono::duration<double>(Clock::now() - begin).count());
     } while (Clock::now() < end);
     std::printf("%zu\n", each.size());

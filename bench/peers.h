@@ -19,8 +19,8 @@ void check(bool succeeded, const char* operation);
 // Tells bench.py by a line on standard output that clients can connect.
 void report_ready();
 
+// Listens on the socket file `path`.
 UniqueFd listen_at(const std::string& path);
-UniqueFd connect_to(const std::string& path);
 
 // ---- Floors
 //

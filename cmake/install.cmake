@@ -25,7 +25,7 @@ install(FILES packaging/vistalprod.service DESTINATION lib/systemd/system COMPON
 install_compressed(daemon docs/vistalprod.8 ${CMAKE_INSTALL_MANDIR}/man8)
 install_compressed(daemon docs/vistalprod.sh.8 ${CMAKE_INSTALL_MANDIR}/man8)
 install_compressed(daemon docs/ksctl.1 ${CMAKE_INSTALL_MANDIR}/man1)
-install(FILES docs/commands.md docs/operations.md docs/protocol.md
+install(FILES NEWS.md docs/commands.md docs/operations.md docs/protocol.md
   DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/vistalprod COMPONENT daemon)
 install(PROGRAMS examples/client.py DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/vistalprod/examples COMPONENT daemon)
 install(FILES packaging/ksctl.bash RENAME ksctl

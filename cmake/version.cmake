@@ -9,6 +9,7 @@ endfunction()
 
 require_line(service/ks.h "#define KS_VERSION \"${PROJECT_VERSION}\"")
 require_line(NEWS.md "## ${PROJECT_VERSION}")
+require_line(packaging/debian/changelog "vistalprod \\(${PROJECT_VERSION}\\)")
 file(GLOB pages RELATIVE ${PROJECT_SOURCE_DIR} docs/*.[1-8])
 foreach(page ${pages})
   require_line(${page} ".Os vistalprod ${PROJECT_VERSION}")

@@ -28,7 +28,7 @@
 #include "daemon/command_tables.h"
 #include "daemon/lent_output.h"
 #include "daemon/parked_requests.h"
-#include "daemon/unique_io.h"
+#include "service/unique_io.h"
 #include "handlers/handler.h"
 
 namespace {

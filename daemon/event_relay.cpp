@@ -15,7 +15,7 @@
 #include "common/log.h"
 #include "common/text.h"
 #include "daemon/event_records.h"
-#include "daemon/unique_io.h"
+#include "service/unique_io.h"
 #include "handlers/service_names.h"
 #include "service/ks.h"
 

@@ -7,7 +7,7 @@
 #include <map>
 #include <mutex>
 
-#include "daemon/unique_io.h"
+#include "service/unique_io.h"
 
 // Keeps the connections of requests whose command is unknown, and releases each when its client leaves. Beyond kMost the
 // oldest is hung up on, so that a client cannot use the daemon's descriptors up. Lives until the process ends. Any thread.

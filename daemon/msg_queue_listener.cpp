@@ -12,10 +12,6 @@ namespace {
 
 constexpr int kQueueMode = 0644;
 
-constexpr int kNoQueue = 101;
-constexpr int kUnusableQueue = 100;
-constexpr int kNotSent = 102;
-
 }  // namespace
 
 MsgQueueListener::MsgQueueListener(std::uint32_t key, Callback callback, std::uint64_t msg_size)
@@ -62,10 +58,4 @@ void MsgQueueListener::receive() {
     std::fprintf(stderr, "msgrcv Error：%s(%d), msgid:%d\n", strerror_r(error, text, sizeof(text)), error,
                  queue_id_);
   }
-}
-
-int msg_queue_send(std::uint32_t key, const void* msgp, std::size_t msgsz) {
-  const int queue = msgget(static_cast<key_t>(key), 0);
-  if (queue == -1) return errno == ENOENT ? kNoQueue : kUnusableQueue;
-  return msgsnd(queue, msgp, msgsz, IPC_NOWAIT) == 0 ? 0 : kNotSent;
 }

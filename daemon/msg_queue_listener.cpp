@@ -2,21 +2,56 @@
 
 #include <sys/ipc.h>
 #include <sys/msg.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 #include <vector>
+
+#include "common/log.h"
 
 namespace {
 
 constexpr int kQueueMode = 0644;
+constexpr int kAllModeBits = 0777;
+constexpr int kMaxAttempts =
+    1000;  // another user who keeps making the queue may be faster many times in a row
+
+// The creator counts as well as the owner: both may receive, change the mode and remove the queue.
+bool is_ours(const ipc_perm& permissions) {
+  const uid_t self = geteuid();
+  return permissions.uid == self && permissions.cuid == self &&
+         (permissions.mode & kAllModeBits & ~kQueueMode) == 0;
+}
+
+// Opens or makes the queue. One that another user has made before us, or that more users may write to than
+// ours allows, is removed and made anew. -1 when it cannot be had.
+int open_own_queue(key_t key) {
+  bool logged = false;
+  for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
+    const int queue = msgget(key, IPC_CREAT | kQueueMode);
+    if (queue == -1) return -1;
+    msqid_ds state{};
+    if (msgctl(queue, IPC_STAT, &state) != 0) continue;  // removed by its owner meanwhile
+    const ipc_perm& permissions = state.msg_perm;
+    if (is_ours(permissions)) return queue;
+    if (!std::exchange(logged, true)) {
+      LOG_AT("MsgQueueListener", "queue %d of user %d, made by %d, mode %o: removed.", key,
+             static_cast<int>(permissions.uid), static_cast<int>(permissions.cuid),
+             static_cast<unsigned>(permissions.mode & kAllModeBits));
+    }
+    msgctl(queue, IPC_RMID, nullptr);
+  }
+  return -1;
+}
 
 }  // namespace
 
 MsgQueueListener::MsgQueueListener(std::uint32_t key, Callback callback, std::uint64_t msg_size)
     : msg_size_(msg_size),
-      queue_id_(msgget(static_cast<key_t>(key), IPC_CREAT | kQueueMode)),
+      queue_id_(open_own_queue(static_cast<key_t>(key))),
       key_(key),
       callback_(callback) {}
 

@@ -10,7 +10,8 @@
 // Receives the messages of one queue, one at a time, and passes each to a callback on its own thread.
 //
 // The queue is created or opened by the constructor and removed by Stop(), with whatever it still holds. A
-// queue that somebody else removes ends the thread in silence. Any other failure to receive (among them a
+// queue that another user made first, or that others may write to, is replaced by an empty one of our own, after a
+// line in the log. A queue that somebody else removes ends the thread in silence. Any other failure to receive (among them a
 // message longer than `msg_size`, which stays in the queue) is one line on standard error and another try at
 // once.
 //

@@ -72,6 +72,46 @@ TEST(StartUp, ProgramsStartInTheOrdinaryState) {
             read_file("/tmp/probe"));
 }
 
+// Makes both queues again and again, as another user where there is one to become, until it is destroyed.
+class QueueSquatter {
+ public:
+  QueueSquatter() : pid_(fork()) {
+    if (pid_ != 0) return;
+    const bool other = setuid(kOtherUser) == 0;
+    for (;;) {
+      for (const std::uint32_t key : {kEventQueueKey, kLogQueueKey})
+        msgget(static_cast<key_t>(key), IPC_CREAT | (other ? 0644 : 0666));
+    }
+  }
+  QueueSquatter(const QueueSquatter&) = delete;
+  QueueSquatter& operator=(const QueueSquatter&) = delete;
+  ~QueueSquatter() {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+
+ private:
+  static constexpr uid_t kOtherUser = 65534;
+  const pid_t pid_;
+};
+
+TEST(StartUp, QueuesOfAnotherUserAreReplaced) {
+  const auto queue = [](std::uint32_t key) { return msgget(static_cast<key_t>(key), 0); };
+  for (const std::uint32_t key : {kEventQueueKey, kLogQueueKey}) msgctl(queue(key), IPC_RMID, nullptr);
+  const QueueSquatter squatter;
+  EXPECT_TRUE(eventually([&] { return queue(kLogQueueKey) != -1; }));
+  const std::size_t log = read_file(kLogFile).size();
+  const Daemon daemon;
+  for (const std::uint32_t key : {kEventQueueKey, kLogQueueKey}) {
+    msqid_ds state{};
+    EXPECT_EQ(msgctl(queue(key), IPC_STAT, &state), 0);
+    EXPECT_EQ(state.msg_perm.cuid, geteuid());
+    EXPECT_EQ(state.msg_perm.mode, 0644);
+    EXPECT_THAT(read_file(kLogFile).substr(log),
+                testing::HasSubstr("] queue " + std::to_string(key) + " of user "));
+  }
+}
+
 // A client that has been asked, and says nothing: it holds a worker.
 Peer silent_client() {
   Peer client{std::string(kMainSocket)};

@@ -194,6 +194,10 @@ void wait_until_started(ks_handle* handle) {
 
 void free_all_obj() {
   LOG_AT("free_all_obj", "is_terminate");
+  // Both at once: the records under way then take their time beside each other, not one after the other.
+  for (const auto* const listener : {&event_listener, &log_listener}) {
+    if (*listener != nullptr) (*listener)->Close();
+  }
   stop_listener(event_listener);
   stop_listener(log_listener);
   ks_free(ks_service_handle);

@@ -64,9 +64,12 @@ int MsgQueueListener::Start() {
   return 0;
 }
 
+void MsgQueueListener::Close() {
+  if (!stop_.exchange(true) && queue_id_ != -1) msgctl(queue_id_, IPC_RMID, nullptr);
+}
+
 int MsgQueueListener::Stop() {
-  stop_ = true;
-  if (queue_id_ != -1) msgctl(queue_id_, IPC_RMID, nullptr);
+  Close();
   if (thread_ != 0) pthread_join(thread_, nullptr);
   thread_ = 0;
   return 0;

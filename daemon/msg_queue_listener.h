@@ -30,17 +30,20 @@ class MsgQueueListener {
 
   // Starts the thread. Always 0.
   int Start();
-  // Removes the queue and waits until the callback that may be running has returned. Always 0.
+  // Removes the queue without waiting. Only a message that has been received already is still passed on.
+  void Close();
+  // Closes and waits until the callback that may be running has returned. Always 0.
   int Stop();
 
  private:
   static void* run(void* self);
   void receive();
+  void deliver(void* message);
 
   pthread_t thread_ = 0;  // 0: none
   std::uint64_t msg_size_;
-  std::int32_t queue_id_;               // -1: the queue could not be had
-  [[maybe_unused]] std::uint32_t key_;  // for whoever looks at the object in a debugger
+  std::int32_t queue_id_;  // -1: the queue could not be had
+  std::uint32_t key_;
   std::atomic<bool> stop_{false};
   Callback callback_;
 };

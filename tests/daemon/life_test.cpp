@@ -2,6 +2,7 @@
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -169,6 +170,29 @@ TEST(Stop, AnUnfinishedRequestDoesNotHoldItUpForEver) {
   EXPECT_EQ(send(unfinished.request("test").fd(), "!", 1, MSG_OOB), 1);
   EXPECT_EQ(daemon.stop(), 0);
   expect_nothing_left();
+}
+
+// The notification service does not answer. Both queues go while their records are under way: the time limits of the
+// two run beside each other, and no third record is begun.
+TEST(Stop, ClosesBothQueuesBeforeItWaitsForTheirRecords) {
+  const sockaddr_un address{.sun_family = AF_UNIX, .sun_path = "/var/run/ks/99C31FE9.sock"};
+  Daemon daemon;
+  const Fd service(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(bind(service, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(service, 2), 0);
+  std::vector<Peer> relays;
+  const LogMessage message{.type = 1, .event = {}, .connection = {}};
+  for (const auto& [key, size] :
+       {std::pair(kEventQueueKey, kNotifyMessageSize), {kLogQueueKey, kLogMessageSize}}) {
+    EXPECT_EQ(msg_queue_send(key, &message, size), 0);
+    relays.emplace_back(accept4(service, nullptr, nullptr, SOCK_CLOEXEC));
+  }
+  kill(daemon.pid(), SIGTERM);
+  EXPECT_TRUE(eventually([] { return msgget(static_cast<key_t>(kLogQueueKey), 0) == -1; }));
+  EXPECT_FALSE(readable(relays.front().fd(), 0)) << "the event's time limit has run out before";
+  relays.clear();
+  EXPECT_EQ(daemon.wait(), 0);
+  unlink(address.sun_path);
 }
 
 // Each time told twice, with both workers busy: with handlers, which end first, or with silent clients, who

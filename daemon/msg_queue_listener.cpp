@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <utility>
 #include <vector>
 
@@ -80,13 +81,22 @@ void* MsgQueueListener::run(void* self) {
   return nullptr;
 }
 
+// A record for which there is no memory costs that record only.
+void MsgQueueListener::deliver(void* message) {
+  try {
+    callback_(message);
+  } catch (const std::exception& error) {
+    LOG_AT("MsgQueueListener", "a record of queue %u was dropped: %s", key_, error.what());
+  }
+}
+
 void MsgQueueListener::receive() {
   std::vector<char> block(sizeof(long) + msg_size_ + 1);  // and a NUL behind it
   while (!stop_) {
     const ssize_t received = msgrcv(queue_id_, block.data(), msg_size_, 0, 0);
     if (received >= 0) {
       std::memset(block.data() + sizeof(long) + received, 0, msg_size_ - static_cast<std::size_t>(received));
-      callback_(block.data());
+      deliver(block.data());
       continue;
     }
     // An identifier that was good and is no longer known: the queue went while nobody waited on it.

@@ -20,7 +20,8 @@ class MsgQueueListener {
  public:
   // Gets the whole block: 8 bytes of message type, then `msg_size` bytes of payload. What a shorter message
   // lacks is zero, and the byte behind the block is a NUL, so that a text in it always ends. The block is the
-  // listener's; it holds the next message after the callback has returned. The result is ignored.
+  // listener's; it holds the next message after the callback has returned. The result is ignored. A callback
+  // that throws drops its message, with a line in the log.
   using Callback = int (*)(void* message);
 
   // A failure to open the queue is not reported here; the thread will say so.

@@ -1,8 +1,10 @@
 // From a record in a message queue to a request at the notification service.
+#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <new>
 #include <sstream>
 
 #include "daemon/event_records.h"
@@ -55,6 +57,18 @@ void post_log(std::int64_t type, std::int64_t time) {
   message.type = type;
   message.event.time = message.connection.time = time;
   post(kLogQueueKey, &message, kLogMessageSize);
+}
+
+TEST(Listener, ACallbackThatThrowsCostsItsRecordOnly) {
+  constexpr std::uint32_t kKey = 0x7e57;
+  static std::atomic<int> calls{0};
+  MsgQueueListener listener(
+      kKey, [](void*) { return calls++ == 0 ? throw std::bad_alloc() : 0; }, 8);
+  listener.Start();
+  const long message[2] = {1, 0};
+  for (int i = 0; i < 2; ++i) post(kKey, message, 8);
+  EXPECT_TRUE(eventually([] { return calls == 2; }));
+  listener.Stop();
 }
 
 class Relay : public DaemonTest {};

@@ -1,49 +1,110 @@
+// Of several processes that come up at the same time, each sees the others in /proc, and exactly one must go on.
+// Processes are ordered by their start, then by their number. One gives way to
+//   - every one that started before it, in whatever state that is;
+//   - every one that has passed this check, whenever it started: it may have been executed, and so have got its
+//     name, before one that was forked earlier, and a process that has gone to the background is a later fork of
+//     one that has passed.
+// What is left started later and has not passed: it sees this process and will give way, unless it looked before
+// this one had its name. So its end or its passing is waited for. A process that has passed is known by its
+// handler for SIGTERM, which is installed next.
 #include "daemon/reentry.h"
 
 #include <dirent.h>
 #include <unistd.h>
 
 #include <cctype>
+#include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "common/text.h"
+#include "common/unique_fd.h"
 
 namespace {
 
 constexpr std::size_t kPathSize = 512;  // bytes of the program's path that are looked at
-constexpr std::size_t kStatPathSize = 1000;
-constexpr std::size_t kStatLineSize = 256;
+constexpr std::size_t kProcPathSize = 1000;
+constexpr std::size_t kLineSize = 1024;
 constexpr std::size_t kCommandLength = 15;  // the kernel's TASK_COMM_LEN less its NUL
+
+// A later instance takes milliseconds to decide. One that takes longer is stopped, or is no instance of ours.
+constexpr int kMaxRounds = 100;
+constexpr useconds_t kRoundMicroseconds = 10'000;
+
+// Fields of a stat file, counted from the one after the name, the state.
+constexpr std::size_t kState = 0;
+constexpr std::size_t kStartTime = 19;
+constexpr std::size_t kCaughtSignals = 31;
+
+struct LiveProcess {
+  std::string command;
+  unsigned long long start_time = 0;  // in clock ticks
+  long pid = 0;
+  bool passed = false;
+};
 
 struct CloseDirectory {
   void operator()(DIR* directory) const { closedir(directory); }
 };
-struct CloseFile {
-  void operator()(FILE* file) const { std::fclose(file); }
-};
 
-// The first line of a process's stat file: "pid (name) state ...". Empty when the process has ended.
-std::string read_stat(const char* pid) {
-  const std::string path = format_bounded(kStatPathSize, "/proc/%s/stat", pid);
-  const std::unique_ptr<FILE, CloseFile> file(std::fopen(path.c_str(), "re"));
-  char line[kStatLineSize];
-  return file != nullptr && std::fgets(line, sizeof(line), file.get()) != nullptr ? line : "";
+// The first line of a process's file that begins with `start`. Empty when the process has ended.
+std::string read_line(const char* pid, const char* file_name, const std::string& start) {
+  const std::string path = format_bounded(kProcPathSize, "/proc/%s/%s", pid, file_name);
+  const UniqueStream file(std::fopen(path.c_str(), "re"));
+  char line[kLineSize];
+  while (file && std::fgets(line, sizeof line, file.get()) != nullptr) {
+    if (std::string(line).starts_with(start)) return line;
+  }
+  return {};
 }
 
-bool is_live_instance(const std::string& stat, const std::string& name) {
+// Any user can give a process any name. Both the real and the effective user count: a program that is set-user-ID
+// runs as root under the name of a link to it.
+bool is_of_our_user(const char* pid) {
+  unsigned real = 0;
+  unsigned effective = 0;
+  const std::string line = read_line(pid, "status", "Uid:");
+  return std::sscanf(line.c_str(), "Uid: %u %u", &real, &effective) == 2 && real == getuid() &&
+         effective == geteuid();
+}
+
+// Nothing for a process that has ended, a zombie included.
+std::optional<LiveProcess> look_at(const char* pid) {
+  const std::string stat = read_line(pid, "stat", "");
   // The name may itself hold parentheses.
   const std::size_t open = stat.find('(');
   const std::size_t close = stat.rfind(')');
-  if (open == std::string::npos || close == std::string::npos || close < open) return false;
-  const std::string command = stat.substr(open + 1, close - open - 1);
-  if (std::strncmp(command.c_str(), name.c_str(), kCommandLength) != 0) return false;
-  const std::size_t state = stat.find_first_not_of(' ', close + 1);
-  return state != std::string::npos && stat.compare(state, stat.find(' ', state) - state, "Z") != 0;
+  if (open == std::string::npos || close == std::string::npos || close < open) return std::nullopt;
+  const std::vector<std::string> fields = split_string(stat.substr(close + 1), " ", true);
+  if (fields.size() <= kCaughtSignals || fields[kState] == "Z") return std::nullopt;
+  const unsigned long long caught = std::strtoull(fields[kCaughtSignals].c_str(), nullptr, 10);
+  return LiveProcess{.command = stat.substr(open + 1, close - open - 1),
+                     .start_time = std::strtoull(fields[kStartTime].c_str(), nullptr, 10),
+                     .pid = std::strtol(stat.c_str(), nullptr, 10),
+                     .passed = (caught >> (SIGTERM - 1) & 1) != 0};
+}
+
+std::vector<LiveProcess> other_instances(const std::string& name) {
+  std::vector<LiveProcess> others;
+  const std::string own_pid = std::to_string(getpid());
+  const std::unique_ptr<DIR, CloseDirectory> processes(opendir("/proc"));
+  if (processes == nullptr) return others;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): a directory stream of its own
+  while (const dirent* entry = readdir(processes.get())) {
+    const char* const pid = entry->d_name;
+    if (std::isdigit(static_cast<unsigned char>(pid[0])) == 0 || own_pid == pid) continue;
+    const std::optional<LiveProcess> process = look_at(pid);
+    if (!process || std::strncmp(process->command.c_str(), name.c_str(), kCommandLength) != 0) continue;
+    if (is_of_our_user(pid)) others.push_back(*process);
+  }
+  return others;
 }
 
 }  // namespace
@@ -52,14 +113,16 @@ bool check_reentry(const char* program) {
   if (program == nullptr || program[0] == '\0') return false;
   const std::string path = format_bounded(kPathSize, "%s", program);
   const std::string name = path.substr(path.rfind('/') + 1);
-  const std::string own_pid = std::to_string(getpid());
-  const std::unique_ptr<DIR, CloseDirectory> processes(opendir("/proc"));
-  if (processes == nullptr) return false;
-  // NOLINTNEXTLINE(concurrency-mt-unsafe): a directory stream of its own
-  while (const dirent* entry = readdir(processes.get())) {
-    if (std::isdigit(static_cast<unsigned char>(entry->d_name[0])) == 0 || own_pid == entry->d_name) continue;
-    if (is_live_instance(read_stat(entry->d_name), name) && std::strtol(entry->d_name, nullptr, 10) > 0)
-      return true;
+  const std::optional<LiveProcess> self = look_at("self");
+  if (!self) return false;  // nothing can be seen of the others either
+  for (int round = 0; round < kMaxRounds; ++round) {
+    const std::vector<LiveProcess> others = other_instances(name);
+    if (others.empty()) return false;
+    for (const LiveProcess& other : others) {
+      const bool earlier = std::tie(other.start_time, other.pid) < std::tie(self->start_time, self->pid);
+      if (earlier || other.passed) return true;
+    }
+    usleep(kRoundMicroseconds);
   }
   return false;
 }

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
 #include <future>
 #include <thread>
 
@@ -43,6 +44,27 @@ TEST(StartUp, ASecondInstanceIsRefusedAndAZombieIsNone) {
   kill(first.pid(), SIGTERM);
   siginfo_t end;
   ASSERT_EQ(waitid(P_PID, static_cast<id_t>(first.pid()), &end, WEXITED | WNOWAIT), 0);
+  EXPECT_EQ(run("vistalprod -t"), 0);
+}
+
+// In the foreground and in the background: exactly one goes on.
+TEST(StartUp, OfInstancesThatStartAtTheSameTimeOneServes) {
+  for (int i = 0; i < 20; ++i) {
+    const std::string options = i % 2 == 0 ? "" : " -d";
+    std::vector<std::unique_ptr<Process>> instances;
+    for (int n = 0; n < 3; ++n) instances.push_back(std::make_unique<Process>("vistalprod" + options));
+    ASSERT_TRUE(eventually([] { return call(kMain, "test").status == KS_STATUS_OK; })) << "none, round " << i;
+    EXPECT_TRUE(eventually([] { return run("test $(pgrep -cx vistalprod --runstates RSD) = 1") == 0; })) << i;
+    EXPECT_EQ(run("pkill -INT -x vistalprod"), 0);
+    EXPECT_TRUE(eventually([] { return access(kMainSocket, F_OK) != 0; }));
+  }
+}
+
+TEST(StartUp, AProcessOfAnotherUserIsNoInstance) {
+  std::filesystem::copy_file("/bin/sleep", "/tmp/vistalprod");
+  Process stranger("setpriv --reuid 65534 --clear-groups /tmp/vistalprod 60");
+  if (!eventually([] { return run("pgrep -x vistalprod") == 0; }))
+    GTEST_SKIP() << "cannot be another user here";
   EXPECT_EQ(run("vistalprod -t"), 0);
 }
 

@@ -1,5 +1,6 @@
 #include "common/log.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <time.h>
@@ -8,10 +9,12 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <string>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <utility>
 
 #include "common/process.h"
-#include "common/text.h"
 #include "common/unique_fd.h"
 
 namespace {
@@ -40,25 +43,63 @@ class ErrnoKeeper {
   const int saved_ = errno;
 };
 
-std::string time_text() {
+bool log_is_set() {
+  if (g_log_path[0] != '\0') return true;
+  std::fprintf(stderr, "Log file path not set. Please call log_set_dir() first.\n");
+  return false;
+}
+
+time_t now() {
   timeval now{};
   gettimeofday(&now, nullptr);
-  char text[26];  // the size that ctime_r asks for
-  tzset();        // ctime_r alone would not notice a new time zone
-  return ctime_r(&now.tv_sec, text) != nullptr ? format_bounded(kTimeSize, "%s", text) : std::string();
+  return now.tv_sec;
+}
+
+void write_time(time_t time, char (&text)[kTimeSize]) {
+  char whole[26] = "";  // the size that ctime_r asks for
+  tzset();              // ctime_r alone would not notice a new time zone
+  ctime_r(&time, whole);
+  std::snprintf(text, sizeof text, "%s", whole);
+}
+
+// Returns the length of the line. Allocates nothing: a failed allocation is among what is logged.
+std::size_t compose(char (&line)[kLineSize], const char* time, const char* fmt, va_list arguments)
+    __attribute__((format(printf, 3, 0)));
+
+std::size_t compose(char (&line)[kLineSize], const char* time, const char* fmt, va_list arguments) {
+  char message[kMessageSize] = "";
+  if (std::vsnprintf(message, sizeof message, fmt, arguments) < 0) message[0] = '\0';
+  std::snprintf(line, sizeof line, "[%05d] [%s] %s\n", getpid(), time, message);
+  return std::strlen(line);
+}
+
+// Adds whole lines to the file. They are lost when that cannot be done.
+void append(const char* path, const char* lines, std::size_t size) {
+  log_rotate_check(path);
+  // Close-on-exec: a program that another thread starts right now has no business with the log.
+  const UniqueFd file(open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666));
+  if (!file) return;
+  while (size > 0) {
+    const ssize_t written = write(file.get(), lines, size);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return;
+    lines += written;
+    size -= static_cast<std::size_t>(written);
+  }
 }
 
 void append_line(const char* path, const char* fmt, va_list arguments) __attribute__((format(printf, 2, 0)));
 
 void append_line(const char* path, const char* fmt, va_list arguments) {
-  const std::string message = vformat_bounded(kMessageSize, fmt, arguments);
-  log_rotate_check(path);
-  // Close-on-exec: a program that another thread starts right now has no business with the log.
-  const UniqueStream file(std::fopen(path, "a+e"));
-  if (!file) return;
-  const std::string line =
-      format_bounded(kLineSize, "[%05d] [%s] %s\n", getpid(), time_text().c_str(), message.c_str());
-  std::fprintf(file.get(), "%s", line.c_str());
+  char time[kTimeSize];
+  write_time(now(), time);
+  char line[kLineSize];
+  append(path, line, compose(line, time, fmt, arguments));
+}
+
+bool is_full(const char* path) {
+  struct stat info {};
+  return stat(path, &info) == 0 && info.st_size > kLargestFile;
 }
 
 }  // namespace
@@ -79,10 +120,7 @@ int log_set_dir(const char* dir) {
 
 void log_write(const char* fmt, ...) {
   const ErrnoKeeper keeper;
-  if (g_log_path[0] == '\0') {
-    std::fprintf(stderr, "Log file path not set. Please call log_set_dir() first.\n");
-    return;
-  }
+  if (!log_is_set()) return;
   va_list arguments;
   va_start(arguments, fmt);
   append_line(g_log_path, fmt, arguments);
@@ -99,9 +137,37 @@ void log_write_to(const char* path, const char* fmt, ...) {
 
 void log_rotate_check(const char* path) {
   const ErrnoKeeper keeper;
-  struct stat info {};
-  if (stat(path, &info) != 0 || info.st_size <= kLargestFile) return;
-  const std::string backup = format_bounded(kBackupPathSize, "%s.bak", path);
-  // When the move fails the file just keeps growing, and the next line tries again.
-  exec_cmd_args(nullptr, nullptr, nullptr, "/bin/mv", path, backup.c_str(), nullptr);
+  if (!is_full(path)) return;
+  // One move at a time: a second one would put the few lines of the new file in place of the whole history. Nobody
+  // waits for it; the lines of others go into the file while it is being moved, or into the next one.
+  static std::mutex moving;
+  const std::unique_lock lock(moving, std::try_to_lock);
+  if (!lock || !is_full(path)) return;
+  char backup[kBackupPathSize];
+  std::snprintf(backup, sizeof backup, "%s.bak", path);
+  try {
+    // When the move fails the file just keeps growing, and the next line tries again.
+    exec_cmd_args(nullptr, nullptr, nullptr, "/bin/mv", path, backup, nullptr);
+  } catch (const std::bad_alloc&) {
+    // Likewise.
+  }
+}
+
+void LogBatch::write(const char* fmt, ...) {
+  const ErrnoKeeper keeper;
+  if (const time_t second = now(); second != std::exchange(second_, second)) write_time(second, time_);
+  char line[kLineSize];
+  va_list arguments;
+  va_start(arguments, fmt);
+  const std::size_t size = compose(line, time_, fmt, arguments);
+  va_end(arguments);
+  if (size > sizeof lines_ - used_) flush();
+  std::memcpy(lines_ + used_, line, size);
+  used_ += size;
+}
+
+void LogBatch::flush() {
+  const ErrnoKeeper keeper;
+  if (used_ > 0 && log_is_set()) append(g_log_path, lines_, used_);
+  used_ = 0;
 }

@@ -98,10 +98,11 @@ std::string rule_text(const Rule& rule, const TlsSettings& tls) {
 template <typename Act>
 void for_each_rule(const Json::Value& request, const Act& act) {
   const Json::Value& rules = request["rule_list"];  // not get(), which copies
+  LogBatch log;                                     // a list may have a million rules without a GUID
   for (Json::ArrayIndex i = 0; i < rules.size(); ++i) {
     const std::string guid = rules[i].get("GUID", "").asString();
     if (guid.empty()) {
-      LOG_AT(kLogName, "get jRuleList[%d] strGUID failed", static_cast<int>(i));
+      log.write("[%s][%d] get jRuleList[%d] strGUID failed", kLogName, __LINE__, static_cast<int>(i));
     } else {
       act(rules[i], guid);
     }

@@ -3,6 +3,11 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <sstream>
+#include <thread>
+#include <vector>
+
 #include "fixture.h"
 
 namespace {
@@ -41,6 +46,39 @@ TEST_F(LogTest, MovesAFullFileAside) {
   log_write_to(path.c_str(), "fresh");
   EXPECT_THAT(contents(backup), ::testing::EndsWith("] fits\n"));
   EXPECT_THAT(contents(path), ::testing::MatchesRegex("\\[.*\\] fresh\n"));
+}
+
+// Two moves of the same file would leave the few lines between them in place of the history.
+TEST_F(LogTest, ThreadsThatMeetAFullFileMoveItOnce) {
+  const std::string path = in_dir("log");
+  for (int round = 0; round < 20; ++round) {
+    write_file(path, std::string(524288, 'x'));
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i) {
+      threads.emplace_back([&] {
+        for (int line = 0; line < 20; ++line) log_write_to(path.c_str(), "line");
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    const std::string all = contents(path + ".bak") + contents(path);
+    ASSERT_TRUE(all.starts_with(std::string(524288, 'x'))) << "round " << round;
+    EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 160);
+  }
+}
+
+TEST_F(LogTest, ABatchWritesManyLinesAtATime) {
+  log_set_dir(in_dir("log").c_str());
+  const std::string path = in_dir("log/.nxe_ks_vistalprod.log");
+  {
+    LogBatch batch;
+    for (int i = 0; i < 3000; ++i) batch.write("[caller][1] %d", i);
+    EXPECT_EQ(contents(path).find("[caller][1] 2999"), std::string::npos);
+  }
+  std::istringstream lines(contents(path));
+  int count = 0;
+  for (std::string line; std::getline(lines, line); ++count)
+    ASSERT_TRUE(line.ends_with("] [caller][1] " + std::to_string(count))) << line;
+  EXPECT_EQ(count, 3000);
 }
 
 }  // namespace

@@ -36,6 +36,7 @@
 #include <new>
 #include <vector>
 
+#include "common/guarded_open.h"
 #include "common/unique_fd.h"
 
 namespace {
@@ -151,15 +152,9 @@ struct Streams {
   UniqueFd input, output, error;
 };
 
-UniqueFd open_input(const char* path) {
-  return UniqueFd(open(path, O_RDONLY | O_CLOEXEC));
-}
-
-// A link is not followed: outputs are named in directories where others create files too, and a link planted
-// there could lead to any file of the machine.
 UniqueFd open_output(const char* path) {
   if (path == nullptr) return UniqueFd(open(kNull, O_WRONLY | O_CLOEXEC));
-  return UniqueFd(open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0774));
+  return open_output_file(path, 0774);
 }
 
 // Both streams through one open file: with two, each would overwrite what the other wrote.
@@ -252,7 +247,7 @@ bool open_streams(const char* input, const char* output, const char* error, cons
   }
   if (shared) trace.write("pipe stdout and stderr to the same file %s\n", output);
   if (input == nullptr) return true;
-  streams->input = open_input(input);
+  streams->input = open_input_file(input);
   if (!streams->input) {
     trace.write("open %s failed\n", input);
     remove_outputs(output, error);
@@ -324,7 +319,7 @@ FILE* popen_cmd(const char* input, const char* output, const char* error, const 
 
   Streams streams;
   if (reads) {
-    if (input != nullptr && !(streams.input = open_input(input))) return nullptr;
+    if (input != nullptr && !(streams.input = open_input_file(input))) return nullptr;
     streams.output = std::move(theirs);
   } else {
     streams.input = std::move(theirs);

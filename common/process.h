@@ -1,9 +1,9 @@
 // Running programs: by path, with an argument vector, never through a shell.
 //
-// A program's standard streams are files named by the caller. An output file is created or emptied (mode
-// 0774; a link in its place is refused); a null output or error path means /dev/null; the error path may
-// equal the output path, both streams then share one file. A null input path, and every call without one,
-// leaves the daemon's own standard input.
+// A program's standard streams are files named by the caller. An output file is created (mode 0774) or emptied;
+// what is not a file of our own in its place is removed, see open_output_file. A null output or error path means
+// /dev/null; the error path may equal the output path, both streams then share one file. An input must be a regular
+// file. A null input path, and every call without one, leaves the daemon's own standard input.
 //
 // Whatever the daemon has done to itself, a program starts in the ordinary state: no signal blocked, SIGPIPE
 // at its default action, the descriptor limit that the daemon was started with. Its environment is

@@ -20,11 +20,11 @@
 namespace {
 
 constexpr char kDataDir[] = "/share/.@analytic";
-constexpr char kDebugRecord[] = "/tmp/.vistalsurveillance_log/cloud_analysis_register.dbg";
+constexpr char kDebugRecord[] = "cloud_analysis_register.dbg";
 constexpr std::size_t kCommandTextSize = 512;  // bytes, terminator included
 
 void write_record(const std::string& command, const std::string& provider, int result) {
-  const UniqueStream record = open_debug_record(kDebugRecord);
+  const UniqueStream record = open_debug_record(HeldFolder(kScratchDir), kDebugRecord);
   if (!record) return;
   const std::string text = format_bounded(kCommandTextSize, "%s %s -p %s -c %s", kAnalyticsTool,
                                           command.c_str(), provider.c_str(), kDataDir);

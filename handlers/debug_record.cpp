@@ -1,10 +1,19 @@
 #include "handlers/debug_record.h"
 
-#include <fcntl.h>
+#include <unistd.h>
 
-UniqueStream open_debug_record(const char* path) {
-  // What fopen with "w" does, and O_NOFOLLOW and O_NONBLOCK besides.
-  UniqueFd fd(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0666));
+#include <string>
+
+namespace {
+
+constexpr mode_t kRecordMode = 0600;  // passwords are among what is recorded
+
+}  // namespace
+
+UniqueStream open_debug_record(const HeldFolder& folder, const char* name) {
+  const std::string path = folder.path_of(name);
+  unlink(path.c_str());  // even a file of our own may be open to others, from when it had another mode
+  UniqueFd fd = open_output_file(path.c_str(), kRecordMode);
   if (!fd) return nullptr;
   UniqueStream stream(fdopen(fd.get(), "w"));
   if (stream) fd.release();

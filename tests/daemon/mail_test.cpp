@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <functional>
 
 #include "harness.h"
 
@@ -94,16 +95,67 @@ TEST_F(Mail, EveryEndOfTheProgramIsAResult) {
   EXPECT_TRUE(program_.calls().empty());
 }
 
-// The scratch directory is everybody's, and the record is written by root.
-TEST_F(Mail, WhatIsPlantedInPlaceOfTheRecordHarmsNobody) {
-  const std::string record = kScratch + "/sendmail.dbg";
-  write_file("/tmp/victim", "precious");
-  fs::create_symlink("/tmp/victim", record);
-  EXPECT_EQ(send_mail("", ""), result(0));
-  EXPECT_EQ(read_file("/tmp/victim"), "precious");
-  fs::remove(record);
-  ASSERT_EQ(mkfifo(record.c_str(), 0666), 0);
-  EXPECT_EQ(send_mail("", ""), result(0));
+// The scratch directory is everybody's, and root writes into it.
+TEST_F(Mail, WhatIsPlantedInPlaceOfOutputAndRecordIsReplaced) {
+  const std::string victim = "/tmp/victim";
+  const std::pair<const char*, std::function<void(const std::string&)>> rows[] = {
+      {"link", [&](const std::string& path) { fs::create_symlink(victim, path); }},
+      {"second name", [&](const std::string& path) { fs::create_hard_link(victim, path); }},
+      {"pipe", [](const std::string& path) { ASSERT_EQ(mkfifo(path.c_str(), 0666), 0); }},
+      {"folder", [](const std::string& path) { fs::create_directories(path + "/taken"); }},
+      {"stranger's",
+       [](const std::string& path) {
+         write_file(path, "");
+         if (chown(path.c_str(), 65534, 65534) != 0) fs::remove(path);
+       }},
+      {"readable", [](const std::string& path) { write_file(path, std::string(1000, 'x')); }},
+  };
+  for (const auto& [what, plant] : rows) {
+    SCOPED_TRACE(what);
+    write_file(victim, "precious");
+    for (const char* name : {"/sendmail.log", "/sendmail.dbg"}) {
+      fs::remove(kScratch + name);
+      plant(kScratch + name);
+    }
+    program_.plays("stdout said\n");
+    EXPECT_EQ(send_mail("", ""), result(0));
+    EXPECT_EQ(read_file(victim), "precious");
+    EXPECT_EQ(read_file(kScratch + "/sendmail.log"), "said");
+    struct stat record {};
+    EXPECT_EQ(lstat((kScratch + "/sendmail.dbg").c_str(), &record), 0);
+    EXPECT_TRUE(record.st_mode == (S_IFREG | 0600) && record.st_uid == geteuid() && record.st_size > 0);
+  }
+}
+
+TEST_F(Mail, ALinkInPlaceOfTheScratchDirectoryIsNotFollowed) {
+  fs::remove_all(kScratch);
+  fs::create_directory("/tmp/elsewhere");
+  fs::create_symlink("/tmp/elsewhere", kScratch);
+  EXPECT_EQ(send_mail("", ""), result(-1));
+  EXPECT_TRUE(program_.calls().empty());
+  EXPECT_TRUE(fs::is_empty("/tmp/elsewhere"));
+  fs::remove(kScratch);
+}
+
+TEST_F(Mail, InputsThatAreNoFilesAreNotOpened) {
+  const struct {
+    const char *user, *config, *content;
+    int result;
+  } rows[] = {{"", "m.conf", "pipe", -1}, {"a", "pipe", "m.mail", -1},         {"", "pipe", "m.mail", -1},
+              {"", "m.conf", "", -1},     {"", "m.conf", "../../dev/tty", -1}, {"", "", "m.mail", 0}};
+  ASSERT_EQ(mkfifo((kStaging + "/pipe").c_str(), 0666), 0);
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::string(row.config) + " and " + row.content);
+    write_file(kStaging + "/m.conf", "");
+    write_file(kStaging + "/m.mail", "");
+    program_.plays("");
+    const std::string body = R"({"user":")" + std::string(row.user) + R"(","pwd":"b","config_file":")" +
+                             row.config + R"(","content_file":")" + row.content + "\"}";
+    EXPECT_EQ(call(kMail, "sendmail", body).text, result(row.result));
+    EXPECT_EQ(program_.calls().size(), row.result == 0 ? 1u : 0u);
+    EXPECT_TRUE(fs::is_directory(kStaging) && fs::is_fifo(kStaging + "/pipe"));
+  }
+  for (const auto& entry : fs::directory_iterator(kStaging)) fs::remove(entry);
 }
 
 // The real mail program in place of the stand-in, and a mail server. With a user the mail program reads its

@@ -1,0 +1,80 @@
+#include "common/guarded_open.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <utility>
+
+namespace {
+
+// Each needs another user to have been faster once more.
+constexpr int kMaxAttempts = 100;
+
+std::string path_of_descriptor(const UniqueFd& fd) {
+  return "/proc/self/fd/" + std::to_string(fd.get());
+}
+
+UniqueFd fails(int error) {
+  errno = error;
+  return {};
+}
+
+// Opens what has been looked at, and so nothing else. O_NONBLOCK, not to wait until a lease on the file is given up,
+// is for the opening alone; programs that inherit the descriptor expect an ordinary one.
+UniqueFd reopen(const UniqueFd& found, int flags) {
+  UniqueFd fd(open(path_of_descriptor(found).c_str(), flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  return fd && fcntl(fd.get(), F_SETFL, 0) == 0 ? std::move(fd) : UniqueFd();
+}
+
+bool can_be_output(const struct stat& info) {
+  if (S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode)) return true;  // only root can have put it there
+  return S_ISREG(info.st_mode) && info.st_uid == geteuid() && info.st_nlink == 1;
+}
+
+// Frees the name. A directory that is not empty gets another one.
+bool clear_away(const char* path) {
+  if (unlink(path) == 0 || errno == ENOENT) return true;
+  if (errno != EISDIR) return false;
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  const std::string aside =
+      std::string(path) + "." + std::to_string(now.tv_sec) + "." + std::to_string(now.tv_nsec);
+  return rmdir(path) == 0 || rename(path, aside.c_str()) == 0 || errno == ENOENT;
+}
+
+}  // namespace
+
+UniqueFd open_input_file(const char* path) {
+  const UniqueFd found(open(path, O_PATH | O_CLOEXEC));  // looks without opening: no driver is asked
+  struct stat info {};
+  if (!found || fstat(found.get(), &info) != 0) return {};
+  if (!S_ISREG(info.st_mode)) return fails(S_ISDIR(info.st_mode) ? EISDIR : ENXIO);
+  return reopen(found, O_RDONLY);
+}
+
+UniqueFd open_output_file(const char* path, mode_t mode) {
+  for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
+    const UniqueFd found(open(path, O_PATH | O_CLOEXEC | O_NOFOLLOW));
+    if (found) {
+      struct stat info {};
+      if (fstat(found.get(), &info) != 0) return {};
+      if (can_be_output(info)) return reopen(found, O_RDWR | O_TRUNC);
+      if (!clear_away(path)) return {};
+    } else if (errno != ENOENT) {
+      return {};
+    }
+    UniqueFd made(open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode));
+    if (made || errno != EEXIST) return made;
+  }
+  return fails(EBUSY);
+}
+
+HeldFolder::HeldFolder(const char* path) : fd_(open(path, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)) {}
+
+std::string HeldFolder::path_of(const char* name) const {
+  return fd_ ? path_of_descriptor(fd_) + "/" + name : std::string();
+}

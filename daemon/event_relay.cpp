@@ -13,11 +13,11 @@
 
 #include "common/json_param.h"
 #include "common/log.h"
+#include "common/service_names.h"
 #include "common/text.h"
 #include "daemon/event_records.h"
-#include "service/unique_io.h"
-#include "handlers/service_names.h"
 #include "service/ks.h"
+#include "service/unique_io.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "handlers/captured_run.h"
+#include "common/captured_run.h"
 
 #include <fcntl.h>
 #include <sys/wait.h>

@@ -1,4 +1,4 @@
-#include "handlers/debug_record.h"
+#include "common/debug_record.h"
 
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-#include "handlers/fragment.h"
+#include "common/fragment.h"
 
 #include <cstdio>
 

@@ -1,10 +1,10 @@
-#include "handlers/logged_run.h"
+#include "common/logged_run.h"
 
 #include <cstddef>
+#include <utility>
 
-#include "common/base64.h"
+#include "common/captured_run.h"
 #include "common/log.h"
-#include "handlers/captured_run.h"
 
 namespace {
 
@@ -17,7 +17,7 @@ void log_arguments(const char* log_name, const std::vector<std::string>& argumen
 
 }  // namespace
 
-Outcome run_logged(const char* log_name, const LoggedRun& run, Json::Value& reply) {
+std::optional<LoggedOutput> run_logged(const char* log_name, const LoggedRun& run) {
   const char* const program = run.program.c_str();
   const std::vector<std::string> arguments = argument_vector(base_name(run.program), run.arguments);
   log_arguments(log_name, arguments, run.blank_after_argument ? " " : "");
@@ -29,12 +29,10 @@ Outcome run_logged(const char* log_name, const LoggedRun& run, Json::Value& repl
       LOG_AT(log_name, "exec %s failed, ret=[%d]", program, captured.status());
     }
     captured.keep();
-    return Outcome::silent;
+    return std::nullopt;
   }
-  const std::string output = captured.output();
+  std::string output = captured.output();
   LOG_AT(log_name, "exec %s succ, ret_out=[%s]", program, output.c_str());
   const bool removed = captured.remove();
-  reply["result_out"] = base64_text(output);
-  reply["cli_ret"] = run.cli_ret_tells_removal && !removed ? -1 : 0;
-  return Outcome::success;
+  return LoggedOutput{.text = std::move(output), .removed = removed};
 }

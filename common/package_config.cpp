@@ -1,4 +1,4 @@
-#include "handlers/package_config.h"
+#include "common/package_config.h"
 
 #include <strings.h>
 
@@ -9,28 +9,29 @@ namespace {
 
 constexpr char kPackageConfig[] = "/etc/config/kpkg.conf";
 
-bool install_path_of(const char* package, std::string* path) {
-  return rdconf_value(kPackageConfig, package, "Install_Path", path);
+// Empty when there is none: the reader takes an empty value for a missing one.
+std::string entry(const char* package, const char* key) {
+  std::string value;
+  rdconf_value(kPackageConfig, package, key, &value);
+  return value;
 }
 
 }  // namespace
 
 std::string package_file(const char* package, const char* name, std::size_t size) {
-  std::string install_path;
-  if (!install_path_of(package, &install_path)) return {};
+  const std::string install_path = entry(package, "Install_Path");
+  if (install_path.empty()) return {};
   return format_bounded(size, "%s/%s", install_path.c_str(), name);
 }
 
 bool package_enabled(const char* package) {
-  std::string enabled;
-  return rdconf_value(kPackageConfig, package, "Enable", &enabled) &&
-         strcasecmp(enabled.c_str(), "TRUE") == 0;
+  return strcasecmp(entry(package, "Enable").c_str(), "TRUE") == 0;
 }
 
-bool package_install_path(std::string* path) {
-  return install_path_of(kOwnPackage, path);
+std::string package_install_path() {
+  return entry(kOwnPackage, "Install_Path");
 }
 
-bool package_control_script(std::string* path) {
-  return rdconf_value(kPackageConfig, kOwnPackage, "Shell", path);
+std::string package_control_script() {
+  return entry(kOwnPackage, "Shell");
 }

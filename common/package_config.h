@@ -15,6 +15,6 @@ std::string package_file(const char* package, const char* name, std::size_t size
 // Whether its entry Enable is TRUE, in any case; false when there is none.
 bool package_enabled(const char* package);
 
-// True when the list has the entry of our own package; `*path` is then its value, else untouched.
-bool package_install_path(std::string* path);
-bool package_control_script(std::string* path);
+// The entries of our own package, empty when the list does not have them.
+std::string package_install_path();
+std::string package_control_script();

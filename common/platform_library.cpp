@@ -1,4 +1,4 @@
-#include "handlers/platform_library.h"
+#include "common/platform_library.h"
 
 #include <dlfcn.h>
 

@@ -1,9 +1,9 @@
-// What the two services answer to: everything that a client can make this daemon do.
+// What the two services answer to, by name.
 #pragma once
 
 #include <span>
 
-#include "daemon/dispatch.h"
+#include "handlers/command.h"
 
 // In search order; the first row whose name is the request's wins.
 std::span<const CommandRow> main_commands();

@@ -22,14 +22,15 @@
 #include <ctime>
 #include <exception>
 #include <memory>
+#include <span>
 #include <utility>
 
 #include "common/log.h"
 #include "daemon/command_tables.h"
 #include "daemon/lent_output.h"
 #include "daemon/parked_requests.h"
-#include "service/unique_io.h"
 #include "handlers/handler.h"
+#include "service/unique_io.h"
 
 namespace {
 
@@ -42,8 +43,7 @@ constexpr time_t kLookSeconds = 1;
 // releases it.
 struct HandlerCall {
   UniqueIo io;
-  const char* name;
-  command_handler handler;
+  const CommandRow* row;
   ReplyClock reply_clock{};
   std::atomic<bool> one_is_done{false};
 };
@@ -60,9 +60,9 @@ void log_failure(const char* command, const std::exception& error) noexcept {
 void* run_handler(void* arg) {
   auto* call = static_cast<HandlerCall*>(arg);
   try {
-    call->handler(call->io.get(), -1);
+    carry_out(*call->row, call->io.get());
   } catch (const std::exception& error) {
-    log_failure(call->name, error);
+    log_failure(call->row->name, error);
   }
   if (call->one_is_done.exchange(true)) delete call;
   return nullptr;
@@ -76,14 +76,14 @@ bool join(pthread_t thread, const HandlerCall& call) {
     next_look.tv_sec += kLookSeconds;
     if (pthread_timedjoin_np(thread, nullptr, &next_look) != ETIMEDOUT) return true;
   } while (call.reply_clock.elapsed() < kReplyTimeout);
-  LOG_AT("dispatch", "%s is left behind: pid %d holds the file that its reply goes to.", call.name,
+  LOG_AT("dispatch", "%s is left behind: pid %d holds the file that its reply goes to.", call.row->name,
          static_cast<int>(call.io->peer_pid));
   pthread_detach(thread);
   return false;
 }
 
 void run(const CommandRow& row, UniqueIo io) {
-  auto* call = new HandlerCall{.io = std::move(io), .name = row.name, .handler = row.handler};
+  auto* call = new HandlerCall{.io = std::move(io), .row = &row};
   ks_io_set(call->io.get(), reinterpret_cast<std::uintptr_t>(&call->reply_clock));
   pthread_t thread;
   if (pthread_create(&thread, nullptr, run_handler, call) != 0) {
@@ -105,7 +105,7 @@ void dispatch(std::span<const CommandRow> commands, const char* request_name, ks
       commands.begin(), commands.end(),
       [request_name](const CommandRow& candidate) { return std::strcmp(candidate.name, request_name) == 0; });
   try {
-    if (row == commands.end() || row->handler == nullptr) {
+    if (row == commands.end()) {
       ks_discard(extra_fd);
       parked_requests->park(std::move(io));
     } else {

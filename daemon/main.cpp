@@ -26,8 +26,8 @@
 #include "daemon/event_relay.h"
 #include "daemon/msg_queue_listener.h"
 #include "daemon/reentry.h"
-#include "handlers/package_config.h"
-#include "handlers/service_names.h"
+#include "common/package_config.h"
+#include "common/service_names.h"
 #include "service/ks.h"
 
 namespace {
@@ -116,8 +116,8 @@ bool start_detached(void* (*entry)(void*)) {
 }
 
 void set_up_log() {
-  std::string install_path;
-  if (!package_install_path(&install_path)) {
+  const std::string install_path = package_install_path();
+  if (install_path.empty()) {
     std::fprintf(stderr, "[%s][%d] get Install_Path fail.", "main", __LINE__);
     std::exit(kExitRefused);
   }

@@ -1,14 +1,21 @@
-// Local users and groups, the members of a group, and the settings of text messages (SMS), as the platform's
-// closed libraries tell them.
+// Local users and groups, the members of a group, the settings of text messages (SMS) and login sessions, as the
+// platform's closed libraries tell them; and a login by the platform's command-line tool.
 //
 //   get_all_users, get_all_groups   answer "local_count" and the names, null for none
 //   get_group_members               takes "group_name"; answers "user_count" and a true or false per entry
 //   get_sms_config                  answers the eight settings
+//   vistal_auth_add_session         takes "type", "user", "sid"; has the library add the session
+//   vistal_auth_get_session         takes "type", "length", "sid"; answers the "user" of the session. "length"
+//                                   must be there, as clients of old send it, but is not used
+//   get_sess_id                     takes "user", "pwd"; answers the session id as "sid". Its replies have an
+//                                   "error_code" where others have "result"
 //
 // Each request loads its library, makes one call and unloads the library, whatever comes of it: a library
 // that is missing, lacks the function or reports an error fails the command. What a call returns is copied or
 // owned here before the library goes. The count of a name list is held against the size of its block, which
 // is ours; a count beyond it fails the command as well.
+//
+// The password of a login goes where the tool wants it, on its command line, and nowhere else.
 #include <malloc.h>
 
 #include <cstddef>
@@ -20,14 +27,16 @@
 #include <string>
 #include <vector>
 
+#include "common/captured_run.h"
+#include "common/platform_library.h"
+#include "common/text.h"
+#include "handlers/catalogue.h"
 #include "handlers/handler.h"
-#include "handlers/handlers.h"
-#include "handlers/platform_library.h"
 
 namespace {
 
 constexpr char kAccountLibrary[] = "/usr/lib/libuCore_NAS.so.0.0";
-constexpr char kConfigLibrary[] = "/usr/lib/libuCore_config.so.0.0";
+constexpr char kSessionLibrary[] = "/usr/lib/libuCore_nasauth.so.1.0.0";
 
 constexpr std::size_t kNameEntrySize = 33;    // bytes from one name of a list to the next
 constexpr std::size_t kMaxName = 32;          // characters; an entry that is full has no NUL to rely on
@@ -50,50 +59,33 @@ struct NameList {
   }
 };
 
+// Loads the library of the command, calls its function and unloads it; what that returned, or -1.
+template <typename Function, typename... Arguments>
+std::int32_t call_function(const Command& command, Arguments... arguments) {
+  const PlatformLibrary library(command.library);
+  auto* const function = library.function<Function>(command.function);
+  return function != nullptr ? function(arguments...) : -1;
+}
+
 // ---- Names
-
-struct NameListCommand {
-  const char* log_name;
-  const char* function;
-  const char* list_member;  // of the reply
-};
-
-constexpr NameListCommand kUsers = {.log_name = "nos_get_all_users_handler",
-                                    .function = "Get_Local_User_List_V2",
-                                    .list_member = "user_list"};
-constexpr NameListCommand kGroups = {.log_name = "nos_get_all_groups_handler",
-                                     .function = "Get_Local_Group_List_V2",
-                                     .list_member = "group_list"};
 
 // The two numbers and the null select all local names. The list is the caller's to free, on errors too.
 using NameListFunction = std::int32_t(char** list, std::int32_t, std::int32_t, void*, std::int32_t* count);
 
-// Nothing when the library does not give a list, or counts more names than it gives.
-std::optional<NameList> fetch_names(const char* function) {
-  const PlatformLibrary library(kAccountLibrary);
-  auto* const list_names = library.function<NameListFunction>(function);
-  if (list_names == nullptr) return std::nullopt;
+Outcome list_names(Request& request) {
   char* entries = nullptr;
   NameList names;
-  const std::int32_t status = list_names(&entries, 0, 0, nullptr, &names.count);
+  const bool listed =
+      call_function<NameListFunction>(request.command, &entries, 0, 0, nullptr, &names.count) >= 0;
   names.entries.reset(entries);
-  if (status < 0 || !names.holds_all()) return std::nullopt;
-  return names;
-}
-
-void answer_names(ks_io* io, const NameListCommand& command) {
-  handle_bare_request(io, command.log_name, [&](Json::Value& reply) {
-    const auto names = fetch_names(command.function);
-    if (!names) return Outcome::failure;
-    Json::Value list;
-    const char* entry = names->entries.get();
-    for (std::int32_t i = 0; i < names->count; ++i, entry += kNameEntrySize) {
-      list.append(std::string(entry, strnlen(entry, kMaxName)));
-    }
-    reply["local_count"] = names->count;
-    reply[command.list_member] = list;
-    return Outcome::success;
-  });
+  if (!listed || !names.holds_all()) return Outcome::failure;
+  Json::Value list;
+  const char* entry = entries;
+  for (std::int32_t i = 0; i < names.count; ++i, entry += kNameEntrySize) {
+    list.append(std::string(entry, strnlen(entry, kMaxName)));
+  }
+  request.reply["local_count"] = names.count;
+  return success_with(request, list);
 }
 
 // ---- Members
@@ -103,9 +95,9 @@ void answer_names(ks_io* io, const NameListCommand& command) {
 // daemon's end. So it is read while the library is open, and neither it nor what it leads to is released.
 using MemberListFunction = std::int32_t(const char* group_name, void*** list);
 
-std::optional<std::vector<bool>> fetch_members(const std::string& group_name) {
-  const PlatformLibrary library(kAccountLibrary);
-  auto* const list_members = library.function<MemberListFunction>("Get_NAS_User_List_Of_Group_Ex");
+std::optional<std::vector<bool>> fetch_members(const Command& command, const std::string& group_name) {
+  const PlatformLibrary library(command.library);
+  auto* const list_members = library.function<MemberListFunction>(command.function);
   if (list_members == nullptr) return std::nullopt;
   void** entries = nullptr;
   const std::int32_t count = list_members(group_name.c_str(), &entries);
@@ -114,6 +106,15 @@ std::optional<std::vector<bool>> fetch_members(const std::string& group_name) {
   present.reserve(static_cast<std::size_t>(count));
   for (std::int32_t i = 0; i < count; ++i) present.push_back(entries[i] != nullptr);
   return present;
+}
+
+Outcome list_members(Request& request, const std::string& group_name) {
+  const auto members = fetch_members(request.command, group_name);
+  if (!members) return Outcome::failure;
+  Json::Value list;
+  for (const bool present : *members) list.append(present);
+  request.reply["user_count"] = static_cast<std::int32_t>(members->size());
+  return success_with(request, list);
 }
 
 // ---- Text messages
@@ -133,52 +134,129 @@ static_assert(offsetof(SmsSettings, phone2) == 80 && sizeof(SmsSettings) == kSms
 
 using SmsFunction = std::int32_t(SmsSettings* settings);
 
-bool fetch_sms_settings(SmsSettings* settings) {
-  const PlatformLibrary library(kConfigLibrary);
-  auto* const get_settings = library.function<SmsFunction>("Get_SMS_config");
-  return get_settings != nullptr && get_settings(settings) >= 0;
-}
-
 template <std::size_t size>
 std::string text_of(const char (&field)[size]) {
   return std::string(field, strnlen(field, size));
 }
 
+Outcome get_sms_settings(Request& request) {
+  SmsSettings settings{};
+  if (call_function<SmsFunction>(request.command, &settings) < 0) return Outcome::failure;
+  request.reply["mode"] = settings.mode;
+  request.reply["max_provider"] = settings.max_provider;
+  request.reply["now_provider"] = settings.now_provider;
+  request.reply["using_provider"] = settings.using_provider;
+  request.reply["country"] = text_of(settings.country);
+  request.reply["country_code"] = text_of(settings.country_code);
+  request.reply["phone1"] = text_of(settings.phone1);
+  request.reply["phone2"] = text_of(settings.phone2);
+  return Outcome::success;
+}
+
+// ---- Sessions
+
+constexpr std::size_t kUserOffset = 82;           // bytes from the session record's start to its user name
+constexpr std::size_t kSessionRecordSize = 4096;  // bytes; the platform's own record is far smaller
+
+// The platform's record of a session, as far as it is known, and room for what is not.
+struct alignas(std::max_align_t) SessionRecord {
+  char unused[kUserOffset];
+  char user[kSessionRecordSize - kUserOffset];  // ends with a NUL
+};
+static_assert(offsetof(SessionRecord, user) == kUserOffset && sizeof(SessionRecord) == kSessionRecordSize);
+
+// Both return 0 for success.
+using AddSessionFunction = std::int32_t(const char* sid, const char* user, std::int32_t type,
+                                        const char* empty);
+using GetSessionFunction = std::int32_t(const char* sid, std::int32_t type, SessionRecord* session);
+
+Outcome add_session(Request& request, std::int32_t type, const std::string& user, const std::string& sid) {
+  return success_if(call_function<AddSessionFunction>(request.command, sid.c_str(), user.c_str(), type, "") ==
+                    0);
+}
+
+Outcome get_session(Request& request, std::int32_t type, std::int32_t /*length*/, const std::string& sid) {
+  SessionRecord session{};
+  if (call_function<GetSessionFunction>(request.command, sid.c_str(), type, &session) != 0)
+    return Outcome::failure;
+  return success_with(request, text_of(session.user));
+}
+
+// ---- Logging in
+
+constexpr char kLoginTool[] = "/sbin/kcli";
+constexpr std::size_t kLoginArgumentSize = 32;  // bytes, NUL included
+constexpr std::size_t kChunkSize = 1023;        // bytes of the tool's output that are taken at a time
+constexpr int kLoginFailed = -2;
+
+// The third word of the second line, where there are two lines and three words in it; empty lines do not
+// count.
+std::optional<std::string> session_id_in(const std::string& output) {
+  const std::vector<std::string> lines = split_string(output, "\n", true);
+  if (lines.size() != 2) return std::nullopt;
+  std::vector<std::string> words = split_string(lines[1], " ", true);
+  if (words.size() != 3) return std::nullopt;
+  return words[2];
+}
+
+std::optional<std::string> log_in(const std::string& user, const std::string& password) {
+  const std::optional<std::string> output =
+      piped_output(kLoginTool,
+                   {base_name(kLoginTool), "-l", format_bounded(kLoginArgumentSize, "user=%s", user.c_str()),
+                    format_bounded(kLoginArgumentSize, "pw=%s", password.c_str())},
+                   kChunkSize);
+  return output ? session_id_in(*output) : std::nullopt;
+}
+
+Outcome get_session_id(Request& request, const std::string& user, const std::string& password) {
+  const std::optional<std::string> sid = log_in(user, password);
+  request.reply[sid ? "sid" : "error_msg"] = sid ? *sid : "get_sess_id fail";
+  request.reply["error_code"] = sid ? 0 : kLoginFailed;
+  return Outcome::own;
+}
+
 }  // namespace
 
-void nos_get_all_users_handler(ks_io* io, int) {
-  answer_names(io, kUsers);
-}
+constexpr Command main_service::get_all_users = Row{.library = kAccountLibrary,
+                                                    .function = "Get_Local_User_List_V2",
+                                                    .member = "user_list",
+                                                    .answers = "local_count, result, user_list",
+                                                    .action = list_names};
 
-void nos_get_all_groups_handler(ks_io* io, int) {
-  answer_names(io, kGroups);
-}
+constexpr Command main_service::get_all_groups = Row{.library = kAccountLibrary,
+                                                     .function = "Get_Local_Group_List_V2",
+                                                     .member = "group_list",
+                                                     .answers = "group_list, local_count, result",
+                                                     .action = list_names};
 
-void nos_get_group_members_handler(ks_io* io, int) {
-  std::string group_name;
-  handle_request(io, "nos_get_group_members_handler", {{"group_name", &group_name}}, [&](Json::Value& reply) {
-    const auto members = fetch_members(group_name);
-    if (!members) return Outcome::failure;
-    Json::Value list;
-    for (const bool present : *members) list.append(present);
-    reply["user_count"] = static_cast<std::int32_t>(members->size());
-    reply["user_list"] = list;
-    return Outcome::success;
-  });
-}
+constexpr Command main_service::get_group_members = Row{.params = {text("group_name")},
+                                                        .library = kAccountLibrary,
+                                                        .function = "Get_NAS_User_List_Of_Group_Ex",
+                                                        .member = "user_list",
+                                                        .answers = "result, user_count, user_list",
+                                                        .action = with_params<list_members>};
 
-void nos_get_sms_config_handler(ks_io* io, int) {
-  handle_bare_request(io, "nos_get_sms_config_handler", [](Json::Value& reply) {
-    SmsSettings settings{};
-    if (!fetch_sms_settings(&settings)) return Outcome::failure;
-    reply["mode"] = settings.mode;
-    reply["max_provider"] = settings.max_provider;
-    reply["now_provider"] = settings.now_provider;
-    reply["using_provider"] = settings.using_provider;
-    reply["country"] = text_of(settings.country);
-    reply["country_code"] = text_of(settings.country_code);
-    reply["phone1"] = text_of(settings.phone1);
-    reply["phone2"] = text_of(settings.phone2);
-    return Outcome::success;
-  });
-}
+constexpr Command main_service::get_sms_config =
+    Row{.library = "/usr/lib/libuCore_config.so.0.0",
+        .function = "Get_SMS_config",
+        .answers =
+            "country, country_code, max_provider, mode, now_provider, phone1, phone2, result, using_provider",
+        .action = get_sms_settings};
+
+constexpr Command main_service::vistal_auth_add_session =
+    Row{.params = {number("type"), text("user"), text("sid")},
+        .library = kSessionLibrary,
+        .function = "auth_add_session",
+        .action = with_params<add_session>};
+
+constexpr Command main_service::vistal_auth_get_session =
+    Row{.params = {number("type"), number("length"), text("sid")},
+        .library = kSessionLibrary,
+        .function = "auth_get_session",
+        .member = "user",
+        .action = with_params<get_session>};
+
+constexpr Command main_service::get_sess_id = Row{.params = {text("user"), text("pwd")},
+                                                  .runs = "/sbin/kcli -l user=USER pw=PWD",
+                                                  .answers = "error_code, sid",
+                                                  .action = with_params<get_session_id>};

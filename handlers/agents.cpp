@@ -23,21 +23,18 @@
 #include <vector>
 
 #include "common/base64.h"
-#include "common/json_param.h"
+#include "common/captured_run.h"
 #include "common/log.h"
+#include "common/package_config.h"
 #include "common/text.h"
-#include "handlers/captured_run.h"
+#include "handlers/catalogue.h"
 #include "handlers/handler.h"
-#include "handlers/handlers.h"
-#include "handlers/package_config.h"
 
 namespace {
 
-constexpr char kViewerLogName[] = "nos_cmv_cli_handler";
 constexpr char kViewerPackage[] = "CayinMediaViewer";
 constexpr char kViewerProgram[] = "bin/rdconf";
 
-constexpr char kAgentLogName[] = "vistal_agent_cli_handler";
 constexpr char kAgentProgram[] = "ext_service/ExtVistalCloudAgent/vistal_agent_cli";
 
 // Bytes, terminators included.
@@ -52,96 +49,83 @@ bool exists(const std::string& path) {
   return stat(path.c_str(), &found) == 0;
 }
 
-// The viewer's reply without its output, as it stands when nothing has been run.
-struct ViewerAnswer {
-  std::string output;
-  int cli_ret = -1;
-  bool installed = false;
-  bool enabled = false;
-  bool failed = false;
-};
-
-void refuse(const std::string& message, int code, ViewerAnswer& answer, Json::Value& reply) {
-  reply["error_msg"] = message;
-  reply["error_code"] = code;
-  answer.failed = true;
-}
-
-void run_viewer(const std::string& command, ViewerAnswer& answer, Json::Value& reply) {
-  answer.enabled = package_enabled(kViewerPackage);
+// Refusals have all members, too.
+Outcome relay_viewer(Request& request) {
+  Json::Value& reply = request.reply;
+  reply["result_out"] = "";
+  reply["cli_ret"] = -1;
+  reply["is_installed"] = 0;
+  reply["is_enabled"] = 0;
+  reply["result"] = -1;
+  if (!request.read_params()) return Outcome::own;
+  reply["is_enabled"] = package_enabled(kViewerPackage) ? 1 : 0;
   const std::string path = package_file(kViewerPackage, kViewerProgram, kProgramPathSize);
   if (!exists(path)) {
-    answer.output = format_bounded(kMissingMessageSize, "[%s][%d] cmv_cli_path=[%s] doesnt exist. errno=[%d]",
-                                   kViewerLogName, __LINE__, path.c_str(), errno);
-    return;
+    reply["result_out"] =
+        base64_text(format_bounded(kMissingMessageSize, "[%s][%d] cmv_cli_path=[%s] doesnt exist. errno=[%d]",
+                                   request.log_name.c_str(), __LINE__, path.c_str(), errno));
+    return Outcome::success;
   }
-  answer.installed = true;
+  reply["is_installed"] = 1;
+  int status = -1;
   const std::optional<std::string> output =
-      piped_output(path, {base_name(path), command}, kChunkSize, &answer.cli_ret);
-  if (output) {
-    answer.output = *output;
-  } else {
-    refuse(format_bounded(kStartMessageSize, "popen failed, path=[%s], errno=[%d].", path.c_str(), errno), -4,
-           answer, reply);
+      piped_output(path, {base_name(path), std::get<std::string>(request.values[0])}, kChunkSize, &status);
+  if (!output) {
+    reply["error_msg"] =
+        format_bounded(kStartMessageSize, "popen failed, path=[%s], errno=[%d].", path.c_str(), errno);
+    reply["error_code"] = -4;
+    return Outcome::own;
   }
+  reply["result_out"] = base64_text(*output);
+  reply["cli_ret"] = status;
+  return Outcome::success;
 }
 
-}  // namespace
-
-void nos_cmv_cli_handler(ks_io* io, int) {
-  const std::string text = read_request_text(io);
-  Json::Value request;
-  Json::Value reply;
-  ViewerAnswer answer;
-  std::string command;
-  bool mistyped = false;
-  if (!json_parse(text, &request)) {
-    LOG_AT(kViewerLogName, "ks_io input fail. [%s]", text.c_str());
-    refuse("input error", -1, answer, reply);
-  } else if (parser_param_from_json_str(request, "cmd", &command, "string", &mistyped); mistyped) {
-    refuse("paser fail", -1, answer, reply);
-  } else {
-    run_viewer(command, answer, reply);
-  }
-  reply["result_out"] = base64_text(answer.output);
-  reply["cli_ret"] = answer.cli_ret;
-  reply["is_installed"] = answer.installed ? 1 : 0;
-  reply["is_enabled"] = answer.enabled ? 1 : 0;
-  reply["result"] = answer.failed ? -1 : 0;
-  reply_json(reply, io);
-}
-
-void vistal_agent_cli_handler(ks_io* io, int) {
-  Json::Value reply;
-  const auto refuse_with = [&](const char* message, int result) {
-    reply["error_msg"] = message;
-    reply["result"] = result;
-    reply_json(reply, io);
-  };
+// The program is looked for before the body.
+Outcome relay_agent(Request& request) {
+  const char* const log_name = request.log_name.c_str();
+  Json::Value& reply = request.reply;
   const std::string path = package_file(kOwnPackage, kAgentProgram, kProgramPathSize);
   if (!exists(path)) {
-    LOG_AT(kAgentLogName, "vistal_agent_cli_path does not exist: %s", path.c_str());
-    return refuse_with("vistal_agent_cli_path does not exist", -4);
+    LOG_AT(log_name, "vistal_agent_cli_path does not exist: %s", path.c_str());
+    reply["error_msg"] = "vistal_agent_cli_path does not exist";
+    reply["result"] = -4;
+    return Outcome::own;
   }
-  Json::Value request;
-  if (!json_parse(read_request_text(io), &request)) {
-    LOG_AT(kAgentLogName, "ks_io input fail.");
-    return refuse_with("input error", -1);
+  if (!request.parse_body()) {
+    reply.removeMember("error_code");
+    reply["result"] = -1;
+    return Outcome::own;
   }
   std::vector<std::string> arguments = {rootless_path(path)};
   std::string list;
-  const Json::Value& options = std::as_const(request)["opt"];  // not get(), which copies
+  const Json::Value& options = std::as_const(request.body)["opt"];  // not get(), which copies
   for (Json::ArrayIndex i = 0; i < options.size(); ++i) {
     arguments.emplace_back(options[i].asCString());  // throws for what is no text
     list += arguments.back() + ",";
   }
-  log_write("[%s] args=[%s], ", kAgentLogName, list.c_str());
+  log_write("[%s] args=[%s], ", log_name, list.c_str());
   CapturedRun run(path, std::move(arguments));
   const std::string output = run.output();
   run.remove();
-  log_write("[%s] ret=[%d][%s]", kAgentLogName, run.status(), output.c_str());
+  log_write("[%s] ret=[%d][%s]", log_name, run.status(), output.c_str());
   reply["result_out"] = base64_text(output);
   reply["cli_ret"] = run.status();
-  reply["result"] = 0;
-  reply_json(reply, io);
+  return Outcome::success;
 }
+
+}  // namespace
+
+constexpr Command main_service::cmv_cli =
+    Row{.params = {text("cmd")},
+        .runs = "INSTALL_PATH/bin/rdconf CMD, of package CayinMediaViewer",
+        .answers = "cli_ret, is_enabled, is_installed, result, result_out",
+        .action = {relay_viewer, Reads::itself},
+        .logs_bad_body = true};
+
+constexpr Command main_service::vistal_agent_cli =
+    Row{.log_name = "vistal_agent_cli_handler",
+        .params = {optional(array("opt"))},
+        .runs = "INSTALL_PATH/ext_service/ExtVistalCloudAgent/vistal_agent_cli OPT...",
+        .answers = "cli_ret, result, result_out",
+        .action = {relay_agent, Reads::itself}};

@@ -5,10 +5,15 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <optional>
 #include <stdexcept>
+#include <string_view>
 
+#include "common/base64.h"
+#include "common/captured_run.h"
 #include "common/json_param.h"
 #include "common/log.h"
+#include "common/package_config.h"
 
 namespace {
 
@@ -18,45 +23,125 @@ namespace {
 constexpr std::size_t kMaxRequestText = 4 * 1024 * 1024;
 constexpr std::size_t kReadSize = 16 * 1024;
 
-void refuse(Json::Value& reply, const char* message) {
-  reply["error_msg"] = message;
-  reply["error_code"] = -1;
+// Adds to the reply what the outcome says and sends it, unless there is nothing to send.
+void conclude(Request& request, Outcome outcome) {
+  if (outcome == Outcome::silent) return;
+  if (outcome == Outcome::success) request.reply["result"] = 0;
+  if (outcome == Outcome::failure) {
+    request.reply["error_msg"] = request.log_name + " fail";
+    request.reply["result"] = -1;
+  }
+  const bool indented = request.command.indented;
+  reply_json_string(indented ? json_write_indented(request.reply) : json_write(request.reply), request.io);
 }
 
-// Fills the parameters, or the reply with the reason why not.
-bool parse_request(const std::string& text, const char* log_name, const Params& params, Json::Value& reply) {
-  Json::Value root;
-  if (!json_parse(text, &root)) {
-    LOG_AT(log_name, "ks_io input fail.");
-    refuse(reply, "input error");
-    return false;
+// Whether there is something to act on.
+bool read_body(Request& request) {
+  switch (request.command.action.reads) {
+    case Reads::params:
+      return request.command.parameters().empty() || request.read_params();
+    case Reads::members:
+      return request.parse_body();
+    case Reads::itself:
+      break;
   }
-  bool error = false;
-  for (const Param& param : params)
-    parser_param_from_json_str(root, param.key, param.value, param.type, &error);
-  if (error) refuse(reply, "paser fail");
-  return !error;
-}
-
-// Adds to `reply` what the outcome says and sends it, unless there is nothing to send.
-void conclude(const char* log_name, Outcome outcome, Layout layout, Json::Value& reply, ks_io* io) {
-  switch (outcome) {
-    case Outcome::success:
-      reply["result"] = 0;
-      break;
-    case Outcome::failure:
-      reply["error_msg"] = std::string(log_name) + " fail";
-      reply["result"] = -1;
-      break;
-    case Outcome::own:
-      break;
-    case Outcome::silent:
-      return;
-  }
-  reply_json_string(layout == Layout::compact ? json_write(reply) : json_write_indented(reply), io);
+  return true;
 }
 
 }  // namespace
+
+std::string log_name_of(const CommandRow& row) {
+  if (row.command->log_name != nullptr) return row.command->log_name;
+  return "nos_" + std::string(row.name) + "_handler";
+}
+
+Request::Request(const CommandRow& row, ks_io* request_io)
+    : command(*row.command), log_name(log_name_of(row)), io(request_io) {}
+
+bool Request::refuse(const char* message) {
+  reply["error_msg"] = message;
+  reply["error_code"] = -1;
+  return false;
+}
+
+bool Request::parse_body() {
+  const std::string text = read_request_text(io);
+  std::string errors;
+  const bool members = command.action.reads == Reads::members;
+  if (members ? json_parse_builder(text, &body, &errors) : json_parse(text, &body)) return true;
+  if (members) {
+    LOG_AT(log_name.c_str(), "parse strInputArg failed, error=[%s]", errors.c_str());
+  } else if (command.logs_bad_body) {
+    LOG_AT(log_name.c_str(), "ks_io input fail. [%s]", text.c_str());
+  } else {
+    LOG_AT(log_name.c_str(), "ks_io input fail.");
+  }
+  return refuse("input error");
+}
+
+bool Request::read_params() {
+  if (!parse_body()) return false;
+  bool error = false;
+  for (std::size_t i = 0; i < command.parameters().size(); ++i) {
+    const Param& param = command.params[i];
+    if (param.type == Type::integer) values[i] = 0;
+    std::visit(
+        [&](auto& value) {
+          parser_param_from_json_str(body, param.name, &value, type_name(param.type), &error);
+        },
+        values[i]);
+  }
+  body = Json::Value();  // which takes many times the memory of its text
+  return !error || refuse("paser fail");
+}
+
+std::string Request::program() const {
+  return command.program == kControlScript ? package_control_script() : std::string(command.program);
+}
+
+std::vector<std::string> Request::arguments() const {
+  std::vector<std::string> filled;
+  for (const Argument& argument : command.args) {
+    if (argument.text == nullptr) break;
+    if (!argument.is_param) {
+      filled.emplace_back(argument.text);
+      continue;
+    }
+    const Value& value = values[command.place_of(argument.text)];
+    const auto* const number = std::get_if<std::int32_t>(&value);
+    filled.push_back(number != nullptr ? std::to_string(*number) : std::get<std::string>(value));
+  }
+  return filled;
+}
+
+void carry_out(const CommandRow& row, ks_io* io) {
+  Request request(row, io);
+  conclude(request, read_body(request) ? request.command.action.run(request) : Outcome::own);
+  if (request.afterwards) request.afterwards();
+}
+
+Outcome success_if(bool done) {
+  return done ? Outcome::success : Outcome::failure;
+}
+
+Outcome success_with(Request& request, const Json::Value& member) {
+  request.reply[request.command.member] = member;
+  return Outcome::success;
+}
+
+Outcome run_program(Request& request) {
+  const std::string program = request.program();
+  if (program.empty()) return Outcome::failure;
+  return success_if(run_quietly(program, argument_vector(base_name(program), request.arguments())) == 0);
+}
+
+Outcome relay_logged(Request& request, const LoggedRun& run, bool removal_tells) {
+  const std::optional<LoggedOutput> output = run_logged(request.log_name.c_str(), run);
+  if (!output) return Outcome::silent;
+  request.reply["result_out"] = base64_text(output->text);
+  request.reply["cli_ret"] = removal_tells && !output->removed ? -1 : 0;
+  return Outcome::success;
+}
 
 std::string read_request_text(ks_io* io) {
   std::string text;
@@ -74,33 +159,6 @@ std::string read_request_text(ks_io* io) {
   return text;
 }
 
-void handle_request(ks_io* io, const char* log_name, const Params& params, const Action& action) {
-  Json::Value reply;
-  const bool complete = parse_request(read_request_text(io), log_name, params, reply);
-  conclude(log_name, complete ? action(reply) : Outcome::own, Layout::compact, reply, io);
-}
-
-void handle_bare_request(ks_io* io, const char* log_name, const Action& action) {
-  Json::Value reply;
-  const Outcome outcome = action(reply);
-  conclude(log_name, outcome, Layout::compact, reply, io);
-}
-
-void handle_object_request(ks_io* io, const char* log_name, Layout layout, const ObjectAction& action) {
-  const std::string text = read_request_text(io);
-  Json::Value request;
-  Json::Value reply;
-  Outcome outcome = Outcome::own;
-  std::string errors;
-  if (json_parse_builder(text, &request, &errors)) {
-    outcome = action(request, reply);
-  } else {
-    LOG_AT(log_name, "parse strInputArg failed, error=[%s]", errors.c_str());
-    refuse(reply, "input error");
-  }
-  conclude(log_name, outcome, layout, reply, io);
-}
-
 std::chrono::steady_clock::duration ReplyClock::elapsed() const {
   const auto started = started_.load();
   const auto now = std::chrono::steady_clock::now().time_since_epoch();
@@ -115,8 +173,4 @@ void reply_json_string(const std::string& text, ks_io* io) {
   ks_io_printf(io, "%s", text.c_str());
   ks_reply(io);
   if (clock != nullptr) clock->stop();
-}
-
-void reply_json(const Json::Value& reply, ks_io* io) {
-  reply_json_string(json_write(reply), io);
 }

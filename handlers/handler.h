@@ -1,73 +1,103 @@
-// The one skeleton of all command handlers: request text -> JSON -> typed parameters -> action -> reply.
+// The one skeleton of all commands: request text -> JSON -> typed parameters -> action -> reply.
 //
-// A handler is a function that the dispatcher calls on a thread of its own with the request and the client's
-// descriptor (whose number means nothing by then: standard output stands for it). It is written as
+// What a command does beyond running its program is an action, a function of its family's file:
 //
-//     void nos_get_something_handler(ks_io* io, int) {
-//       std::string user;
-//       std::int32_t type = 0;
-//       const Params params = {{"user", &user}, {"type", &type}};
-//       handle_request(io, "nos_get_something_handler", params, [&](Json::Value& reply) {
-//         ...                           // act on user and type; add what the reply carries besides
-//         return Outcome::success;
-//       });
+//     Outcome look_up(Request& request, const std::string& user, std::int32_t type) {
+//       ...                                 // act; add to request.reply what the reply carries besides
+//       return Outcome::success;
 //     }
 //
-// and the skeleton sends, one line of JSON each (handle_object_request has its own layout):
+//     constexpr Command main_service::get_something = Row{
+//         .params = {text("user"), number("type")},
+//         .runs = "what a reader of `ksctl list` is told",
+//         .action = with_params<look_up>};
+//
+// and the skeleton sends, on one line of JSON unless the row asks for several:
 //   the body is not JSON                 {"error_code":-1,"error_msg":"input error"}     and one log line
 //   a parameter is missing or mistyped   {"error_code":-1,"error_msg":"paser fail"}
 //   Outcome::failure                     {"error_msg":"<log name> fail","result":-1}
 //   Outcome::success                     {"result":0} and what the action has set
 //   Outcome::own                         what the action has set
 //   Outcome::silent                      nothing: the dispatcher hangs up
-// A request without any body raises std::logic_error out of the handler, as does JSON that is neither an
-// object nor null
-// (Json::LogicError); the dispatcher catches.
+// The body of a command without parameters is not looked at. A request without any body raises std::logic_error
+// where its body is read, as does JSON that is neither an object nor null (Json::LogicError); what an action
+// throws passes through as well. The dispatcher catches.
 #pragma once
 
 #include <json/value.h>
 
 #include <atomic>
 #include <chrono>
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <type_traits>
+#include <utility>
+#include <variant>
 #include <vector>
 
+#include "common/logged_run.h"
+#include "handlers/command.h"
 #include "service/ks.h"
 
-enum class Outcome { success, failure, own, silent };
+using Value = std::variant<std::string, std::int32_t>;
 
-// One parameter of a request: its member name and the variable that receives it, which says what type it must
-// be.
-struct Param {
-  Param(const char* name, std::string* out) : key(name), type("string"), value(out) {}
-  Param(const char* name, std::int32_t* out) : key(name), type("int"), value(out) {}
-  const char* key;
-  const char* type;
-  void* value;
+// One request on its way through the skeleton.
+struct Request {
+  Request(const CommandRow& row, ks_io* request_io);
+
+  // For actions that read the body themselves. False when there is nothing to act on: the reply is then the
+  // refusal. read_params fills `values`, parse_body only `body`.
+  bool parse_body();
+  bool read_params();
+
+  // The row's program, a control script looked up, or empty when the package list does not have it; and its
+  // arguments, filled in.
+  std::string program() const;
+  std::vector<std::string> arguments() const;
+
+  const Command& command;
+  const std::string log_name;
+  ks_io* const io;
+  std::array<Value, kMostParams> values;  // of the parameters, in their order
+  Json::Value body;
+  Json::Value reply;
+  std::function<void()> afterwards;  // what is left to do once the reply is out
+
+ private:
+  bool refuse(const char* message);
 };
 
-using Params = std::vector<Param>;
-using Action = std::function<Outcome(Json::Value& reply)>;
+// What stands in a command's log lines and failures.
+std::string log_name_of(const CommandRow& row);
 
-// Runs a handler that reads its request. `log_name` stands in its log lines and is the stem of its failure
-// message. The action runs only when every parameter is there.
-void handle_request(ks_io* io, const char* log_name, const Params& params, const Action& action);
+// Runs a command for one request, up to its reply. The request stays the dispatcher's.
+void carry_out(const CommandRow& row, ks_io* io);
 
-// Runs a handler without parameters: the body is not looked at.
-void handle_bare_request(ks_io* io, const char* log_name, const Action& action);
+// The action of a function that takes the row's parameters, in their order.
+template <auto function>
+struct ParamAction;
+template <typename... Taken, Outcome (*function)(Request&, Taken...)>
+struct ParamAction<function> {
+  static constexpr Type kTypes[] = {
+      std::is_same_v<std::remove_cvref_t<Taken>, std::string> ? Type::string : Type::integer...};
+  template <std::size_t... place>
+  static Outcome pick(Request& request, std::index_sequence<place...>) {
+    return function(request, std::get<std::remove_cvref_t<Taken>>(request.values[place])...);
+  }
+  static Outcome run(Request& request) { return pick(request, std::index_sequence_for<Taken...>()); }
+};
+template <auto function>
+inline constexpr Action with_params{ParamAction<function>::run, Reads::params, ParamAction<function>::kTypes};
 
-// How a reply stands on the wire: on one line, or on several, indented by tabs.
-enum class Layout { compact, indented };
+// For actions that only tell whether it could be done, and for those that add just the row's `member`.
+Outcome success_if(bool done);
+Outcome success_with(Request& request, const Json::Value& member);
 
-using ObjectAction = std::function<Outcome(const Json::Value& request, Json::Value& reply)>;
-
-// Runs a handler that takes its members from the request itself, by the library's own conversions and with
-// defaults for those that are absent; what the action throws passes through. The body is read by
-// json_parse_builder. For one that is not JSON, the log line has the reader's account. `layout` holds for
-// every reply, the refusal included.
-void handle_object_request(ks_io* io, const char* log_name, Layout layout, const ObjectAction& action);
+// A logged run whose output is the answer: "result_out", in base64, and a "cli_ret" of 0. `removal_tells`: -1
+// there when the output file could not be removed. Without a reply when the program failed.
+Outcome relay_logged(Request& request, const LoggedRun& run, bool removal_tells = false);
 
 // Tells the dispatcher how long a handler has been at writing its reply, where a hostile client can hold it up. The
 // request's user word (ks_io_set) points at it, or is 0. Any thread may look.
@@ -87,7 +117,5 @@ class ReplyClock {
 // a mapping.
 std::string read_request_text(ks_io* io);
 
-// Puts `text`, or `reply` on one line, in place of the request's body and tells the client; does nothing when
-// the client has gone.
+// Puts `text` in place of the request's body and tells the client; does nothing when the client has gone.
 void reply_json_string(const std::string& text, ks_io* io);
-void reply_json(const Json::Value& reply, ks_io* io);

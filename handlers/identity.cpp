@@ -22,18 +22,17 @@
 #include <utility>
 #include <vector>
 
+#include "common/captured_run.h"
 #include "common/log.h"
 #include "common/rdconf.h"
 #include "common/text.h"
-#include "handlers/captured_run.h"
+#include "handlers/catalogue.h"
 #include "handlers/handler.h"
-#include "handlers/handlers.h"
 
 namespace {
 
 constexpr char kHardwareTool[] = "/sbin/hwctl_app";
 constexpr std::size_t kChunkSize = 1023;          // bytes of the tool's output that are taken at a time
-constexpr std::size_t kFieldArgumentSize = 64;    // bytes, NUL included
 constexpr std::size_t kExtAreaArgumentSize = 32;  // bytes, NUL included
 
 constexpr char kPlatformConfig[] = "/etc/platform.conf";
@@ -41,20 +40,6 @@ constexpr char kDisplayConfig[] = "/etc/kos.ui.cp.conf";
 constexpr char kGenericMarker[] = "/etc/IS_G";
 
 constexpr int kNotStarted = -2;  // what the log calls a hardware tool that could not be started
-
-// One field of the vital product data.
-struct VpdField {
-  const char* log_name;
-  const char* member;        // of the reply
-  const char* object_index;  // the tool's number for it
-};
-
-constexpr VpdField kProductName = {
-    .log_name = "nos_get_vpd_productnamed_handler", .member = "vpd_productnamed", .object_index = "0:7"};
-constexpr VpdField kKey = {
-    .log_name = "nos_get_vpd_eepkey_handler", .member = "vpd_eepkey", .object_index = "0:8"};
-constexpr VpdField kChannel = {
-    .log_name = "nos_get_vpd_channel_handler", .member = "vpd_channel", .object_index = "0:9"};
 
 // VALUE of the tool's NAME=VALUE, without the blanks and newlines around it; nothing when the output is of
 // any other form.
@@ -65,21 +50,12 @@ std::optional<std::string> field_value(const std::string& output) {
   return std::move(pieces[1]);
 }
 
-std::optional<std::string> read_field(const char* object_index) {
-  const std::string argument =
-      format_bounded(kFieldArgumentSize, "enc_sys_id=root,obj_index=%s", object_index);
+Outcome answer_vpd_field(Request& request) {
   const std::optional<std::string> output =
-      piped_output(kHardwareTool, {base_name(kHardwareTool), "--vpd_get_field", argument}, kChunkSize);
-  return output ? field_value(*output) : std::nullopt;
-}
-
-void answer_field(ks_io* io, const VpdField& field) {
-  handle_bare_request(io, field.log_name, [&](Json::Value& reply) {
-    const std::optional<std::string> value = read_field(field.object_index);
-    if (!value) return Outcome::failure;
-    reply[field.member] = *value;
-    return Outcome::success;
-  });
+      piped_output(kHardwareTool, argument_vector(base_name(kHardwareTool), request.arguments()), kChunkSize);
+  const std::optional<std::string> value = output ? field_value(*output) : std::nullopt;
+  if (!value) return Outcome::failure;
+  return success_with(request, *value);
 }
 
 // Nothing when the tool cannot be started.
@@ -96,74 +72,87 @@ std::optional<std::string> read_ext_area(std::int32_t offset, std::int32_t lengt
   return output;
 }
 
+Outcome answer_ext_area(Request& request, std::int32_t offset, std::int32_t length) {
+  const std::optional<std::string> area = read_ext_area(offset, length);
+  if (!area) {
+    LOG_AT(request.log_name.c_str(), "get vpd area failed, ret=%d", kNotStarted);
+    return Outcome::failure;
+  }
+  return success_with(request, *area);
+}
+
+Outcome answer_display_name(Request& request) {
+  std::string name;
+  if (!rdconf_value(kPlatformConfig, "MISC", "DISPLAY_NAME", &name)) return Outcome::failure;
+  return success_with(request, name);
+}
+
+Outcome answer_generic_model(Request& request) {
+  struct stat marker {};
+  const bool generic = stat(kGenericMarker, &marker) == 0;
+  LOG_AT(request.log_name.c_str(), "%s", generic ? "is generic." : "normal.");
+  request.reply[request.command.member] = generic ? 1 : 0;
+  // A normal model is no failure and has no message; but clients know it by this -1.
+  request.reply["result"] = generic ? 0 : -1;
+  return Outcome::own;
+}
+
+// There is no such model on the platforms of this build; clients may still ask.
+Outcome answer_trn_model(Request& request) {
+  LOG_AT(request.log_name.c_str(), "normal.");
+  return success_with(request, 0);
+}
+
+Outcome answer_dispdeck_status(Request& request) {
+  std::string status;
+  const bool found = rdconf_value(kDisplayConfig, "CP_APP", "dispDeck", &status);
+  request.reply["error_code"] = 0;
+  request.reply[request.command.member] =
+      found ? static_cast<std::int32_t>(std::strtol(status.c_str(), nullptr, 10)) : 0;
+  return Outcome::own;
+}
+
 }  // namespace
 
-void nos_get_vpd_productnamed_handler(ks_io* io, int) {
-  answer_field(io, kProductName);
-}
+constexpr Command main_service::get_vpd_productnamed =
+    Row{.program = kHardwareTool,
+        .args = {"--vpd_get_field", "enc_sys_id=root,obj_index=0:7"},
+        .member = "vpd_productnamed",
+        .action = answer_vpd_field};
 
-void nos_get_vpd_eepkey_handler(ks_io* io, int) {
-  answer_field(io, kKey);
-}
+constexpr Command main_service::get_vpd_eepkey =
+    Row{.program = kHardwareTool,
+        .args = {"--vpd_get_field", "enc_sys_id=root,obj_index=0:8"},
+        .member = "vpd_eepkey",
+        .action = answer_vpd_field};
 
-void nos_get_vpd_channel_handler(ks_io* io, int) {
-  answer_field(io, kChannel);
-}
+constexpr Command main_service::get_vpd_channel =
+    Row{.program = kHardwareTool,
+        .args = {"--vpd_get_field", "enc_sys_id=root,obj_index=0:9"},
+        .member = "vpd_channel",
+        .action = answer_vpd_field};
 
-void nos_get_vpd_ext_area_handler(ks_io* io, int) {
-  constexpr char kLogName[] = "nos_get_vpd_ext_area_handler";
-  std::int32_t offset = 0;
-  std::int32_t length = 0;
-  handle_request(io, kLogName, {{"offest", &offset}, {"length", &length}}, [&](Json::Value& reply) {
-    const std::optional<std::string> area = read_ext_area(offset, length);
-    if (!area) {
-      LOG_AT(kLogName, "get vpd area failed, ret=%d", kNotStarted);
-      return Outcome::failure;
-    }
-    reply["vpd_ext_area"] = *area;
-    return Outcome::success;
-  });
-}
+constexpr Command main_service::get_vpd_ext_area =
+    Row{.params = {number("offest"), number("length")},
+        .runs = "/sbin/hwctl_app --vpd_get_ext_area offset=OFFEST,length=LENGTH",
+        .member = "vpd_ext_area",
+        .action = with_params<answer_ext_area>};
 
-void nos_get_platform_display_name_handler(ks_io* io, int) {
-  handle_bare_request(io, "nos_get_platform_display_name_handler", [](Json::Value& reply) {
-    std::string name;
-    if (!rdconf_value(kPlatformConfig, "MISC", "DISPLAY_NAME", &name)) return Outcome::failure;
-    reply["platform_display_name"] = name;
-    return Outcome::success;
-  });
-}
+constexpr Command main_service::get_platform_display_name =
+    Row{.runs = "reads DISPLAY_NAME of section MISC in /etc/platform.conf",
+        .member = "platform_display_name",
+        .action = answer_display_name};
 
-void nos_is_generic_model_handler(ks_io* io, int) {
-  constexpr char kLogName[] = "nos_is_generic_model_handler";
-  handle_bare_request(io, kLogName, [&](Json::Value& reply) {
-    struct stat marker {};
-    const bool generic = stat(kGenericMarker, &marker) == 0;
-    LOG_AT(kLogName, "%s", generic ? "is generic." : "normal.");
-    reply["is_generic"] = generic ? 1 : 0;
-    // A normal model is no failure and has no message; but clients know it by this -1.
-    reply["result"] = generic ? 0 : -1;
-    return Outcome::own;
-  });
-}
+constexpr Command main_service::is_generic_model =
+    Row{.runs = "looks for /etc/IS_G", .member = "is_generic", .action = answer_generic_model};
 
-void nos_system_is_TRN_model_handler(ks_io* io, int) {
-  constexpr char kLogName[] = "nos_system_is_TRN_model_handler";
-  handle_bare_request(io, kLogName, [&](Json::Value& reply) {
-    LOG_AT(kLogName, "normal.");
-    // There is no such model on the platforms of this build; clients may still ask.
-    reply["is_TRN_model"] = 0;
-    return Outcome::success;
-  });
-}
+constexpr Command main_service::is_trn_model = Row{.log_name = "nos_system_is_TRN_model_handler",
+                                                   .runs = "nothing",
+                                                   .member = "is_TRN_model",
+                                                   .action = answer_trn_model};
 
-void nos_get_dispdeck_status_handler(ks_io* io, int) {
-  handle_bare_request(io, "nos_get_dispdeck_status_handler", [](Json::Value& reply) {
-    std::string status;
-    const bool found = rdconf_value(kDisplayConfig, "CP_APP", "dispDeck", &status);
-    reply["error_code"] = 0;
-    reply["dispDeck_Status"] =
-        found ? static_cast<std::int32_t>(std::strtol(status.c_str(), nullptr, 10)) : 0;
-    return Outcome::own;
-  });
-}
+constexpr Command main_service::get_dispdeck_status =
+    Row{.runs = "reads dispDeck of section CP_APP in /etc/kos.ui.cp.conf",
+        .member = "dispDeck_Status",
+        .answers = "dispDeck_Status, error_code",
+        .action = answer_dispdeck_status};

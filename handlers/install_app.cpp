@@ -10,14 +10,13 @@
 #include <cstddef>
 #include <string>
 
+#include "common/logged_run.h"
 #include "common/text.h"
+#include "handlers/catalogue.h"
 #include "handlers/handler.h"
-#include "handlers/handlers.h"
-#include "handlers/logged_run.h"
 
 namespace {
 
-constexpr char kLogName[] = "nos_install_app_handler";
 constexpr std::size_t kScriptPathSize = 1024;  // bytes, terminator included
 
 // Tells programs that are started with the daemon's environment from then on, not this command's script, that
@@ -30,18 +29,24 @@ void allow_installation() {
   (void)done;
 }
 
+Outcome install(Request& request) {
+  const Json::Value& body = request.body;
+  const std::string folder = body.get("sys_install_folder", "").asString();
+  const std::string package = body.get("app_file_path", "").asString();
+  (void)body.get("install_volume", "").asString();  // must be convertible, but is not passed on
+  allow_installation();
+  const std::string script =
+      format_bounded(kScriptPathSize, "%s/script/operate_kpkgcenter_app.sh", folder.c_str());
+  return relay_logged(request,
+                      {.program = script, .arguments = {"install", package}, .failure_shows_output = true});
+}
+
 }  // namespace
 
-void nos_install_app_handler(ks_io* io, int) {
-  handle_object_request(io, kLogName, Layout::indented, [](const Json::Value& request, Json::Value& reply) {
-    const std::string folder = request.get("sys_install_folder", "").asString();
-    const std::string package = request.get("app_file_path", "").asString();
-    (void)request.get("install_volume", "").asString();  // must be convertible, but is not passed on
-    allow_installation();
-    const LoggedRun run = {
-        .program = format_bounded(kScriptPathSize, "%s/script/operate_kpkgcenter_app.sh", folder.c_str()),
-        .arguments = {"install", package},
-        .failure_shows_output = true};
-    return run_logged(kLogName, run, reply);
-  });
-}
+constexpr Command main_service::install_app =
+    Row{.params = {optional(text("sys_install_folder")), optional(text("app_file_path")),
+                   optional(text("install_volume"))},
+        .runs = "SYS_INSTALL_FOLDER/script/operate_kpkgcenter_app.sh install APP_FILE_PATH",
+        .answers = "cli_ret, result, result_out",
+        .action = {install, Reads::members},
+        .indented = true};

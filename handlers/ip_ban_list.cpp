@@ -7,11 +7,11 @@
 //   reply    {"result": 0}, whatever the two made of it; the failure reply when nothing could be written
 #include <string>
 
+#include "common/fragment.h"
 #include "common/process.h"
 #include "common/text.h"
-#include "handlers/fragment.h"
+#include "handlers/catalogue.h"
 #include "handlers/handler.h"
-#include "handlers/handlers.h"
 
 namespace {
 
@@ -26,15 +26,19 @@ std::string fragment_text(const std::string& addresses) {
   return text + "allow from all\n</LocationMatch>\n";
 }
 
+Outcome update_ban_list(Request&, const std::string& addresses) {
+  if (!write_fragment(kFragment, fragment_text(addresses))) return Outcome::failure;
+  // A server that does not run now reads the list when it starts.
+  exec_cmd_args(nullptr, nullptr, nullptr, kWebServer, "-k", "graceful", "-f", kWebServerConfig, nullptr);
+  exec_cmd_args(nullptr, nullptr, nullptr, kTunnelScript, "reload", nullptr);
+  return Outcome::success;
+}
+
 }  // namespace
 
-void nos_update_ip_ban_list_handler(ks_io* io, int) {
-  std::string addresses;
-  handle_request(io, "nos_update_ip_ban_list_handler", {{"ip_list", &addresses}}, [&](Json::Value&) {
-    if (!write_fragment(kFragment, fragment_text(addresses))) return Outcome::failure;
-    // A server that does not run now reads the list when it starts.
-    exec_cmd_args(nullptr, nullptr, nullptr, kWebServer, "-k", "graceful", "-f", kWebServerConfig, nullptr);
-    exec_cmd_args(nullptr, nullptr, nullptr, kTunnelScript, "reload", nullptr);
-    return Outcome::success;
-  });
-}
+constexpr Command main_service::update_ip_ban_list =
+    Row{.params = {text("ip_list")},
+        .runs =
+            "/usr/local/apache/bin/httpd_proxy -k graceful -f /etc/httpd-sys-proxy.conf; "
+            "/etc/init.d/stunnel.sh reload",
+        .action = with_params<update_ban_list>};

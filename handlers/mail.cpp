@@ -1,3 +1,7 @@
+// Mail, and the three commands that are of no family.
+//
+// `test`, on both services: a sign of life. The body is not read.
+//
 // `sendmail`, on the mail service: hands a mail that the client has left in the staging directory to the
 // system's mail program.
 //
@@ -9,24 +13,36 @@
 // Afterwards both files are moved to the scratch directory, beside the program's output and a record of the
 // send. All four belong to the last mail: with several under way at once the last writer wins. The password
 // appears in the record and in the program's command line, and must not appear in the log.
+//
+// `exec_cli`: runs the program that the request names and returns what it prints.
+//
+//   request  {"command": [path, argument, ...]}
+//   reply    {"error_code": 0, "handler": "exec_cli_handler", "result": output, "service": ...}
+//            {"error_code": -1, "error_msg": "Read command fail.", ...} when there is no such command
+//
+// How the program ends is not looked at: one that cannot be run has printed nothing.
 #include <sys/stat.h>
 
 #include <cstddef>
 #include <cstdio>
+#include <new>
+#include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
+#include "common/captured_run.h"
+#include "common/debug_record.h"
 #include "common/guarded_open.h"
+#include "common/json_param.h"
 #include "common/log.h"
 #include "common/process.h"
+#include "common/service_names.h"
 #include "common/text.h"
-#include "handlers/captured_run.h"
-#include "handlers/debug_record.h"
+#include "handlers/catalogue.h"
 #include "handlers/handler.h"
-#include "handlers/handlers.h"
 
 namespace {
-
-constexpr char kLogName[] = "nos_sendmail_handler";
 
 constexpr char kMailProgram[] = "/usr/sbin/sendmail";
 constexpr char kStagingDir[] = "/tmp/vistalsurveillance_sendmail";
@@ -105,34 +121,99 @@ void write_record(const Mail& mail, int result, const HeldFolder& scratch) {
   std::fprintf(record.get(), "ret_val=[%d]\n", result);
 }
 
-void write_log(const Mail& mail, int result) {
-  LOG_AT(kLogName, "str_conf_path=[%s].", mail.config_path.c_str());
-  LOG_AT(kLogName, "str_content_path=[%s].", mail.content_path.c_str());
-  LOG_AT(kLogName, "str_cmd_sendmail=[%s].", kNoCommand);
-  LOG_AT(kLogName, "ret_val=[%d].\n", result);  // the empty line ends a mail's lines
+void write_log(const char* log_name, const Mail& mail, int result) {
+  LOG_AT(log_name, "str_conf_path=[%s].", mail.config_path.c_str());
+  LOG_AT(log_name, "str_content_path=[%s].", mail.content_path.c_str());
+  LOG_AT(log_name, "str_cmd_sendmail=[%s].", kNoCommand);
+  LOG_AT(log_name, "ret_val=[%d].\n", result);  // the empty line ends a mail's lines
+}
+
+Outcome send_mail(Request& request, const std::string& user, const std::string& password,
+                  const std::string& config_file, const std::string& content_file) {
+  const char* const log_name = request.log_name.c_str();
+  const Mail mail = {.user = user,
+                     .password = password,
+                     .config_path = staged(config_file),
+                     .content_path = staged(content_file)};
+  LOG_AT(log_name, "exec sendmail start.");
+  const HeldFolder scratch(kScratchDir);
+  const int result = exit_status(run_mail_program(mail, scratch));
+  keep_files(mail, scratch);
+  request.reply["result"] = result;
+  write_record(mail, result, scratch);
+  write_log(log_name, mail, result);
+  return Outcome::own;
+}
+
+template <const char* service>
+Outcome give_sign_of_life(Request& request) {
+  request.reply["handler"] = request.log_name;
+  request.reply["service"] = service;
+  return Outcome::own;
+}
+
+// ---- Command lines
+
+constexpr std::size_t kArgumentSize = 256;  // bytes of one argument, its NUL included
+constexpr std::size_t kMaxOutput = 5120;    // bytes of output that are returned
+
+// The command as texts, program first. Numbers and booleans stand for their JSON texts; nothing when there is
+// no program, or something has no text form.
+std::optional<std::vector<std::string>> read_command_line(const std::string& text) {
+  Json::Value root;
+  if (!json_parse(text, &root) || !root.isObject()) return std::nullopt;
+  const Json::Value& command = root["command"];
+  if (!command.isArray() || command.empty()) return std::nullopt;
+  std::vector<std::string> texts;
+  for (const Json::Value& element : command) {
+    if (!element.isConvertibleTo(Json::stringValue)) return std::nullopt;
+    texts.push_back(element.asString());
+  }
+  return texts;
+}
+
+Outcome relay_command_line(Request& request) {
+  give_sign_of_life<kMainServiceName>(request);
+  const auto answer = [&](int code, const char* member, const std::string& text) {
+    request.reply["error_code"] = code;
+    request.reply[member] = text;
+    return Outcome::own;
+  };
+  std::optional<std::vector<std::string>> command = read_command_line(read_request_text(request.io));
+  if (!command) return answer(-1, "error_msg", "Read command fail.");
+  try {
+    const std::string program = command->front();
+    command->front() = base_name(program);
+    for (std::size_t i = 1; i < command->size(); ++i) {
+      (*command)[i] = format_bounded(kArgumentSize, "%s", (*command)[i].c_str());
+    }
+    const CapturedRun run(program, std::move(*command));
+    return answer(0, "result", run.output(kMaxOutput).c_str());  // up to its first NUL
+  } catch (const std::bad_alloc&) {
+    return answer(-2, "error_msg", "malloc fail.");
+  }
 }
 
 }  // namespace
 
-void nos_sendmail_handler(ks_io* io, int) {
-  std::string user;
-  std::string password;
-  std::string config_file;
-  std::string content_file;
-  const Params params = {
-      {"user", &user}, {"pwd", &password}, {"config_file", &config_file}, {"content_file", &content_file}};
-  handle_request(io, kLogName, params, [&](Json::Value& reply) {
-    const Mail mail = {.user = user,
-                       .password = password,
-                       .config_path = staged(config_file),
-                       .content_path = staged(content_file)};
-    LOG_AT(kLogName, "exec sendmail start.");
-    const HeldFolder scratch(kScratchDir);
-    const int result = exit_status(run_mail_program(mail, scratch));
-    keep_files(mail, scratch);
-    reply["result"] = result;
-    write_record(mail, result, scratch);
-    write_log(mail, result);
-    return Outcome::own;
-  });
-}
+constexpr Command mail_service::test = Row{.log_name = "nos_test_sendmail_srv_handler",
+                                           .runs = "nothing",
+                                           .answers = "handler, service",
+                                           .action = give_sign_of_life<kMailServiceName>};
+
+constexpr Command mail_service::sendmail =
+    Row{.params = {text("user"), text("pwd"), text("config_file"), text("content_file")},
+        .runs = "/usr/sbin/sendmail [-auUSER -auPWD] -C CONFIG_FILE -t",
+        .answers = "result: the exit status",
+        .action = with_params<send_mail>};
+
+constexpr Command main_service::test = Row{.log_name = "test_handler",
+                                           .runs = "nothing",
+                                           .answers = "handler, service",
+                                           .action = give_sign_of_life<kMainServiceName>};
+
+constexpr Command main_service::exec_cli = Row{.log_name = "exec_cli_handler",
+                                               .params = {array("command")},
+                                               .runs = "COMMAND...",
+                                               .answers = "error_code, handler, result, service",
+                                               .action = {relay_command_line, Reads::itself}};

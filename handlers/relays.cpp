@@ -1,24 +1,46 @@
-// `system_call_cloud_analysis_register`: registers a data provider with the platform's analytics tool.
+// What the application has the platform or its own package do: protect shares and set their rights, feed the search
+// index, feed the analytics tool, pass notifications on, tell how much of a tiered folder lies in the cloud.
 //
+// Most of these commands run one program, and exit status 0 is success. The others:
+//
+// `system_call_cloud_analysis_register`
 //   request  {"provide_id": text, "command": word}
 //   runs     /usr/local/bin/kanalytic_tool COMMAND -p PROVIDE_ID -c /share/.@analytic
-//   reply    {"result": 0}, or the failure reply when the tool does not exit with 0
-//
-// Either way a record of the registration is left in the scratch directory. The tool's other commands need
-// none, see tool_commands.cpp.
+//   Whatever comes of it, a record of the registration is left in the scratch directory.
+// `system_call_nc_notify`
+//   request  {"nc_notify": base64 of the arguments, as a shell reads them}
+//   runs     /bin/sh -c "INSTALL_PATH/script/nc_wrapper.sh ARGUMENTS", as root
+// `notify_return`
+//   request  {"cmd": 3, "type": number, "acy": number}; any other "cmd" is a failure and runs nothing
+//   runs     INSTALL_PATH/vistalpro_notify.sh NOTIFY_CMD TYPE ACY
+// `system_get_tiermount_cloud_usage`
+//   request  {"full_path": base64 of the path}
+//   runs     /usr/bin/getfattr --only-values --absolute-names -n trusted.tm.cloud_usage PATH, an attribute in
+//            which the tiering service notes it, and which only root may read
+//   reply    {"result": 0, "size_info": base64 of what it printed}. The failure reply when it printed nothing
+//            (no such file or attribute, no such tool), or more than a "size_info" holds. Its exit status is
+//            not looked at.
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
+#include <optional>
 #include <string>
 
+#include "common/base64.h"
+#include "common/captured_run.h"
+#include "common/debug_record.h"
+#include "common/package_config.h"
 #include "common/text.h"
-#include "handlers/analytics_tool.h"
-#include "handlers/captured_run.h"
-#include "handlers/debug_record.h"
+#include "handlers/catalogue.h"
 #include "handlers/handler.h"
-#include "handlers/handlers.h"
 
 namespace {
 
+constexpr char kShareGuard[] = "/sbin/share_guard";
+
+// ---- Analytics
+
+constexpr char kAnalyticsTool[] = "/usr/local/bin/kanalytic_tool";
 constexpr char kDataDir[] = "/share/.@analytic";
 constexpr char kDebugRecord[] = "cloud_analysis_register.dbg";
 constexpr std::size_t kCommandTextSize = 512;  // bytes, terminator included
@@ -34,16 +56,130 @@ void write_record(const std::string& command, const std::string& provider, int r
   std::fprintf(record.get(), "ret_val=[%d]\n", result);
 }
 
+Outcome register_provider(Request& request, const std::string& provider, const std::string& command) {
+  const int status =
+      run_quietly(kAnalyticsTool, argument_vector(base_name(kAnalyticsTool), request.arguments()));
+  write_record(command, provider, exit_status(status));
+  return success_if(status == 0);
+}
+
+// ---- Notifications
+
+constexpr char kShell[] = "/bin/sh";
+constexpr char kWrapper[] = "script/nc_wrapper.sh";
+constexpr char kNotifyScript[] = "vistalpro_notify.sh";
+
+// Bytes, terminators included.
+constexpr std::size_t kWrapperPathSize = 512;
+constexpr std::size_t kCommandLineSize = 4096;
+constexpr std::size_t kScriptPathSize = 256;
+
+constexpr std::int32_t kReturnCommand = 3;  // the one "cmd" that the script has a use for
+
+Outcome pass_notification(Request&, const std::string& encoded) {
+  const std::string wrapper = package_file(kOwnPackage, kWrapper, kWrapperPathSize);
+  std::string arguments;
+  base64_decode(encoded, &arguments);
+  // Not quoted: the arguments are the client's to quote. Without a wrapper the shell runs them by
+  // themselves, which clients rely on; a package list that could not be read counts as one without.
+  const std::string line = format_bounded(kCommandLineSize, "%s %s", wrapper.c_str(), arguments.c_str());
+  return success_if(run_quietly(kShell, {base_name(kShell), "-c", line}) == 0);
+}
+
+Outcome return_notification(Request&, std::int32_t command, std::int32_t type, std::int32_t acy) {
+  if (command != kReturnCommand) return Outcome::failure;
+  const std::string script = package_file(kOwnPackage, kNotifyScript, kScriptPathSize);
+  if (script.empty()) return Outcome::failure;
+  const int status =
+      run_quietly(script, {base_name(script), "NOTIFY_CMD", std::to_string(type), std::to_string(acy)});
+  return success_if(status == 0);
+}
+
+// ---- Cloud usage
+
+constexpr char kAttributeReader[] = "/usr/bin/getfattr";
+constexpr char kAttribute[] = "trusted.tm.cloud_usage";
+
+constexpr std::size_t kEncodedSize = 2048;                     // bytes of a "size_info", terminator included
+constexpr std::size_t kMaxUsage = (kEncodedSize - 1) / 4 * 3;  // bytes whose encoding still fits
+
+Outcome get_cloud_usage(Request& request, const std::string& encoded_path) {
+  std::string path;
+  base64_decode(encoded_path, &path);
+  const std::optional<std::string> usage = piped_bytes(
+      kAttributeReader,
+      {base_name(kAttributeReader), "--only-values", "--absolute-names", "-n", kAttribute, path.c_str()},
+      kMaxUsage + 1);
+  if (!usage || usage->empty() || usage->size() > kMaxUsage) return Outcome::failure;
+  return success_with(request, base64_text(*usage));
+}
+
 }  // namespace
 
-void nos_system_call_cloud_analysis_register_handler(ks_io* io, int) {
-  std::string provider;
-  std::string command;
-  const Params params = {{"provide_id", &provider}, {"command", &command}};
-  handle_request(io, "nos_system_call_cloud_analysis_register_handler", params, [&](Json::Value&) {
-    const int status =
-        run_quietly(kAnalyticsTool, {base_name(kAnalyticsTool), command, "-p", provider, "-c", kDataDir});
-    write_record(command, provider, exit_status(status));
-    return status == 0 ? Outcome::success : Outcome::failure;
-  });
-}
+constexpr Command main_service::system_call_share_guard_add =
+    Row{.params = {text("share_name")},
+        .program = kShareGuard,
+        .args = {"add", param("share_name"), "VistalServer"}};
+
+constexpr Command main_service::system_call_share_guard_remove =
+    Row{.params = {text("share_name")}, .program = kShareGuard, .args = {"remove", param("share_name")}};
+
+constexpr Command main_service::system_trn_smb_setfolder_priv =
+    Row{.params = {text("share_name"), text("command"), text("priv_type")},
+        .program = "/etc/init.d/vistal_smb_update.sh",
+        .args = {param("command"), param("share_name"), param("priv_type")}};
+
+constexpr Command main_service::system_call_kseek_list_add =
+    Row{.params = {text("exclude_name"), text("exclude_path")},
+        .program = kControlScript,
+        .args = {"kbus_kseek_list_add", param("exclude_name"), param("exclude_path")}};
+
+constexpr Command main_service::system_call_share_folder_renew =
+    Row{.program = kControlScript, .args = {"share_folder_renew"}};
+
+constexpr Command main_service::system_call_vistalpro_disable =
+    Row{.log_name = "nos_system_system_call_vistalpro_disable_handler",  // doubled word: clients match on it
+        .program = kControlScript,
+        .args = {"force_stop"}};
+
+constexpr Command main_service::system_call_cloud_analysis_register =
+    Row{.params = {text("provide_id"), text("command")},
+        .program = kAnalyticsTool,
+        .args = {param("command"), "-p", param("provide_id"), "-c", kDataDir},
+        .action = with_params<register_provider>};
+
+constexpr Command main_service::system_call_cloud_analysis_send =
+    Row{.params = {text("provide_id"), text("command"), text("record_type"), text("record_text")},
+        .program = kAnalyticsTool,
+        .args = {param("command"), "-p", param("provide_id"), "-r", param("record_type"), "-e",
+                 param("record_text")}};
+
+constexpr Command main_service::system_call_cloud_analysis_flush =
+    Row{.params = {text("provide_id"), text("command")},
+        .program = kAnalyticsTool,
+        .args = {param("command"), "-p", param("provide_id")}};
+
+constexpr Command main_service::system_call_cloud_analysis_unregister =
+    Row{.params = {text("provide_id"), text("command")},
+        .program = kAnalyticsTool,
+        .args = {param("command"), "-p", param("provide_id")}};
+
+constexpr Command main_service::system_call_nc_notify = Row{
+    .params = {text("nc_notify")},
+    .runs =
+        "/bin/sh -c \"INSTALL_PATH/script/nc_wrapper.sh ARGUMENTS\", NC_NOTIFY being base64 of the arguments",
+    .action = with_params<pass_notification>};
+
+constexpr Command main_service::notify_return =
+    Row{.log_name = "nos_return_handler",
+        .params = {number("cmd"), number("type"), number("acy")},
+        .runs = "INSTALL_PATH/vistalpro_notify.sh NOTIFY_CMD TYPE ACY, when CMD is 3",
+        .action = with_params<return_notification>};
+
+constexpr Command main_service::system_get_tiermount_cloud_usage =
+    Row{.params = {text("full_path")},
+        .runs =
+            "/usr/bin/getfattr --only-values --absolute-names -n trusted.tm.cloud_usage PATH, "
+            "FULL_PATH being base64 of it",
+        .member = "size_info",
+        .action = with_params<get_cloud_usage>};

@@ -14,16 +14,15 @@
 #include <string>
 #include <utility>
 
+#include "common/fragment.h"
 #include "common/log.h"
+#include "common/logged_run.h"
 #include "common/tls_settings.h"
-#include "handlers/fragment.h"
+#include "handlers/catalogue.h"
 #include "handlers/handler.h"
-#include "handlers/handlers.h"
-#include "handlers/logged_run.h"
 
 namespace {
 
-constexpr char kLogName[] = "nos_reverse_proxy_handler";
 constexpr char kProxy[] = "/usr/sbin/reverseproxy_vistalsurveillance";
 constexpr char kProxyConfig[] = "/etc/reverseproxy_vistalsurveillance/reverseproxy-vistalsurveillance.conf";
 constexpr char kFragmentDir[] = "/etc/reverseproxy_vistalsurveillance/extra/";
@@ -96,20 +95,20 @@ std::string rule_text(const Rule& rule, const TlsSettings& tls) {
 
 // Calls `act` with each rule that has a GUID, and with the GUID.
 template <typename Act>
-void for_each_rule(const Json::Value& request, const Act& act) {
-  const Json::Value& rules = request["rule_list"];  // not get(), which copies
-  LogBatch log;                                     // a list may have a million rules without a GUID
+void for_each_rule(const Request& request, const Act& act) {
+  const Json::Value& rules = request.body["rule_list"];  // not get(), which copies
+  LogBatch log;                                          // a list may have a million rules without a GUID
   for (Json::ArrayIndex i = 0; i < rules.size(); ++i) {
     const std::string guid = rules[i].get("GUID", "").asString();
     if (guid.empty()) {
-      log.write("[%s][%d] get jRuleList[%d] strGUID failed", kLogName, __LINE__, static_cast<int>(i));
+      log.write("[%s][%d] get jRuleList[%d] strGUID failed", request.log_name.c_str(), __LINE__, static_cast<int>(i));
     } else {
       act(rules[i], guid);
     }
   }
 }
 
-void add_rules(const Json::Value& request) {
+void add_rules(const Request& request) {
   TlsSettings tls;
   get_ssl_cipher_suite(&tls.ciphers);
   get_ssl_protocols(&tls.protocols);
@@ -123,7 +122,7 @@ void add_rules(const Json::Value& request) {
   });
 }
 
-void delete_rules(const Json::Value& request) {
+void delete_rules(const Request& request) {
   for_each_rule(request,
                 [](const Json::Value&, const std::string& guid) { unlink(fragment_path(guid).c_str()); });
 }
@@ -133,9 +132,9 @@ bool proxy_runs() {
   return stat(kPidFile, &found) == 0;
 }
 
-LoggedRun start_proxy() {
+LoggedRun start_proxy(const char* log_name) {
   const std::string command = std::string("\"") + kProxy + " -k start -f " + kProxyConfig + "\"";
-  LOG_AT(kLogName, "proxy_cmd = %s", command.c_str());
+  LOG_AT(log_name, "proxy_cmd = %s", command.c_str());
   return {.program = kServiceManager, .arguments = {kServiceName, "start", command}};
 }
 
@@ -143,23 +142,27 @@ LoggedRun reload_proxy() {
   return {.program = kProxy, .arguments = {"-k", "graceful", "-f", kProxyConfig}};
 }
 
+Outcome change_rules(Request& request) {
+  const char* const log_name = request.log_name.c_str();
+  const std::string action = request.body.get("action", "delete").asString();
+  const bool adds = action == "add";
+  if (adds) {
+    add_rules(request);
+  } else if (action == "delete") {
+    delete_rules(request);
+  } else {
+    LOG_AT(log_name, "unknown action = %s", action.c_str());
+    return Outcome::silent;
+  }
+  LoggedRun run = adds && !proxy_runs() ? start_proxy(log_name) : reload_proxy();
+  run.blank_after_argument = true;
+  return relay_logged(request, run, true);
+}
+
 }  // namespace
 
-void nos_reverse_proxy_handler(ks_io* io, int) {
-  handle_object_request(io, kLogName, Layout::compact, [](const Json::Value& request, Json::Value& reply) {
-    const std::string action = request.get("action", "delete").asString();
-    const bool adds = action == "add";
-    if (adds) {
-      add_rules(request);
-    } else if (action == "delete") {
-      delete_rules(request);
-    } else {
-      LOG_AT(kLogName, "unknown action = %s", action.c_str());
-      return Outcome::silent;
-    }
-    LoggedRun run = adds && !proxy_runs() ? start_proxy() : reload_proxy();
-    run.blank_after_argument = true;
-    run.cli_ret_tells_removal = true;
-    return run_logged(kLogName, run, reply);
-  });
-}
+constexpr Command main_service::reverse_proxy = Row{
+    .params = {optional(text("action")), optional(array("rule_list"))},
+    .runs = "/usr/sbin/reverseproxy_vistalsurveillance -k graceful -f CONFIG, or /sbin/svc_mgr to start it",
+    .answers = "cli_ret, result, result_out",
+    .action = {change_rules, Reads::members}};

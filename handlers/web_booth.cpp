@@ -14,13 +14,12 @@
 #include <vector>
 
 #include "common/log.h"
+#include "common/logged_run.h"
+#include "handlers/catalogue.h"
 #include "handlers/handler.h"
-#include "handlers/handlers.h"
-#include "handlers/logged_run.h"
 
 namespace {
 
-constexpr char kLogName[] = "nos_web_booth_handler";
 constexpr char kTool[] = "/usr/sbin/kesh";
 
 using Arguments = std::vector<std::string>;
@@ -41,24 +40,30 @@ std::optional<Arguments> tool_arguments(const std::string& action, const std::st
   return std::nullopt;
 }
 
+Outcome control_booth(Request& request) {
+  const char* const log_name = request.log_name.c_str();
+  const Json::Value& body = request.body;
+  const std::string action = body.get("action", "remove").asString();
+  const Json::Value& rules = body["rule_list"];  // not get(), which copies
+  const std::string token = "token=" + body.get("auth_token", "").asString();
+  if (rules.size() == 0) {  // empty() would not do: it does not count a text as a list without elements
+    LOG_AT(log_name, "jRuleList is empty");
+    request.reply["error_code"] = -5;
+    request.reply["error_msg"] = "jRuleList is empty";
+    return Outcome::own;
+  }
+  const std::optional<Arguments> arguments = tool_arguments(action, token, rules[0]);
+  if (!arguments) {
+    LOG_AT(log_name, "unknown action = %s", action.c_str());
+    return Outcome::silent;
+  }
+  return relay_logged(request, {.program = kTool, .arguments = *arguments});
+}
+
 }  // namespace
 
-void nos_web_booth_handler(ks_io* io, int) {
-  handle_object_request(io, kLogName, Layout::compact, [](const Json::Value& request, Json::Value& reply) {
-    const std::string action = request.get("action", "remove").asString();
-    const Json::Value& rules = request["rule_list"];  // not get(), which copies
-    const std::string token = "token=" + request.get("auth_token", "").asString();
-    if (rules.size() == 0) {  // empty() would not do: it does not count a text as a list without elements
-      LOG_AT(kLogName, "jRuleList is empty");
-      reply["error_code"] = -5;
-      reply["error_msg"] = "jRuleList is empty";
-      return Outcome::own;
-    }
-    const std::optional<Arguments> arguments = tool_arguments(action, token, rules[0]);
-    if (!arguments) {
-      LOG_AT(kLogName, "unknown action = %s", action.c_str());
-      return Outcome::silent;
-    }
-    return run_logged(kLogName, {.program = kTool, .arguments = *arguments}, reply);
-  });
-}
+constexpr Command main_service::web_booth =
+    Row{.params = {optional(text("action")), optional(text("auth_token")), optional(array("rule_list"))},
+        .runs = "/usr/sbin/kesh web-booth.container[.create|.delete] token=AUTH_TOKEN ...",
+        .answers = "cli_ret, result, result_out",
+        .action = {control_booth, Reads::members}};

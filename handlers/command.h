@@ -1,0 +1,137 @@
+// What a command is: one row, which is checked when it is compiled.
+//
+//     constexpr Command main_service::system_call_share_guard_remove = Row{
+//         .params = {text("share_name")},
+//         .program = "/sbin/share_guard",
+//         .args = {"remove", param("share_name")}};
+//
+// The row says what the request holds, what is run and what is answered. A command that does more than run its
+// program has an action besides (handlers/handler.h).
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <span>
+#include <string_view>
+
+struct Request;
+
+// What a parameter must be: a text, a number without a fraction that fits 32 bits, an array.
+enum class Type { string, integer, array };
+
+constexpr const char* type_name(Type type) {
+  return type == Type::string ? "string" : type == Type::integer ? "int" : "array";
+}
+
+struct Param {
+  const char* name = nullptr;
+  Type type = Type::string;
+  bool optional = false;  // for people: the action gives it a default
+};
+
+consteval Param text(const char* name) {
+  return {.name = name, .type = Type::string};
+}
+consteval Param number(const char* name) {
+  return {.name = name, .type = Type::integer};
+}
+consteval Param array(const char* name) {
+  return {.name = name, .type = Type::array};
+}
+consteval Param optional(Param param) {
+  param.optional = true;
+  return param;
+}
+
+// One argument of a program: a fixed text, or the value of the parameter of that name.
+struct Argument {
+  constexpr Argument() = default;
+  constexpr Argument(const char* fixed) : text(fixed) {}  // NOLINT: a row reads better without a name for it
+  const char* text = nullptr;
+  bool is_param = false;
+};
+
+consteval Argument param(const char* name) {
+  Argument argument(name);
+  argument.is_param = true;
+  return argument;
+}
+
+// What becomes of a request whose action has run; see handlers/handler.h.
+enum class Outcome { success, failure, own, silent };
+
+// How the body is read before the action runs: the row's parameters, all of them, or nothing when it has none;
+// all members, by the library's own conversions; or by the action, when it sees fit.
+enum class Reads { params, members, itself };
+
+// Runs the row's program; exit status 0 is success.
+Outcome run_program(Request& request);
+
+struct Action {
+  constexpr Action() = default;
+  constexpr Action(Outcome (*function)(Request&), Reads how = Reads::params,
+                   std::span<const Type> picked = {})
+      : run(function), reads(how), takes(picked), only_runs(false) {}  // NOLINT: as above
+  Outcome (*run)(Request& request) = run_program;
+  Reads reads = Reads::params;
+  std::span<const Type> takes;  // the parameters that `run` picks from the request, in their order
+  bool only_runs = true;  // the row's program; function pointers cannot always be compared by the compiler
+};
+
+inline constexpr std::size_t kMostParams = 7;
+inline constexpr std::size_t kMostArguments = 14;
+
+// The package's control script, in place of a path; `Shell` in the platform's package list.
+inline constexpr std::string_view kControlScript = "SHELL";
+
+struct Row {
+  const char* log_name = nullptr;  // null: "nos_", the command's name and "_handler"
+  std::array<Param, kMostParams> params = {};
+  // What is run: a program, by its absolute path or kControlScript, or a function of a platform library.
+  std::string_view program = {};
+  std::array<Argument, kMostArguments> args = {};
+  const char* library = nullptr;
+  const char* function = nullptr;
+  const char* runs = nullptr;     // for people, where the fields above do not tell
+  const char* member = nullptr;   // of the reply: what the action adds to it
+  const char* answers = nullptr;  // for people: the reply's members, where they are not `member` and "result"
+  Action action = {};
+  bool indented = false;       // the reply, on several lines
+  bool logs_bad_body = false;  // a body that is not JSON stands in the log
+};
+
+// A row that can work: any other does not compile.
+class Command : public Row {
+ public:
+  consteval Command(const Row& row) : Row(row) {  // NOLINT: as above
+    if (action.only_runs && program.empty()) throw "a row without a way to run";
+    if (program.empty() && library == nullptr && runs == nullptr) throw "a row must say what is run";
+    for (const Param& param : parameters()) {
+      if (&param != &params[place_of(param.name)]) throw "two parameters of one name";
+      if (param.type == Type::array && action.reads == Reads::params) throw "only actions read arrays";
+    }
+    for (const Argument& argument : args) {
+      if (argument.is_param && place_of(argument.text) == parameters().size())
+        throw "an argument names a parameter that the row does not have";
+    }
+    if (!action.takes.empty() && !std::ranges::equal(action.takes, parameters(), {}, {}, &Param::type))
+      throw "the action takes other parameters than the row has";
+  }
+
+  constexpr std::span<const Param> parameters() const {
+    return {params.begin(), std::ranges::find(params, nullptr, &Param::name)};
+  }
+
+  // The place of a parameter among them; their number when there is none of that name.
+  constexpr std::size_t place_of(std::string_view name) const {
+    const auto all = parameters();
+    return static_cast<std::size_t>(std::ranges::find(all, name, &Param::name) - all.begin());
+  }
+};
+
+// One row of a service's table.
+struct CommandRow {
+  const char* name;
+  const Command* command;
+};

@@ -49,7 +49,13 @@ class MsgQueueListener {
   Callback callback_;
 };
 
+// Why a message could not be put into a queue.
+enum : int {
+  kQueueUnusable = 100,
+  kQueueMissing = 101,
+  kQueueRefuses = 102,  // it is full, or the size is wrong
+};
+
 // Puts a message into the queue `key` without waiting. `msgp` points at a long, the message type, and `msgsz`
-// bytes of payload behind it. 0, or why not: 101 no such queue, 100 the queue cannot be used, 102 the message
-// cannot be put there (the queue is full, or the size is wrong). Any thread.
+// bytes of payload behind it. 0, or why not. Any thread.
 int msg_queue_send(std::uint32_t key, const void* msgp, std::size_t msgsz);

@@ -5,16 +5,8 @@
 
 #include "daemon/msg_queue_listener.h"
 
-namespace {
-
-constexpr int kNoQueue = 101;
-constexpr int kUnusableQueue = 100;
-constexpr int kNotSent = 102;
-
-}  // namespace
-
 int msg_queue_send(std::uint32_t key, const void* msgp, std::size_t msgsz) {
   const int queue = msgget(static_cast<key_t>(key), 0);
-  if (queue == -1) return errno == ENOENT ? kNoQueue : kUnusableQueue;
-  return msgsnd(queue, msgp, msgsz, IPC_NOWAIT) == 0 ? 0 : kNotSent;
+  if (queue == -1) return errno == ENOENT ? kQueueMissing : kQueueUnusable;
+  return msgsnd(queue, msgp, msgsz, IPC_NOWAIT) == 0 ? 0 : kQueueRefuses;
 }

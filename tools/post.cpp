@@ -42,9 +42,9 @@ Option text_option(const char* name, std::span<char> field, const char* help) {
 int post(const Subcommand& command, std::uint32_t key, const void* message, std::size_t size) {
   const int result = msg_queue_send(key, message, size);
   if (result == 0) return 0;
-  const char* why = result == 101   ? "no such queue: is the daemon running?"
-                    : result == 100 ? "the queue cannot be used"
-                                    : "the queue is full or may not be written to";
+  const char* why = result == kQueueMissing    ? "no such queue: is the daemon running?"
+                    : result == kQueueUnusable ? "the queue cannot be used"
+                                               : "the queue is full or may not be written to";
   complain(std::string(command.name) + ": queue " + std::to_string(key) + ": " + why);
   return kExitLocal;
 }

@@ -231,8 +231,7 @@ TEST(FaultsOfTheRelay, AnEventThatCannotBeForwardedAborts) {
   const auto reply = [](const char*, ks_io* io, int) { ks_reply(io), ks_io_free(io); };
   for (const auto& [kind, error, line] : rows) {
     Daemon daemon(faulty_daemon());
-    ks_handle* const service =
-        ks_create("VistalServer_notify-vistalprod", KS_PTHREAD_MODE | KS_STANDALONE, 1, reply);
+    ks_handle* const service = ks_create(kNotifyServiceName, KS_PTHREAD_MODE | KS_STANDALONE, 1, reply);
     ks_start(service);
     const Fault fault(kind, error);
     const LogMessage message{.type = kEventLogType, .event = {}, .connection = {}};

@@ -10,11 +10,12 @@
 #include <string>
 #include <vector>
 
+#include "common/service_names.h"
 #include "service/ks.h"
 #include "support/guard.h"
 
-inline constexpr char kMain[] = "VistalServer-vistalprod";
-inline constexpr char kMail[] = "VistalServer_send_mail-vistalprod";
+inline constexpr auto& kMain = kMainServiceName;
+inline constexpr auto& kMail = kMailServiceName;
 inline constexpr char kMainSocket[] = "/var/run/ks/494AC97B.sock";
 inline constexpr char kMailSocket[] = "/var/run/ks/850CD619.sock";
 inline constexpr char kLogFile[] = "/share/VistalServer/.log/.nxe_ks_vistalprod.log";

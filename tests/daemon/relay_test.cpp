@@ -30,8 +30,7 @@ void receive(const char* name, ks_io* io, int) {
 // Stands in for the notification service.
 std::unique_ptr<ks_handle, decltype(&ks_free)> notification_service() {
   std::filesystem::remove(kReceived);
-  ks_handle* const service =
-      ks_create("VistalServer_notify-vistalprod", KS_PTHREAD_MODE | KS_STANDALONE, 1, receive);
+  ks_handle* const service = ks_create(kNotifyServiceName, KS_PTHREAD_MODE | KS_STANDALONE, 1, receive);
   ks_start(service);
   return {service, ks_free};
 }

@@ -44,6 +44,7 @@ struct Subcommand {
 
 // The subcommands. Each may be called once per process, because getopt(3) keeps its place.
 extern const Subcommand kCallCommand;
+extern const Subcommand kListCommand;
 extern const Subcommand kPathCommand;
 extern const Subcommand kPostLogCommand;
 extern const Subcommand kPostNotifyCommand;

@@ -9,7 +9,7 @@
 
 namespace {
 
-const Subcommand* const kSubcommands[] = {&kCallCommand,  &kWaitCommand,       &kPathCommand,
+const Subcommand* const kSubcommands[] = {&kCallCommand,  &kWaitCommand,       &kPathCommand,   &kListCommand,
                                           &kServeCommand, &kPostNotifyCommand, &kPostLogCommand};
 
 void print_help() {

@@ -13,9 +13,9 @@
 #include <system_error>
 #include <vector>
 
+#include "common/service_names.h"
 #include "common/unique_fd.h"
 #include "daemon/command_tables.h"
-#include "handlers/service_names.h"
 #include "service/ks.h"
 #include "tools/cli.h"
 

@@ -26,6 +26,7 @@
 #include <utility>
 
 #include "common/log.h"
+#include "common/memory.h"
 #include "daemon/command_tables.h"
 #include "daemon/lent_output.h"
 #include "daemon/parked_requests.h"
@@ -64,6 +65,7 @@ void* run_handler(void* arg) {
   } catch (const std::exception& error) {
     log_failure(call->row->name, error);
   }
+  memory_give_back();
   if (call->one_is_done.exchange(true)) delete call;
   return nullptr;
 }

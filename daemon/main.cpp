@@ -18,6 +18,7 @@
 #include <string>
 
 #include "common/log.h"
+#include "common/memory.h"
 #include "common/process.h"
 #include "common/text.h"
 #include "daemon/crash_handler.h"
@@ -207,6 +208,7 @@ void free_all_obj() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  memory_set_up();
   // NOLINTNEXTLINE(concurrency-mt-unsafe): there is no other thread yet
   unsetenv("LD_LIBRARY_PATH");  // the package's libraries are not for the platform's programs
   occupy_standard_descriptors();

@@ -6,7 +6,25 @@
 #include <cstdint>
 #include <memory>
 
+#include "common/json_cost.h"
 #include "common/log.h"
+#include "common/memory.h"
+
+namespace {
+
+constexpr std::size_t kMiB = 1024 * 1024;
+
+// Whether a request may cost what this text does; a line in the log says when not.
+bool affordable(const std::string& text) {
+  const std::size_t cost = json_cost(text);
+  memory_expect(cost);
+  if (cost <= kJsonBudget) return true;
+  LOG_AT("json_parse", "a body of %zu bytes is refused: it would take %zu MiB of memory, and %zu is the limit.",
+         text.size(), cost / kMiB, kJsonBudget / kMiB);
+  return false;
+}
+
+}  // namespace
 
 void parser_param_from_json_str(const Json::Value& root, const std::string& key, void* out,
                                 const std::string& type, bool* error) {
@@ -57,8 +75,10 @@ void json_value_type_name(const Json::Value& root, const std::string& key, std::
 // Comments are accepted but not collected: for each one collected the library goes over its line again, which
 // lets a small body of comments hold a worker for hours.
 bool json_parse(const std::string& text, Json::Value* root, std::string* errors) {
+  if (!affordable(text)) return false;
   Json::Reader reader;
-  if (reader.parse(text, *root, false)) return true;
+  // Pointers: a std::string would be copied.
+  if (reader.parse(text.data(), text.data() + text.size(), *root, false)) return true;
   if (errors != nullptr) *errors = reader.getFormattedErrorMessages();
   return false;
 }
@@ -70,6 +90,7 @@ std::string json_write(const Json::Value& value) {
 #pragma GCC diagnostic pop
 
 bool json_parse_builder(const std::string& text, Json::Value* root, std::string* errors) {
+  if (!affordable(text)) return false;
   Json::CharReaderBuilder builder;
   builder["collectComments"] = false;  // as above
   const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());

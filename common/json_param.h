@@ -26,7 +26,8 @@ void parser_param_from_json_str(const Json::Value& root, const std::string& key,
 void json_value_type_name(const Json::Value& root, const std::string& key, std::string* name);
 
 // Parses `text`, comments allowed, into `*root`. False when it is not JSON; `*errors`, when
-// given, is then the reader's account for people.
+// given, is then the reader's account for people. False, too, for a text that would take more memory than
+// kJsonBudget (common/json_cost.h): a line in the log says so, and `*errors` is left alone.
 bool json_parse(const std::string& text, Json::Value* root, std::string* errors = nullptr);
 
 // The same by the library's newer reader, built with its default settings: it also lets commas trail, passes

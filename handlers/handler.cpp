@@ -5,23 +5,26 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <memory>
 #include <optional>
+#include <span>
 #include <stdexcept>
 #include <string_view>
 
 #include "common/base64.h"
 #include "common/captured_run.h"
+#include "common/json_cost.h"
 #include "common/json_param.h"
 #include "common/log.h"
 #include "common/package_config.h"
 
 namespace {
 
-// Longer bodies are cut here, and are then no JSON as a rule: parsed values take up to fifty times the memory
-// of their text, and a client shall not be able to use up the appliance's. The longest known body is a list
-// of addresses of some hundred kilobytes.
-constexpr std::size_t kMaxRequestText = 4 * 1024 * 1024;
-constexpr std::size_t kReadSize = 16 * 1024;
+constexpr std::size_t kFirstReadSize = 16 * 1024;  // most bodies are smaller
+constexpr std::size_t kReadSize = 256 * 1024;
+
+// No more than this is read of a body: a longer one costs too much, whatever is in it.
+constexpr std::size_t kMostText = kJsonBudget / 3;
 
 // Adds to the reply what the outcome says and sends it, unless there is nothing to send.
 void conclude(Request& request, Outcome outcome) {
@@ -68,8 +71,9 @@ bool Request::parse_body() {
   const std::string text = read_request_text(io);
   std::string errors;
   const bool members = command.action.reads == Reads::members;
-  if (members ? json_parse_builder(text, &body, &errors) : json_parse(text, &body)) return true;
-  if (members) {
+  if (members ? json_parse_builder(text, &body, &errors) : json_parse(text, &body, &errors)) return true;
+  if (errors.empty()) {  // it would have cost too much, which is logged
+  } else if (members) {
     LOG_AT(log_name.c_str(), "parse strInputArg failed, error=[%s]", errors.c_str());
   } else if (command.logs_bad_body) {
     LOG_AT(log_name.c_str(), "ks_io input fail. [%s]", text.c_str());
@@ -145,17 +149,22 @@ Outcome relay_logged(Request& request, const LoggedRun& run, bool removal_tells)
 
 std::string read_request_text(ks_io* io) {
   std::string text;
-  char chunk[kReadSize];
-  while (text.size() < kMaxRequestText) {
-    const ssize_t got = pread(io->memfd, chunk, sizeof(chunk), static_cast<off_t>(text.size()));
+  char first[kFirstReadSize];
+  std::span<char> chunk(first);
+  std::unique_ptr<char[]> larger;
+  bool any = false;
+  while (text.size() <= kMostText) {
+    const ssize_t got = pread(io->memfd, chunk.data(), chunk.size(), static_cast<off_t>(text.size()));
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) break;
-    const auto size = static_cast<std::size_t>(got);
-    const std::size_t length = strnlen(chunk, size);
-    text.append(chunk, length);
-    if (length < size) return text;
+    any = true;
+    const std::size_t length = strnlen(chunk.data(), static_cast<std::size_t>(got));
+    text.append(chunk.data(), length);
+    if (length < chunk.size()) break;  // a NUL, or the end of the file
+    if (!larger) larger = std::make_unique_for_overwrite<char[]>(kReadSize);
+    chunk = {larger.get(), kReadSize};
   }
-  if (text.empty()) throw std::logic_error("basic_string: construction from null is not valid");
+  if (!any) throw std::logic_error("basic_string: construction from null is not valid");
   return text;
 }
 

@@ -14,6 +14,7 @@
 //
 // and the skeleton sends, on one line of JSON unless the row asks for several:
 //   the body is not JSON                 {"error_code":-1,"error_msg":"input error"}     and one log line
+//   or it would take too much memory     the same, and another log line
 //   a parameter is missing or mistyped   {"error_code":-1,"error_msg":"paser fail"}
 //   Outcome::failure                     {"error_msg":"<log name> fail","result":-1}
 //   Outcome::success                     {"result":0} and what the action has set
@@ -112,7 +113,7 @@ class ReplyClock {
   std::atomic<std::chrono::steady_clock::duration> started_{};
 };
 
-// The request's body up to its first NUL, and at most its first 4 MiB (kMaxRequestText). Throws
+// The request's body up to its first NUL, or so much of it that it costs more than any request may. Throws
 // std::logic_error when there is no body. Reads through the descriptor: the client can shrink the file under
 // a mapping.
 std::string read_request_text(ks_io* io);

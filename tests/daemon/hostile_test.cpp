@@ -8,6 +8,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <future>
 #include <set>
 #include <sstream>
@@ -390,6 +391,57 @@ TEST_F(Hostile, NoCommandMindsItsBody) {
   // The output of tools that failed is kept, on purpose.
   for (const auto& entry : std::filesystem::directory_iterator("/tmp")) {
     if (entry.path().filename().string().starts_with("file")) std::filesystem::remove(entry);
+  }
+}
+
+std::string repeated(const std::string& text, std::size_t count) {
+  std::string all;
+  for (all.reserve(text.size() * count); count > 0; --count) all += text;
+  return all;
+}
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kKeepsWhatIsFreed = true;
+#else
+constexpr bool kKeepsWhatIsFreed = false;
+#endif
+
+TEST_F(Hostile, ALargeBodyIsHeldToItsCostAndItsMemoryGivenBack) {
+  constexpr char kRefused[] = "[json_parse] a body of ", kBad[] = "ks_io input fail.";
+  const struct {
+    const char *what, *command;
+    std::string body;
+    const char *reply, *log;
+  } rows[] = {
+      {"values beyond the budget", "update_ip_ban_list", "[" + repeated("0,", 2 << 20) + "0]", "input error",
+       kRefused},
+      {"text beyond it", "reverse_proxy", std::string(96 << 20, ' '), "input error", kRefused},
+      {"values within it", "update_ip_ban_list", "{\"a\":[" + repeated("0,", 1'500'000) + "0]}", "paser fail",
+       ""},
+      {"no JSON", "update_ip_ban_list", "[" + repeated("0,", 1'500'000), "input error", kBad},
+      {"a million addresses", "update_ip_ban_list",
+       "{\"ip_list\":\"" + repeated("192.168.100.1,", 1'000'000) + "\"}", "{\"result\":0}", ""},
+      {"64 MiB of text", "update_ip_ban_list", "{\"ip_list\":\"" + std::string(64 << 20, '1') + "\"}",
+       "{\"result\":0}", ""},
+  };
+  const auto resident = [] {
+    std::size_t pages = 0;
+    std::ifstream("/proc/" + std::to_string(daemon_->pid()) + "/statm") >> pages >> pages;
+    return pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  };
+  const std::size_t idle = resident();
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    const std::size_t said = new_log().size();
+    EXPECT_THAT(call(kMain, row.command, row.body).text, testing::HasSubstr(row.reply));
+    const std::string log = without_numbers(new_log().substr(said));
+    for (const char* line : {kRefused, kBad})
+      EXPECT_EQ(log.find(line) != log.npos, row.log == std::string(line)) << log;
+    // A sanitizer keeps what is freed, and an emulator its own memory.
+    EXPECT_TRUE(kKeepsWhatIsFreed || emulated() || eventually([&] {
+                  return call(kMain, "test").status == KS_STATUS_OK && resident() <= idle + (4 << 20);
+                }))
+        << idle << " -> " << resident();
   }
 }
 

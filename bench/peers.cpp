@@ -12,7 +12,7 @@
 #include <iterator>
 #include <vector>
 
-#include "handlers/service_names.h"
+#include "common/service_names.h"
 #include "service/ks.h"
 
 namespace {
@@ -66,8 +66,7 @@ std::size_t call_service(const std::string& service, const char* request, const 
 std::size_t ez_call_service(const std::string& service, const std::string& body) {
   void* reply = nullptr;
   std::uint64_t size = 0;
-  const int status =
-      ks_ez_call(service.c_str(), "echo", body.data(), body.size(), &reply, &size, kTimeoutSeconds, -1);
+  const int status = ks_ez_call(service.c_str(), "echo", body.data(), body.size(), &reply, &size, kTimeoutSeconds, -1);
   const std::unique_ptr<void, FreeBuffer> owner(reply);
   check(status == KS_STATUS_OK, "ks_ez_call");
   return size;
@@ -92,16 +91,11 @@ struct Contender {
 };
 constexpr Contender kContenders[] = {
     {"floor", [](Text dir, Text body) { return call_floor(dir + "/floor", body) == body.size(); }},
-    {"conversation",
-     [](Text dir, Text body) { return call_conversation(dir + "/conversation", body) == body.size(); }},
-    {"ks_call",
-     [](Text dir, Text body) { return call_service("@" + dir + "/echo", "echo", body) == body.size(); }},
-    {"ks_ez_call",
-     [](Text dir, Text body) { return ez_call_service("@" + dir + "/echo", body) == body.size(); }},
-    {"broker",
-     [](Text dir, Text body) { return call_bus(connect_bus(dir + "/broker"), body) == body.size(); }},
-    {"daemon",
-     [](Text dir, Text body) { return call_bus(connect_bus(dir + "/daemon"), body) == body.size(); }},
+    {"conversation", [](Text dir, Text body) { return call_conversation(dir + "/conversation", body) == body.size(); }},
+    {"ks_call", [](Text dir, Text body) { return call_service("@" + dir + "/echo", "echo", body) == body.size(); }},
+    {"ks_ez_call", [](Text dir, Text body) { return ez_call_service("@" + dir + "/echo", body) == body.size(); }},
+    {"broker", [](Text dir, Text body) { return call_bus(connect_bus(dir + "/broker"), body) == body.size(); }},
+    {"daemon", [](Text dir, Text body) { return call_bus(connect_bus(dir + "/daemon"), body) == body.size(); }},
     {"kept",
      [](Text dir, Text body) {
        static const Bus kept = connect_bus(dir + "/broker");
@@ -122,9 +116,8 @@ void run_client(const std::string& directory) {
   double seconds;
   report_ready();
   while (std::scanf("%31s %zu %lf", name, &size, &seconds) == 3) {
-    const auto contender =
-        std::find_if(std::begin(kContenders), std::end(kContenders),
-                     [&name](const Contender& one) { return std::strcmp(one.name, name) == 0; });
+    const auto contender = std::find_if(std::begin(kContenders), std::end(kContenders),
+                                        [&name](const Contender& one) { return std::strcmp(one.name, name) == 0; });
     check(contender != std::end(kContenders), name);
     body.resize(size, 'x');
     each.clear();

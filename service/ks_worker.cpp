@@ -296,7 +296,8 @@ void ks_consumer_worker(ks_worker* worker) {
   }
   serve(worker);
   hang_up_and_forget(&worker->client_fd);  // asked, and stopped before it has said anything
-  hang_up_and_forget(&worker->sockfd[0]);
+  if (worker->sockfd[0] >= 0) shutdown(worker->sockfd[0], SHUT_RDWR);
+  close_and_forget(&worker->sockfd[0]);
   close_and_forget(&worker->pollfd);
   if (worker->fini_hook != nullptr) worker->fini_hook(worker->fini_arg);
 }

@@ -1,12 +1,85 @@
 #include "common/fragment.h"
 
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 
 #include "common/unique_fd.h"
 
-bool write_fragment(const std::string& path, const std::string& text) {
-  const UniqueStream file(std::fopen(path.c_str(), "we"));
+namespace {
+
+constexpr mode_t kMode = 0666;  // as far as the umask allows
+constexpr int kMaxLinks = 40;   // as many as the kernel follows
+
+// The folder part of a path, with its slash; empty for the working directory.
+std::string folder_of(const std::string& path) {
+  return path.substr(0, path.rfind('/') + 1);
+}
+
+// Beside the file, for renaming, and hidden: the server includes "*.conf". A thread has one at a time.
+std::string aside(const std::string& path) {
+  return folder_of(path) + ".fragment." + std::to_string(gettid());
+}
+
+// Where the links at `path` lead, whether there is a file or not; empty for a circle.
+std::string target_of(std::string path) {
+  for (int followed = 0; followed < kMaxLinks; ++followed) {
+    char link[PATH_MAX];
+    const ssize_t size = readlink(path.c_str(), link, sizeof link);
+    if (size < 0) return path;
+    const std::string text(link, static_cast<std::size_t>(size));
+    path = text.starts_with('/') ? text : folder_of(path) + text;
+  }
+  return {};
+}
+
+bool write_all(const UniqueFd& file, const std::string& text) {
+  std::size_t done = 0;
+  while (file && done < text.size()) {
+    const ssize_t written = write(file.get(), text.data() + done, text.size() - done);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return false;
+    done += static_cast<std::size_t>(written);
+  }
+  return static_cast<bool>(file);
+}
+
+// `like`: the file that is replaced, or null.
+bool replace_file(const std::string& path, const std::string& text, const struct stat* like) {
+  const std::string fresh = aside(path);
+  unlink(fresh.c_str());  // left by a process that was killed
+  const UniqueFd file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kMode));
   if (!file) return false;
-  std::setbuf(file.get(), nullptr);  // so that the count tells what has reached the file
-  return std::fwrite(text.data(), 1, text.size(), file.get()) > 0;
+  bool done = write_all(file, text);
+  if (like != nullptr) {
+    done = fchown(file.get(), like->st_uid, like->st_gid) == 0 &&
+           fchmod(file.get(), like->st_mode & ALLPERMS) == 0 && done;
+  }
+  done = done && std::rename(fresh.c_str(), path.c_str()) == 0;
+  if (!done) unlink(fresh.c_str());
+  return done;
+}
+
+bool has_nul(const std::string& path) {
+  return path.find('\0') != std::string::npos;
+}
+
+}  // namespace
+
+bool write_fragment(const std::string& path, const std::string& text) {
+  return !has_nul(path) && replace_file(path, text, nullptr);
+}
+
+bool write_fragment_through_links(const std::string& path, const std::string& text) {
+  if (has_nul(path)) return false;
+  const std::string target = target_of(path);
+  if (target.empty()) return false;
+  struct stat old {};
+  if (lstat(target.c_str(), &old) != 0) return replace_file(target, text, nullptr);
+  if (S_ISREG(old.st_mode)) return replace_file(target, text, &old);
+  return write_all(UniqueFd(open(target.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK)), text);
 }

@@ -4,7 +4,7 @@
 //   writes   the server's fragment
 //   runs     /usr/local/apache/bin/httpd_proxy -k graceful -f /etc/httpd-sys-proxy.conf, then
 //            /etc/init.d/stunnel.sh reload
-//   reply    {"result": 0}, whatever the two made of it; the failure reply when nothing could be written
+//   reply    {"result": 0}, whatever the two made of it; the failure reply when the list could not be written
 #include <string>
 
 #include "common/fragment.h"
@@ -27,7 +27,7 @@ std::string fragment_text(const std::string& addresses) {
 }
 
 Outcome update_ban_list(Request&, const std::string& addresses) {
-  if (!write_fragment(kFragment, fragment_text(addresses))) return Outcome::failure;
+  if (!write_fragment_through_links(kFragment, fragment_text(addresses))) return Outcome::failure;
   // A server that does not run now reads the list when it starts.
   exec_cmd_args(nullptr, nullptr, nullptr, kWebServer, "-k", "graceful", "-f", kWebServerConfig, nullptr);
   exec_cmd_args(nullptr, nullptr, nullptr, kTunnelScript, "reload", nullptr);

@@ -93,14 +93,15 @@ std::string rule_text(const Rule& rule, const TlsSettings& tls) {
   return text + "</VirtualHost>\n";
 }
 
-// Calls `act` with each rule that has a GUID, and with the GUID.
+// Calls `act` with each rule that has a GUID, and with the GUID. One with a NUL is none: as a path it would end
+// there, before the ".conf".
 template <typename Act>
 void for_each_rule(const Request& request, const Act& act) {
   const Json::Value& rules = request.body["rule_list"];  // not get(), which copies
   LogBatch log;                                          // a list may have a million rules without a GUID
   for (Json::ArrayIndex i = 0; i < rules.size(); ++i) {
     const std::string guid = rules[i].get("GUID", "").asString();
-    if (guid.empty()) {
+    if (guid.empty() || guid.find('\0') != std::string::npos) {
       log.write("[%s][%d] get jRuleList[%d] strGUID failed", request.log_name.c_str(), __LINE__, static_cast<int>(i));
     } else {
       act(rules[i], guid);
@@ -114,17 +115,13 @@ void add_rules(const Request& request) {
   get_ssl_protocols(&tls.protocols);
   tls.has_chain = has_ssl_chain_file() == 1;
   for_each_rule(request, [&](const Json::Value& rule, const std::string& guid) {
-    const std::string text = rule_text(read_rule(rule), tls);
-    const std::string path = fragment_path(guid);
-    unlink(path.c_str());
-    // Not reported: the other rules still take effect, and there is no reply for a single one.
-    write_fragment(path, text);
+    // A failure is not reported: the other rules still take effect, and there is no reply for a single one.
+    write_fragment(fragment_path(guid), rule_text(read_rule(rule), tls));
   });
 }
 
 void delete_rules(const Request& request) {
-  for_each_rule(request,
-                [](const Json::Value&, const std::string& guid) { unlink(fragment_path(guid).c_str()); });
+  for_each_rule(request, [](const Json::Value&, const std::string& guid) { unlink(fragment_path(guid).c_str()); });
 }
 
 bool proxy_runs() {
@@ -161,8 +158,8 @@ Outcome change_rules(Request& request) {
 
 }  // namespace
 
-constexpr Command main_service::reverse_proxy = Row{
-    .params = {optional(text("action")), optional(array("rule_list"))},
-    .runs = "/usr/sbin/reverseproxy_vistalsurveillance -k graceful -f CONFIG, or /sbin/svc_mgr to start it",
-    .answers = "cli_ret, result, result_out",
-    .action = {change_rules, Reads::members}};
+constexpr Command main_service::reverse_proxy =
+    Row{.params = {optional(text("action")), optional(array("rule_list"))},
+        .runs = "/usr/sbin/reverseproxy_vistalsurveillance -k graceful -f CONFIG, or /sbin/svc_mgr to start it",
+        .answers = "cli_ret, result, result_out",
+        .action = {change_rules, Reads::members}};

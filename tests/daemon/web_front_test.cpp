@@ -4,6 +4,8 @@
 #include <sys/socket.h>
 
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <sstream>
 
 #include "harness.h"
@@ -187,6 +189,16 @@ TEST_F(WebFront, RulesAreWrittenToTheByte) {
     EXPECT_EQ(read_file(kRules + "5.conf"), text("1", "", "http://:1"));
     EXPECT_EQ(manager.calls().size(), row.text.empty() ? 0u : 1u);
   }
+  // A name that ends early would lead to any file.
+  write_file(kRules + "cam 1", "");
+  for (const char* action : {"add", "delete"}) {
+    said();
+    const std::string nul = R"({"action":")" + std::string(action) +
+                            R"(","rule_list":[{"GUID":"cam 1\u0000","port":1,"des_port":1}]})";
+    EXPECT_EQ(call(kMain, "reverse_proxy", nul).text, kDone);
+    EXPECT_THAT(said(), testing::StartsWith("[nos_reverse_proxy_handler] get jRuleList[0] strGUID failed\n"));
+    EXPECT_TRUE(fs::is_regular_file(kRules + "cam 1") && fs::is_empty(kRules + "cam 1")) << action;
+  }
   write_file(kRules + "cam 1.conf", "");
   const std::string two = R"({"rule_list":[{"GUID":"none"},{"GUID":""},{"GUID":"cam 1"}]})";
   EXPECT_EQ(call(kMain, "reverse_proxy", two).text, kDone);
@@ -224,20 +236,58 @@ TEST_F(WebFront, TheBanListIsReplacedWhole) {
   EXPECT_TRUE(front.calls().empty());
 }
 
-TEST_F(WebFront, ADiskThatTakesNothingHarmsNobody) {
-  const std::string add = R"({"action":"add","rule_list":[{"GUID":"g","port":1,"des_port":1}]})";
+// A disk with room for a page, but not for two.
+TEST_F(WebFront, AFullDiskLeavesTheOldFiles) {
+  const auto add = [](const std::string& host) {
+    return call(kMain, "reverse_proxy",
+                R"({"action":"add","rule_list":[{"GUID":"g","port":1,"des_port":1,"host_name":")" + host +
+                    "\"}]}")
+        .text;
+  };
   fs::remove_all(kRules);
-  EXPECT_EQ(call(kMain, "reverse_proxy", add).text, kDone) << "no folder";
+  EXPECT_EQ(add("h"), kDone) << "no folder";
   clear();
   for (const std::string& folder : {kRules, kFrontParts}) {
-    if (Process("mount -n -t tmpfs -o size=4096 full " + folder).wait() != 0)
+    if (Process("mount -n -t tmpfs -o size=12288 full " + folder).wait() != 0)
       GTEST_SKIP() << "cannot mount here";
-    write_file(folder + "taken", std::string(4096, 'x'));
   }
-  EXPECT_EQ(call(kMain, "reverse_proxy", add).text, kDone);
-  EXPECT_TRUE(fs::is_empty(kRules + "g.conf"));
-  EXPECT_EQ(ban(R"({"ip_list":"a"})"), kBanFails);
-  for (const std::string& folder : {kRules, kFrontParts}) EXPECT_EQ(Process("umount -n " + folder).wait(), 0);
+  EXPECT_EQ(add("h"), kDone);
+  EXPECT_EQ(ban(R"({"ip_list":"a"})"), "{\"result\":0}\n");
+  const std::string rule = read_file(kRules + "g.conf"), list = read_file(kBanList), much(8192, 'x');
+  for (const std::string& folder : {kRules, kFrontParts})
+    write_file(folder + "taken", std::string(4096, 'x'));
+  EXPECT_EQ(add(much), kDone);
+  EXPECT_EQ(ban(R"({"ip_list":")" + much + "\"}"), kBanFails);
+  EXPECT_TRUE(!rule.empty() && read_file(kRules + "g.conf") == rule);
+  EXPECT_TRUE(!list.empty() && read_file(kBanList) == list);
+  for (const std::string& folder : {kRules, kFrontParts}) {
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder), {}), 2) << "left behind";
+    EXPECT_EQ(Process("umount -n " + folder).wait(), 0);
+  }
+}
+
+// The one who reads never sees half a list, and what the administrator has made of the file stays.
+TEST_F(WebFront, TheBanListIsReplacedWhereItsLinkLeads) {
+  const std::string behind = "/tmp/list", body = R"({"ip_list":"a"})";
+  write_file(behind, "old");
+  fs::permissions(behind, fs::perms::owner_read);
+  fs::create_symlink("../../../../.." + behind, kBanList);
+  const std::ifstream reader(behind);
+  EXPECT_EQ(ban(body), "{\"result\":0}\n");
+  std::ostringstream seen;
+  seen << reader.rdbuf();
+  EXPECT_EQ(seen.str(), "old");
+  EXPECT_TRUE(fs::is_symlink(kBanList));
+  EXPECT_EQ(fs::status(behind).permissions(), fs::perms::owner_read);
+  EXPECT_THAT(read_file(kBanList), testing::HasSubstr("\ndeny from a\n"));
+  for (const auto& [link, reply] :
+       {std::pair("/dev/null", "{\"result\":0}\n"), {kBanList.c_str(), kBanFails}}) {
+    fs::remove(kBanList);
+    fs::create_symlink(link, kBanList);
+    EXPECT_EQ(ban(body), reply) << link;
+  }
+  EXPECT_TRUE(fs::is_character_file("/dev/null"));
+  fs::remove(behind);
 }
 
 // One that nobody has for the moment.

@@ -65,8 +65,20 @@ struct OpenPipe {
 std::mutex g_open_pipes_mutex;
 OpenPipe* g_open_pipes = nullptr;  // latest first
 
-// The limits that programs get back; null until the daemon raises its own.
-std::atomic<const rlimit*> g_program_limit{nullptr};
+// How the daemon was started, for programs and libraries; null until it is remembered.
+struct Start {
+  sigset_t signals;
+  rlimit descriptors;
+};
+std::atomic<const Start*> g_start{nullptr};
+
+// The threads that need the descriptor limit of the start, and the limit to go back to when the last has done.
+struct Lowered {
+  std::mutex mutex;
+  int users = 0;
+  rlimit raised{};
+};
+Lowered g_lowered;
 
 // ---- The child ----------------------------------------------------------------------------------------
 
@@ -177,11 +189,12 @@ bool same_file(const char* output, const char* error) {
 // Returns the child's pid, or -1 with errno set.
 pid_t start(const char* path, char* const argv[], Environment policy, const Streams& streams) {
   const std::vector<char*> environment = make_environment(policy);
+  const Start* const begin = g_start.load();
   const ChildPlan plan = {.path = path,
                           .argv = argv,
                           .environment = environment.data(),
                           .streams = {streams.input.get(), streams.output.get(), streams.error.get()},
-                          .limit = g_program_limit.load()};
+                          .limit = begin != nullptr ? &begin->descriptors : nullptr};
   sigset_t all;
   sigset_t before;
   sigfillset(&all);
@@ -365,16 +378,41 @@ int pclose_cmd(FILE* stream) {
   return wait_for(node->pid);
 }
 
-void raise_descriptor_limit(unsigned long wanted) {
-  static const rlimit original = [] {
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    return limit;
+void remember_start() {
+  static const Start start = [] {
+    Start now{};
+    pthread_sigmask(SIG_BLOCK, nullptr, &now.signals);
+    getrlimit(RLIMIT_NOFILE, &now.descriptors);
+    return now;
   }();
+  g_start = &start;
+}
+
+void raise_descriptor_limit(unsigned long wanted) {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
   const rlim_t target = std::min<rlim_t>(wanted, limit.rlim_max);
   if (limit.rlim_cur >= target) return;
   limit.rlim_cur = target;
-  if (setrlimit(RLIMIT_NOFILE, &limit) == 0) g_program_limit.store(&original);
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+AsStarted::AsStarted() {
+  const Start* const start = g_start;
+  const sigset_t* const signals = start != nullptr ? &start->signals : nullptr;
+  pthread_sigmask(SIG_SETMASK, signals, &before_);
+  const std::lock_guard lock(g_lowered.mutex);
+  if (g_lowered.users++ > 0 || start == nullptr) return;
+  getrlimit(RLIMIT_NOFILE, &g_lowered.raised);
+  rlimit limit = g_lowered.raised;
+  limit.rlim_cur = std::min(limit.rlim_cur, start->descriptors.rlim_cur);
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+AsStarted::~AsStarted() {
+  {
+    const std::lock_guard lock(g_lowered.mutex);
+    if (--g_lowered.users == 0 && g_start != nullptr) setrlimit(RLIMIT_NOFILE, &g_lowered.raised);
+  }
+  pthread_sigmask(SIG_SETMASK, &before_, nullptr);
 }

@@ -16,6 +16,7 @@
 // Any thread may call any of these; each blocks its own caller only.
 #pragma once
 
+#include <csignal>
 #include <cstdio>
 
 // Run a program and wait for it. The result is its raw wait status: 0 for success, else to be taken apart
@@ -44,6 +45,24 @@ FILE* popen_cmd_args(const char* input, const char* output, const char* error, c
 // cannot be waited for, and for any other stream, which stays open.
 int pclose_cmd(FILE* stream);
 
+// Remembers the signal mask and the descriptor limit that this process was started with. Once, before either is
+// changed and before other threads run. Programs get the limit back that is remembered.
+void remember_start();
+
 // Raises this process's soft limit on open descriptors to `wanted`, or as far as the hard limit allows; never
-// lowers it. Programs started from then on get back the limits of the first call's beginning.
+// lowers it.
 void raise_descriptor_limit(unsigned long wanted);
+
+// For code that starts programs by itself. While an object lives, its thread has the signal mask, and the process
+// has the soft descriptor limit, that remember_start has seen. The limit is the whole process's: other threads keep
+// the descriptors that they have, but get no new ones with higher numbers meanwhile. One thread per object.
+class AsStarted {
+ public:
+  AsStarted();
+  AsStarted(const AsStarted&) = delete;
+  AsStarted& operator=(const AsStarted&) = delete;
+  ~AsStarted();
+
+ private:
+  sigset_t before_;
+};

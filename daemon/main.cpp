@@ -2,8 +2,9 @@
 //
 // Threads: this one only waits. Each service has a detached thread that runs its producer loop (its workers
 // are threads of the framework); each message queue has one that relays its records; a last one receives the
-// stop signals. These are blocked in every thread, and that one waits for them: no system call of a handler is
-// ever interrupted, and what a stop signal does never runs on top of a thread that holds the mutex it takes.
+// stop signals. These are blocked in every thread, and that one waits for them: no system call of ours is ever
+// interrupted, and what a stop signal does never runs on top of a thread that holds the mutex it takes. Only the
+// platform's libraries run with the signals as the daemon was started.
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/time.h>
@@ -56,11 +57,25 @@ std::atomic<bool> main_service_over{false};  // its thread has ended, or could n
 pthread_mutex_t terminate_mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t terminate_cond = PTHREAD_COND_INITIALIZER;
 
+sigset_t stop_signals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  return signals;
+}
+
+// Called by the thread that waits for the signals, or on top of one that is in a platform library, where they are
+// not blocked: there the other signal must not come while the mutex is held.
 void terminate_handler(int) {
   is_terminate = 1;
+  const sigset_t signals = stop_signals();
+  sigset_t before;
+  pthread_sigmask(SIG_BLOCK, &signals, &before);
   pthread_mutex_lock(&terminate_mutex);
   pthread_cond_signal(&terminate_cond);
   pthread_mutex_unlock(&terminate_mutex);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 // A number below 3 that is free would be given to the first socket, and then be closed as somebody's output.
@@ -70,14 +85,6 @@ void occupy_standard_descriptors() {
     fd = open("/dev/null", O_RDWR);
   } while (fd >= 0 && fd <= STDERR_FILENO);
   if (fd > STDERR_FILENO) close(fd);
-}
-
-sigset_t stop_signals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  return signals;
 }
 
 void install_signal_handlers() {
@@ -208,6 +215,7 @@ void free_all_obj() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  remember_start();
   memory_set_up();
   // NOLINTNEXTLINE(concurrency-mt-unsafe): there is no other thread yet
   unsetenv("LD_LIBRARY_PATH");  // the package's libraries are not for the platform's programs

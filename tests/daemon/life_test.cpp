@@ -86,11 +86,21 @@ TEST(StartUp, ACrashLeavesABacktraceAndEndsInSigkill) {
       ContainsRegex("\\[vistalprod_debug_backtrace_dump\\]\\[[0-9]+\\] .*\n.*\\]={26}\n.*\\]vistalprod\n"));
 }
 
-// Limits and signal state are the daemon's own affair.
+// Limits and signal state are the daemon's own affair, whether it starts a program or a library does.
 TEST(StartUp, ProgramsStartInTheOrdinaryState) {
-  const Daemon daemon;
+  const std::string low = "ulimit -Sn 512; ";
+  const Daemon daemon("sh -c '" + low + "exec vistalprod'");
+  const StandIn library("/usr/lib/libuCore_config.so.0.0");
+  const std::string limits = "/proc/" + std::to_string(daemon.pid()) + "/limits", before = read_file(limits);
+  library.plays("program\n");
+  EXPECT_EQ(call(kMain, "get_sms_config").json()["result"], 0);
+  EXPECT_EQ(run("sh -c '" + low +
+                "exec grep -hE \"SigBlk|open files\" /proc/self/status /proc/self/limits' >/tmp/probe"),
+            0);
+  EXPECT_EQ(read_file("/tmp/stand_in/usr/lib/libuCore_config.so.0.0.program"), read_file("/tmp/probe"));
+  EXPECT_EQ(read_file(limits), before) << "the daemon's own limit is lower than it was";
   const std::string probe = "ulimit -Sn; /bin/grep -E 'Sig(Blk|Ign)' /proc/self/status";
-  EXPECT_EQ(run("sh -c \"" + probe + "\" >/tmp/probe"), 0);
+  EXPECT_EQ(run("sh -c \"" + low + probe + "\" >/tmp/probe"), 0);
   EXPECT_EQ(call(kMain, "exec_cli", R"({"command":["/bin/sh","-c",")" + probe + "\"]}").json()["result"],
             read_file("/tmp/probe"));
 }

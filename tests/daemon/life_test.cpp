@@ -31,8 +31,7 @@ int run(const std::string& command) {
 TEST(StartUp, TheCheckOptionStartsAndStopsAtOnce) {
   EXPECT_EQ(run("vistalprod -t -x -\x01"), 0);
   EXPECT_EQ(read_file(kErrors), "Illegal option:-x\nIllegal option:-#\n");
-  EXPECT_THAT(read_file(kLogFile),
-              ContainsRegex("\\[main\\]\\[[0-9]+\\] sock_name:/var/run/ks/494AC97B.sock\\.\n"));
+  EXPECT_THAT(read_file(kLogFile), ContainsRegex("\\[main\\]\\[[0-9]+\\] sock_name:/var/run/ks/494AC97B.sock\\.\n"));
   EXPECT_NE(access(kMainSocket, F_OK), 0);
 }
 
@@ -50,21 +49,20 @@ TEST(StartUp, ASecondInstanceIsRefusedAndAZombieIsNone) {
 // In the foreground and in the background: exactly one goes on.
 TEST(StartUp, OfInstancesThatStartAtTheSameTimeOneServes) {
   for (int i = 0; i < 20; ++i) {
-    const std::string options = i % 2 == 0 ? "" : " -d";
+    const std::string options = i % 2 == 0 ? "" : " -d", count = "test $(pgrep -cx vistalprod --runstates RSD)";
     std::vector<std::unique_ptr<Process>> instances;
     for (int n = 0; n < 3; ++n) instances.push_back(std::make_unique<Process>("vistalprod" + options));
     ASSERT_TRUE(eventually([] { return call(kMain, "test").status == KS_STATUS_OK; })) << "none, round " << i;
-    EXPECT_TRUE(eventually([] { return run("test $(pgrep -cx vistalprod --runstates RSD) = 1") == 0; })) << i;
+    EXPECT_TRUE(eventually([&] { return run(count + " = 1") == 0; })) << "not one, round " << i;
     EXPECT_EQ(run("pkill -INT -x vistalprod"), 0);
-    EXPECT_TRUE(eventually([] { return access(kMainSocket, F_OK) != 0; }));
+    EXPECT_TRUE(eventually([&] { return run(count + " = 0") == 0; }));
   }
 }
 
 TEST(StartUp, AProcessOfAnotherUserIsNoInstance) {
   std::filesystem::copy_file("/bin/sleep", "/tmp/vistalprod");
   Process stranger("setpriv --reuid 65534 --clear-groups /tmp/vistalprod 60");
-  if (!eventually([] { return run("pgrep -x vistalprod") == 0; }))
-    GTEST_SKIP() << "cannot be another user here";
+  if (!eventually([] { return run("pgrep -x vistalprod") == 0; })) GTEST_SKIP() << "cannot be another user here";
   EXPECT_EQ(run("vistalprod -t"), 0);
 }
 
@@ -81,9 +79,8 @@ TEST(StartUp, ACrashLeavesABacktraceAndEndsInSigkill) {
   kill(daemon.pid(), SIGSEGV);
   const int status = daemon.wait();
   EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
-  EXPECT_THAT(
-      read_file(kLogFile).substr(log),
-      ContainsRegex("\\[vistalprod_debug_backtrace_dump\\]\\[[0-9]+\\] .*\n.*\\]={26}\n.*\\]vistalprod\n"));
+  EXPECT_THAT(read_file(kLogFile).substr(log),
+              ContainsRegex("\\[vistalprod_debug_backtrace_dump\\]\\[[0-9]+\\] .*\n.*\\]={26}\n.*\\]vistalprod\n"));
 }
 
 // Limits and signal state are the daemon's own affair, whether it starts a program or a library does.
@@ -94,9 +91,8 @@ TEST(StartUp, ProgramsStartInTheOrdinaryState) {
   const std::string limits = "/proc/" + std::to_string(daemon.pid()) + "/limits", before = read_file(limits);
   library.plays("program\n");
   EXPECT_EQ(call(kMain, "get_sms_config").json()["result"], 0);
-  EXPECT_EQ(run("sh -c '" + low +
-                "exec grep -hE \"SigBlk|open files\" /proc/self/status /proc/self/limits' >/tmp/probe"),
-            0);
+  EXPECT_EQ(
+      run("sh -c '" + low + "exec grep -hE \"SigBlk|open files\" /proc/self/status /proc/self/limits' >/tmp/probe"), 0);
   EXPECT_EQ(read_file("/tmp/stand_in/usr/lib/libuCore_config.so.0.0.program"), read_file("/tmp/probe"));
   EXPECT_EQ(read_file(limits), before) << "the daemon's own limit is lower than it was";
   const std::string probe = "ulimit -Sn; /bin/grep -E 'Sig(Blk|Ign)' /proc/self/status";
@@ -140,8 +136,7 @@ TEST(StartUp, QueuesOfAnotherUserAreReplaced) {
     EXPECT_EQ(msgctl(queue(key), IPC_STAT, &state), 0);
     EXPECT_EQ(state.msg_perm.cuid, geteuid());
     EXPECT_EQ(state.msg_perm.mode, 0644);
-    EXPECT_THAT(read_file(kLogFile).substr(log),
-                testing::HasSubstr("] queue " + std::to_string(key) + " of user "));
+    EXPECT_THAT(read_file(kLogFile).substr(log), testing::HasSubstr("] queue " + std::to_string(key) + " of user "));
   }
 }
 
@@ -214,8 +209,7 @@ TEST(Stop, ClosesBothQueuesBeforeItWaitsForTheirRecords) {
   ASSERT_EQ(listen(service, 2), 0);
   std::vector<Peer> relays;
   const LogMessage message{.type = 1, .event = {}, .connection = {}};
-  for (const auto& [key, size] :
-       {std::pair(kEventQueueKey, kNotifyMessageSize), {kLogQueueKey, kLogMessageSize}}) {
+  for (const auto& [key, size] : {std::pair(kEventQueueKey, kNotifyMessageSize), {kLogQueueKey, kLogMessageSize}}) {
     EXPECT_EQ(msg_queue_send(key, &message, size), 0);
     relays.emplace_back(accept4(service, nullptr, nullptr, SOCK_CLOEXEC));
   }
@@ -239,8 +233,7 @@ TEST(Stop, AHundredTimesInARow) {
     for (int busy = 0; busy < 2; ++busy) {
       if (i % 2 == 0) clients.push_back(silent_client());
       if (i % 2 == 1) {
-        answers.push_back(
-            std::async(std::launch::async, [] { return call(kMain, "system_call_share_folder_renew"); }));
+        answers.push_back(std::async(std::launch::async, [] { return call(kMain, "system_call_share_folder_renew"); }));
       }
     }
     EXPECT_TRUE(eventually([&] { return tool.calls().size() == answers.size(); }));

@@ -20,7 +20,9 @@
 
 #include "common/log.h"
 #include "common/memory.h"
+#include "common/package_config.h"
 #include "common/process.h"
+#include "common/service_names.h"
 #include "common/text.h"
 #include "daemon/crash_handler.h"
 #include "daemon/dispatch.h"
@@ -28,8 +30,6 @@
 #include "daemon/event_relay.h"
 #include "daemon/msg_queue_listener.h"
 #include "daemon/reentry.h"
-#include "common/package_config.h"
-#include "common/service_names.h"
 #include "service/ks.h"
 
 namespace {
@@ -47,15 +47,35 @@ constexpr useconds_t kStartPollMicroseconds = 1000;  // only a stop in the first
 // Two services with 1000 waiting clients each, and room for the requests being served.
 constexpr unsigned long kWantedDescriptors = 4096;
 
-ks_handle* ks_service_handle = nullptr;
-ks_handle* ks_send_mail_service_handle = nullptr;
-std::unique_ptr<MsgQueueListener> event_listener;
-std::unique_ptr<MsgQueueListener> log_listener;
-std::atomic<int> is_terminate{0};
-int is_daemon = 0;
-std::atomic<bool> main_service_over{false};  // its thread has ended, or could not be made
-pthread_mutex_t terminate_mutex = PTHREAD_MUTEX_INITIALIZER;
-pthread_cond_t terminate_cond = PTHREAD_COND_INITIALIZER;
+// The state of the process. It is asked to stop from the thread of the stop signals; the rest is the main thread's.
+class Daemon {
+ public:
+  void parse_options(int argc, char** argv);
+  // Publishes the services and receives the queues. The log is set up, the signal handlers are installed.
+  void start();
+  // Returns when a stop has been asked for.
+  void wait();
+  void terminate();
+  // The mail service is left to the end of the process: a mail on its way does not hold up the stop.
+  void stop();
+
+ private:
+  static void* pthread_ks_start(void* self);
+  static void* pthread_ks_send_mail_start(void* self);
+  void free_all_obj();
+
+  int is_daemon = 0;
+  std::atomic<int> is_terminate{0};
+  pthread_mutex_t terminate_mutex = PTHREAD_MUTEX_INITIALIZER;
+  pthread_cond_t terminate_cond = PTHREAD_COND_INITIALIZER;
+  ks_handle* ks_service_handle = nullptr;
+  ks_handle* ks_send_mail_service_handle = nullptr;
+  std::atomic<bool> main_service_over{false};  // its thread has ended, or could not be made
+  std::unique_ptr<MsgQueueListener> event_listener;
+  std::unique_ptr<MsgQueueListener> log_listener;
+};
+
+constinit Daemon the_daemon;  // a signal handler has no other way to it
 
 sigset_t stop_signals() {
   sigset_t signals;
@@ -65,17 +85,8 @@ sigset_t stop_signals() {
   return signals;
 }
 
-// Called by the thread that waits for the signals, or on top of one that is in a platform library, where they are
-// not blocked: there the other signal must not come while the mutex is held.
 void terminate_handler(int) {
-  is_terminate = 1;
-  const sigset_t signals = stop_signals();
-  sigset_t before;
-  pthread_sigmask(SIG_BLOCK, &signals, &before);
-  pthread_mutex_lock(&terminate_mutex);
-  pthread_cond_signal(&terminate_cond);
-  pthread_mutex_unlock(&terminate_mutex);
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  the_daemon.terminate();
 }
 
 // A number below 3 that is free would be given to the first socket, and then be closed as somebody's output.
@@ -103,22 +114,9 @@ void* receive_stop_signals(void*) {
   return nullptr;
 }
 
-void* pthread_ks_start(void*) {
-  LOG_AT("pthread_ks_start", "ks_start.");
-  ks_start(ks_service_handle);
-  main_service_over = true;
-  return nullptr;
-}
-
-void* pthread_ks_send_mail_start(void*) {
-  LOG_AT("pthread_ks_send_mail_start", "ks_send_mail_start.");
-  ks_start(ks_send_mail_service_handle);
-  return nullptr;
-}
-
-bool start_detached(void* (*entry)(void*)) {
+bool start_detached(void* (*entry)(void*), void* argument) {
   pthread_t thread;
-  if (pthread_create(&thread, nullptr, entry, nullptr) != 0) return false;
+  if (pthread_create(&thread, nullptr, entry, argument) != 0) return false;
   pthread_detach(thread);
   return true;
 }
@@ -132,7 +130,7 @@ void set_up_log() {
   log_set_dir(format_bounded(kLogDirSize, "%s/.log", install_path.c_str()).c_str());
 }
 
-void parse_options(int argc, char** argv) {
+void Daemon::parse_options(int argc, char** argv) {
   opterr = 0;  // the lines below are all that is said about an unknown option
   int option;
   // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody else reads options
@@ -153,36 +151,46 @@ void parse_options(int argc, char** argv) {
   }
 }
 
-void create_services() {
-  ks_service_handle = ks_create(kMainServiceName, KS_PTHREAD_MODE, kMainWorkers, main_service_exec);
-  if (ks_service_handle == nullptr) {
-    LOG_AT("main", "ks_service_handle is NULL.");
+void Daemon::start() {
+  if (is_daemon != 0 && daemon(0, 0) != 0) LOG_AT("main", "daemon failed.");
+  raise_descriptor_limit(kWantedDescriptors);
+  prepare_dispatch();
+  if (!start_detached(receive_stop_signals, nullptr)) {
+    LOG_AT("main", "cannot receive signals.");  // better not to run than not to stop
     std::exit(kExitNoService);
   }
+
+  ks_service_handle = ks_create(kMainServiceName, KS_PTHREAD_MODE, kMainWorkers, main_service_exec);
   LOG_AT("main", "sock_name:%s.", ks_service_handle->sockfile);
   ks_send_mail_service_handle =
       ks_create(kMailServiceName, KS_PTHREAD_MODE, KS_SEND_MAIL_SERVER_THREAD_NUM, mail_service_exec);
-  if (ks_send_mail_service_handle == nullptr) {
-    LOG_AT("main", "ks_send_mail_service_handle is NULL.");
-    std::exit(kExitNoService);
-  }
   LOG_AT("main", "send_mail_sock_name:%s, KS_SEND_MAIL_SERVER_THREAD_NUM:%d.",
          ks_send_mail_service_handle->sockfile, static_cast<int>(KS_SEND_MAIL_SERVER_THREAD_NUM));
-}
 
-void start_listeners() {
   event_listener = std::make_unique<MsgQueueListener>(kEventQueueKey, notify_handler, kNotifyMessageSize);
   event_listener->Start();
   log_listener = std::make_unique<MsgQueueListener>(kLogQueueKey, eventlog_handler, kLogMessageSize);
   log_listener->Start();
+
+  if (!start_detached(pthread_ks_start, this)) main_service_over = true;
+  start_detached(pthread_ks_send_mail_start, this);
 }
 
-void stop_listener(std::unique_ptr<MsgQueueListener>& listener) {
-  if (listener != nullptr) listener->Stop();
-  listener.reset();
+void* Daemon::pthread_ks_start(void* self) {
+  auto* const owner = static_cast<Daemon*>(self);
+  LOG_AT("pthread_ks_start", "ks_start.");
+  ks_start(owner->ks_service_handle);
+  owner->main_service_over = true;
+  return nullptr;
 }
 
-void wait_for_stop() {
+void* Daemon::pthread_ks_send_mail_start(void* self) {
+  LOG_AT("pthread_ks_send_mail_start", "ks_send_mail_start.");
+  ks_start(static_cast<Daemon*>(self)->ks_send_mail_service_handle);
+  return nullptr;
+}
+
+void Daemon::wait() {
   while (is_terminate == 0) {
     timeval now{};
     gettimeofday(&now, nullptr);
@@ -194,22 +202,37 @@ void wait_for_stop() {
   }
 }
 
-// A stop has no effect on a service whose thread has not got round to starting it yet.
-void wait_until_started(ks_handle* handle) {
-  const std::atomic_ref<ks_worker*> worker(handle->worker);
-  while (worker.load() == nullptr && !main_service_over) usleep(kStartPollMicroseconds);
+// Called by the thread that waits for the signals, or on top of one that is in a platform library, where they are
+// not blocked: there the other signal must not come while the mutex is held.
+void Daemon::terminate() {
+  is_terminate = 1;
+  const sigset_t signals = stop_signals();
+  sigset_t before;
+  pthread_sigmask(SIG_BLOCK, &signals, &before);
+  pthread_mutex_lock(&terminate_mutex);
+  pthread_cond_signal(&terminate_cond);
+  pthread_mutex_unlock(&terminate_mutex);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-void free_all_obj() {
+void Daemon::stop() {
+  // A stop has no effect on a service whose thread has not got round to starting it yet.
+  const std::atomic_ref<ks_worker*> worker(ks_service_handle->worker);
+  while (worker.load() == nullptr && !main_service_over) usleep(kStartPollMicroseconds);
+  ks_stop(ks_service_handle);
+  free_all_obj();
+}
+
+void Daemon::free_all_obj() {
   LOG_AT("free_all_obj", "is_terminate");
   // Both at once: the records under way then take their time beside each other, not one after the other.
-  for (const auto* const listener : {&event_listener, &log_listener}) {
-    if (*listener != nullptr) (*listener)->Close();
-  }
-  stop_listener(event_listener);
-  stop_listener(log_listener);
+  event_listener->Close();
+  log_listener->Close();
+  event_listener->Stop();
+  event_listener.reset();
+  log_listener->Stop();
+  log_listener.reset();
   ks_free(ks_service_handle);
-  ks_service_handle = nullptr;
 }
 
 }  // namespace
@@ -228,23 +251,9 @@ int main(int argc, char** argv) {
     std::exit(kExitRefused);
   }
   install_signal_handlers();
-  parse_options(argc, argv);
-  if (is_daemon != 0 && daemon(0, 0) != 0) LOG_AT("main", "daemon failed.");
-  raise_descriptor_limit(kWantedDescriptors);
-  prepare_dispatch();
-  if (!start_detached(receive_stop_signals)) {
-    LOG_AT("main", "cannot receive signals.");  // better not to run than not to stop
-    std::exit(kExitNoService);
-  }
-  create_services();
-  start_listeners();
-  if (!start_detached(pthread_ks_start)) main_service_over = true;
-  start_detached(pthread_ks_send_mail_start);
-  wait_for_stop();
-
-  wait_until_started(ks_service_handle);
-  ks_stop(ks_service_handle);
-  free_all_obj();
-  // The mail service goes with the process: a mail on its way does not hold up the stop.
+  the_daemon.parse_options(argc, argv);
+  the_daemon.start();
+  the_daemon.wait();
+  the_daemon.stop();
   std::exit(0);
 }

@@ -95,25 +95,16 @@ Outcome list_names(Request& request) {
 // daemon's end. So it is read while the library is open, and neither it nor what it leads to is released.
 using MemberListFunction = std::int32_t(const char* group_name, void*** list);
 
-std::optional<std::vector<bool>> fetch_members(const Command& command, const std::string& group_name) {
-  const PlatformLibrary library(command.library);
-  auto* const list_members = library.function<MemberListFunction>(command.function);
-  if (list_members == nullptr) return std::nullopt;
+Outcome list_members(Request& request, const std::string& group_name) {
+  const PlatformLibrary library(request.command.library);
+  auto* const list_members = library.function<MemberListFunction>(request.command.function);
+  if (list_members == nullptr) return Outcome::failure;
   void** entries = nullptr;
   const std::int32_t count = list_members(group_name.c_str(), &entries);
-  if (count < 0 || count > kMaxMembers || (count > 0 && entries == nullptr)) return std::nullopt;
-  std::vector<bool> present;
-  present.reserve(static_cast<std::size_t>(count));
-  for (std::int32_t i = 0; i < count; ++i) present.push_back(entries[i] != nullptr);
-  return present;
-}
-
-Outcome list_members(Request& request, const std::string& group_name) {
-  const auto members = fetch_members(request.command, group_name);
-  if (!members) return Outcome::failure;
+  if (count < 0 || count > kMaxMembers || (count > 0 && entries == nullptr)) return Outcome::failure;
   Json::Value list;
-  for (const bool present : *members) list.append(present);
-  request.reply["user_count"] = static_cast<std::int32_t>(members->size());
+  for (std::int32_t i = 0; i < count; ++i) list.append(entries[i] != nullptr);
+  request.reply["user_count"] = count;
   return success_with(request, list);
 }
 
@@ -199,17 +190,13 @@ std::optional<std::string> session_id_in(const std::string& output) {
   return words[2];
 }
 
-std::optional<std::string> log_in(const std::string& user, const std::string& password) {
+Outcome get_session_id(Request& request, const std::string& user, const std::string& password) {
   const std::optional<std::string> output =
       piped_output(kLoginTool,
                    {base_name(kLoginTool), "-l", format_bounded(kLoginArgumentSize, "user=%s", user.c_str()),
                     format_bounded(kLoginArgumentSize, "pw=%s", password.c_str())},
                    kChunkSize);
-  return output ? session_id_in(*output) : std::nullopt;
-}
-
-Outcome get_session_id(Request& request, const std::string& user, const std::string& password) {
-  const std::optional<std::string> sid = log_in(user, password);
+  const std::optional<std::string> sid = output ? session_id_in(*output) : std::nullopt;
   request.reply[sid ? "sid" : "error_msg"] = sid ? *sid : "get_sess_id fail";
   request.reply["error_code"] = sid ? 0 : kLoginFailed;
   return Outcome::own;

@@ -38,7 +38,8 @@ Outcome answer(Request& request, Relay how, const CapturedRun& run) {
   if (run.status() != 0) return Outcome::failure;
   std::string output = run.output();
   if (how.without_last_line_feed) output.resize(std::min(output.rfind('\n'), output.size()));
-  request.reply[request.command.member] = how.as_text ? output : base64_text(output);
+  const char* const member = request.command.member;
+  request.reply[member != nullptr ? member : "result_out"] = how.as_text ? output : base64_text(output);
   if (how.has_cli_ret) request.reply["cli_ret"] = 0;
   return Outcome::success;
 }
@@ -101,7 +102,6 @@ Outcome relay_serial(Request& request) {
   return run_and_answer(request, {}, runs_in_cloud() ? kCloudSerialReader : kSerialReader, {});
 }
 
-constexpr Relay kWithCliRet = {.has_cli_ret = true};
 constexpr Relay kRemovedLate = {.has_cli_ret = true, .removed_late = true};
 constexpr char kCliRetAnswers[] = "cli_ret, result, result_out";
 
@@ -111,7 +111,6 @@ constexpr Command main_service::system_call_cloud_get_kid_service =
     Row{.params = {text("section_name"), text("field_name")},
         .program = "/sbin/rdconf",
         .args = {param("section_name"), param("field_name"), "-f", "/etc/config/kid.conf"},
-        .member = "result_out",
         .answers = kCliRetAnswers,
         .action = relay<Relay{.has_cli_ret = true, .without_last_line_feed = true}>};
 
@@ -120,36 +119,27 @@ constexpr Command main_service::system_call_cloud_get_access_token =
         .program = "/usr/local/bin/kcloud_auth_tool",
         .args = {"signin", "-t", "exchange_token", "-a", param("access_token"), "-i", param("client_id"),
                  "-s", param("client_secret"), "-o", "json"},
-        .member = "result_out",
         .answers = kCliRetAnswers,
-        .action = relay<kWithCliRet>};
+        .action = relay<Relay{.has_cli_ret = true}>};
 
 constexpr Command main_service::system_call_cloud_kcm_tunnel_agent = Row{
     .params = {text("command"), text("mode"), text("package_name"), text("callback_path"), text("reg_id")},
     .runs =
         "/usr/local/bin/kcloud_tunnel_agent_tool register_kcm -m MODE -p PACKAGE_NAME -c CALLBACK_PATH, "
         "unregister_kcm -r REG_ID or get_url",
-    .member = "result_out",
     .answers = kCliRetAnswers,
     .action = with_params<relay_tunnel_agent>};
 
 constexpr Command main_service::system_call_cloud_get_user_token = Row{.program = "/usr/bin/kcloud_cli",
                                                                        .args = {"-t"},
-                                                                       .member = "result_out",
                                                                        .answers = kCliRetAnswers,
                                                                        .action = relay<kRemovedLate>};
 
-constexpr Command main_service::system_call_cloud_get_host_site = Row{.program = kHostTool,
-                                                                      .args = {"-s"},
-                                                                      .member = "result_out",
-                                                                      .answers = kCliRetAnswers,
-                                                                      .action = relay<kRemovedLate>};
+constexpr Command main_service::system_call_cloud_get_host_site =
+    Row{.program = kHostTool, .args = {"-s"}, .answers = kCliRetAnswers, .action = relay<kRemovedLate>};
 
-constexpr Command main_service::system_call_cloud_get_host_endpoint = Row{.program = kHostTool,
-                                                                          .args = {"-n", "k2_api"},
-                                                                          .member = "result_out",
-                                                                          .answers = kCliRetAnswers,
-                                                                          .action = relay<kRemovedLate>};
+constexpr Command main_service::system_call_cloud_get_host_endpoint = Row{
+    .program = kHostTool, .args = {"-n", "k2_api"}, .answers = kCliRetAnswers, .action = relay<kRemovedLate>};
 
 constexpr Command main_service::system_call_cloud_get_device_status = Row{
     .program = kDeviceTool, .args = {"get_device_status"}, .member = "device_status", .action = relay_status};

@@ -40,15 +40,9 @@ void conclude(Request& request, Outcome outcome) {
 
 // Whether there is something to act on.
 bool read_body(Request& request) {
-  switch (request.command.action.reads) {
-    case Reads::params:
-      return request.command.parameters().empty() || request.read_params();
-    case Reads::members:
-      return request.parse_body();
-    case Reads::itself:
-      break;
-  }
-  return true;
+  const Reads reads = request.command.action.reads;
+  if (reads == Reads::itself || (reads == Reads::params && request.command.parameters().empty())) return true;
+  return reads == Reads::params ? request.read_params() : request.parse_body();
 }
 
 }  // namespace

@@ -58,27 +58,19 @@ Outcome answer_vpd_field(Request& request) {
   return success_with(request, *value);
 }
 
-// Nothing when the tool cannot be started.
-std::optional<std::string> read_ext_area(std::int32_t offset, std::int32_t length) {
-  constexpr char kLogName[] = "system_call_hwctlapp_vpdget_ext_area";
+Outcome answer_ext_area(Request& request, std::int32_t offset, std::int32_t length) {
+  constexpr char kReader[] = "system_call_hwctlapp_vpdget_ext_area";  // in the log
   const std::string argument = format_bounded(kExtAreaArgumentSize, "offset=%d,length=%d", offset, length);
-  LOG_AT(kLogName, "/sbin/hwctl_app --vpd_get_ext_area  %s", argument.c_str());
+  LOG_AT(kReader, "/sbin/hwctl_app --vpd_get_ext_area  %s", argument.c_str());
   std::optional<std::string> output =
       piped_output(kHardwareTool, {base_name(kHardwareTool), "--vpd_get_ext_area", argument}, kChunkSize);
-  if (output) {
-    LOG_AT(kLogName, "str_output=%s", output->c_str());
-    strip_blanks_newlines(&*output);
-  }
-  return output;
-}
-
-Outcome answer_ext_area(Request& request, std::int32_t offset, std::int32_t length) {
-  const std::optional<std::string> area = read_ext_area(offset, length);
-  if (!area) {
+  if (!output) {
     LOG_AT(request.log_name.c_str(), "get vpd area failed, ret=%d", kNotStarted);
     return Outcome::failure;
   }
-  return success_with(request, *area);
+  LOG_AT(kReader, "str_output=%s", output->c_str());
+  strip_blanks_newlines(&*output);
+  return success_with(request, *output);
 }
 
 Outcome answer_display_name(Request& request) {
@@ -107,7 +99,7 @@ Outcome answer_dispdeck_status(Request& request) {
   std::string status;
   const bool found = rdconf_value(kDisplayConfig, "CP_APP", "dispDeck", &status);
   request.reply["error_code"] = 0;
-  request.reply[request.command.member] =
+  request.reply["dispDeck_Status"] =
       found ? static_cast<std::int32_t>(std::strtol(status.c_str(), nullptr, 10)) : 0;
   return Outcome::own;
 }
@@ -153,6 +145,5 @@ constexpr Command main_service::is_trn_model = Row{.log_name = "nos_system_is_TR
 
 constexpr Command main_service::get_dispdeck_status =
     Row{.runs = "reads dispDeck of section CP_APP in /etc/kos.ui.cp.conf",
-        .member = "dispDeck_Status",
         .answers = "dispDeck_Status, error_code",
         .action = answer_dispdeck_status};

@@ -2,9 +2,9 @@
 #include <json/value.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cctype>
 #include <climits>
+#include <cstring>
 #include <span>
 #include <string>
 
@@ -23,7 +23,8 @@ std::string runs_text(const Command& command) {
   for (const Argument& argument : command.args) {
     if (argument.text == nullptr) break;
     std::string word = argument.text;
-    if (argument.is_param) std::transform(word.begin(), word.end(), word.begin(), ::toupper);
+    if (argument.is_param)
+      for (char& c : word) c = static_cast<char>(std::toupper(c));
     text += " " + word;
   }
   return text;
@@ -34,57 +35,44 @@ std::string answers_text(const Command& command) {
   return command.member != nullptr ? std::string("result, ") + command.member : "result";
 }
 
-std::string line_of(const char* service, const CommandRow& row) {
-  std::string line = std::string(service) + " " + row.name;
+Json::Value describe(const char* service, const CommandRow& row) {
+  Json::Value described;
+  described["service"] = service;
+  described["command"] = row.name;
+  described["parameters"] = Json::arrayValue;
   for (const Param& param : row.command->parameters()) {
-    const std::string shown = std::string(param.name) + ":" + type_name(param.type);
-    line += param.optional ? " [" + shown + "]" : " " + shown;
-  }
-  return line + "\n";
-}
-
-Json::Value json_of(const char* service, const CommandRow& row) {
-  Json::Value params(Json::arrayValue);
-  for (const Param& param : row.command->parameters()) {
-    Json::Value shown;
+    Json::Value& shown = described["parameters"].append({});
     shown["name"] = param.name;
     shown["type"] = type_name(param.type);
     shown["optional"] = param.optional;
-    params.append(shown);
   }
-  Json::Value shown;
-  shown["service"] = service;
-  shown["command"] = row.name;
-  shown["parameters"] = params;
-  shown["runs"] = runs_text(*row.command);
-  shown["answers"] = answers_text(*row.command);
-  shown["log_name"] = log_name_of(row);
-  return shown;
+  described["runs"] = runs_text(*row.command);
+  described["answers"] = answers_text(*row.command);
+  described["log_name"] = log_name_of(row);
+  return described;
 }
 
-struct Listing {
-  std::string text;
-  Json::Value json{Json::arrayValue};
-};
-
-// Adds the command of that name, or all when it is null; false when the service has none.
-bool add(const char* service, std::span<const CommandRow> rows, const char* wanted, Listing& listing) {
-  bool found = false;
-  for (const CommandRow& row : rows) {
-    if (wanted != nullptr && std::string_view(wanted) != row.name) continue;
-    found = true;
-    listing.json.append(json_of(service, row));
-    listing.text += line_of(service, row);
-    if (wanted == nullptr) continue;
-    listing.text += "  runs     " + runs_text(*row.command) + "\n  answers  " + answers_text(*row.command) +
-                    "\n  log name " + log_name_of(row) + "\n";
+std::string text_of(const Json::Value& described, bool in_full) {
+  std::string text = described["service"].asString() + " " + described["command"].asString();
+  for (const Json::Value& param : described["parameters"]) {
+    const std::string shown = param["name"].asString() + ":" + param["type"].asString();
+    text += param["optional"].asBool() ? " [" + shown + "]" : " " + shown;
   }
-  return found;
+  if (in_full) {
+    for (const char* what : {"runs", "answers", "log_name"})
+      text += std::string("\n  ") + what + ": " + described[what].asString();
+  }
+  return text + "\n";
 }
 
-bool add(const char* wanted, Listing& listing) {
-  const bool main = add("main", main_commands(), wanted, listing);
-  return add("mail", mail_commands(), wanted, listing) || main;
+// Adds the commands of that name, all when it is null; false when there is none.
+bool add(const char* wanted, Json::Value& list) {
+  const Json::ArrayIndex before = list.size();
+  for (const char* service : {"main", "mail"}) {
+    for (const CommandRow& row : std::strcmp(service, "main") == 0 ? main_commands() : mail_commands())
+      if (wanted == nullptr || std::strcmp(wanted, row.name) == 0) list.append(describe(service, row));
+  }
+  return list.size() > before;
 }
 
 int run_list(int argc, char** argv) {
@@ -92,12 +80,14 @@ int run_list(int argc, char** argv) {
   const Option options[] = {{.name = "json", .help = "print an array of objects", .store = store_flag(&json)}};
   std::span<char*> wanted;
   if (const auto status = read_arguments(kListCommand, options, INT_MAX, argc, argv, &wanted)) return *status;
-  Listing listing;
-  if (wanted.empty()) add(nullptr, listing);
+  Json::Value list(Json::arrayValue);
+  if (wanted.empty()) add(nullptr, list);
   for (const char* name : wanted) {
-    if (!add(name, listing)) return wrong_usage(kListCommand, std::string("no such command: ") + name);
+    if (!add(name, list)) return wrong_usage(kListCommand, std::string("no such command: ") + name);
   }
-  const std::string output = json ? json_write(listing.json) : listing.text;
+  std::string output = json ? json_write(list) : "";
+  if (!json)
+    for (const Json::Value& described : list) output += text_of(described, !wanted.empty());
   if (write_all(STDOUT_FILENO, output.data(), output.size())) return 0;
   return local_trouble(kListCommand, "cannot write to standard output");
 }

@@ -49,10 +49,9 @@ std::string rootless_path(const std::string& path) {
   return path.substr(path.find('/') + 1);
 }
 
-std::vector<std::string> argument_vector(std::string name, const std::vector<std::string>& arguments) {
-  std::vector<std::string> all = {std::move(name)};
-  all.insert(all.end(), arguments.begin(), arguments.end());
-  return all;
+std::vector<std::string> argument_vector(std::string name, std::vector<std::string> arguments) {
+  arguments.insert(arguments.begin(), std::move(name));
+  return arguments;
 }
 
 int exit_status(int status) {

@@ -18,7 +18,7 @@ std::string base_name(const std::string& path);
 std::string rootless_path(const std::string& path);
 
 // A whole argument vector: `name`, then `arguments`.
-std::vector<std::string> argument_vector(std::string name, const std::vector<std::string>& arguments);
+std::vector<std::string> argument_vector(std::string name, std::vector<std::string> arguments);
 
 // What is told of a program whose raw wait status is `status`: its exit status, 128 + the number of the
 // signal that killed it, as shells count, or -1 when nothing was run.

@@ -17,11 +17,11 @@ void log_arguments(const char* log_name, const std::vector<std::string>& argumen
 
 }  // namespace
 
-std::optional<LoggedOutput> run_logged(const char* log_name, const LoggedRun& run) {
+std::optional<LoggedOutput> run_logged(const char* log_name, LoggedRun run) {
   const char* const program = run.program.c_str();
-  const std::vector<std::string> arguments = argument_vector(base_name(run.program), run.arguments);
+  std::vector<std::string> arguments = argument_vector(base_name(run.program), std::move(run.arguments));
   log_arguments(log_name, arguments, run.blank_after_argument ? " " : "");
-  CapturedRun captured(run.program, arguments);
+  CapturedRun captured(run.program, std::move(arguments));
   if (captured.status() != 0) {
     if (run.failure_shows_output) {
       LOG_AT(log_name, "exec %s failed, ret_out=[%s]", program, captured.output().c_str());

@@ -22,4 +22,4 @@ struct LoggedOutput {
 
 // Runs the program, its output going to a temporary file. Nothing when it does not exit with 0: the file then
 // stays for people who look into the failure.
-std::optional<LoggedOutput> run_logged(const char* log_name, const LoggedRun& run);
+std::optional<LoggedOutput> run_logged(const char* log_name, LoggedRun run);

@@ -42,7 +42,8 @@ constexpr std::size_t kProgramPathSize = 512;
 constexpr std::size_t kMissingMessageSize = 256;
 constexpr std::size_t kStartMessageSize = 512;
 
-constexpr std::size_t kChunkSize = 1023;  // bytes; what follows a NUL in one of them is not relayed
+constexpr std::size_t kListedSize = 2048;  // bytes of the arguments, all that a line of the log can hold
+constexpr std::size_t kChunkSize = 1023;   // bytes; what follows a NUL in one of them is not relayed
 
 bool exists(const std::string& path) {
   struct stat found {};
@@ -100,9 +101,10 @@ Outcome relay_agent(Request& request) {
   std::vector<std::string> arguments = {rootless_path(path)};
   std::string list;
   const Json::Value& options = std::as_const(request.body)["opt"];  // not get(), which copies
+  arguments.reserve(options.size() + 1);
   for (Json::ArrayIndex i = 0; i < options.size(); ++i) {
     arguments.emplace_back(options[i].asCString());  // throws for what is no text
-    list += arguments.back() + ",";
+    if (list.size() < kListedSize) list.append(arguments.back(), 0, kListedSize).append(",");
   }
   log_write("[%s] args=[%s], ", log_name, list.c_str());
   CapturedRun run(path, std::move(arguments));

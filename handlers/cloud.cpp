@@ -45,8 +45,9 @@ Outcome answer(Request& request, Relay how, const CapturedRun& run) {
 }
 
 Outcome run_and_answer(Request& request, Relay how, const std::string& program,
-                       const std::vector<std::string>& arguments) {
-  const auto run = std::make_shared<CapturedRun>(program, argument_vector(rootless_path(program), arguments));
+                       std::vector<std::string> arguments) {
+  const auto run =
+      std::make_shared<CapturedRun>(program, argument_vector(rootless_path(program), std::move(arguments)));
   const auto clean_up = [how, run, log_name = request.log_name] {
     if (!run->remove() && how.has_cli_ret) {
       LOG_AT(log_name.c_str(), "remove tmpfile:[%s] fail.", run->file().c_str());
@@ -88,7 +89,7 @@ Outcome relay_tunnel_agent(Request& request, const std::string& command, const s
     request.reply["error_code"] = -6;
     return Outcome::own;
   }
-  return run_and_answer(request, {.has_cli_ret = true}, kTunnelTool, arguments);
+  return run_and_answer(request, {.has_cli_ret = true}, kTunnelTool, std::move(arguments));
 }
 
 bool runs_in_cloud() {

@@ -66,8 +66,8 @@ bool Request::parse_body() {
   std::string errors;
   const bool members = command.action.reads == Reads::members;
   if (members ? json_parse_builder(text, &body, &errors) : json_parse(text, &body, &errors)) return true;
-  if (errors.empty()) {  // it would have cost too much, which is logged
-  } else if (members) {
+  if (errors.empty()) return refuse("input error");  // it would cost too much, which is logged
+  if (members) {
     LOG_AT(log_name.c_str(), "parse strInputArg failed, error=[%s]", errors.c_str());
   } else if (command.logs_bad_body) {
     LOG_AT(log_name.c_str(), "ks_io input fail. [%s]", text.c_str());
@@ -114,7 +114,11 @@ std::vector<std::string> Request::arguments() const {
 
 void carry_out(const CommandRow& row, ks_io* io) {
   Request request(row, io);
-  conclude(request, read_body(request) ? request.command.action.run(request) : Outcome::own);
+  const Outcome outcome = read_body(request) ? request.command.action.run(request) : Outcome::own;
+  // A client that has its reply finds the memory given back.
+  request.body = Json::Value();
+  request.values = {};
+  conclude(request, outcome);
   if (request.afterwards) request.afterwards();
 }
 
@@ -133,12 +137,17 @@ Outcome run_program(Request& request) {
   return success_if(run_quietly(program, argument_vector(base_name(program), request.arguments())) == 0);
 }
 
-Outcome relay_logged(Request& request, const LoggedRun& run, bool removal_tells) {
-  const std::optional<LoggedOutput> output = run_logged(request.log_name.c_str(), run);
+Outcome relay_logged(Request& request, LoggedRun run, bool removal_tells) {
+  const std::optional<LoggedOutput> output = run_logged(request.log_name.c_str(), std::move(run));
   if (!output) return Outcome::silent;
   request.reply["result_out"] = base64_text(output->text);
   request.reply["cli_ret"] = removal_tells && !output->removed ? -1 : 0;
   return Outcome::success;
+}
+
+const Json::Value& member_or(const Json::Value& object, std::string_view name, const Json::Value& otherwise) {
+  const Json::Value* const found = object.find(name.data(), name.data() + name.size());
+  return found != nullptr ? *found : otherwise;
 }
 
 std::string read_request_text(ks_io* io) {

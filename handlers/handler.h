@@ -33,6 +33,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 #include <variant>
@@ -98,7 +99,10 @@ Outcome success_with(Request& request, const Json::Value& member);
 
 // A logged run whose output is the answer: "result_out", in base64, and a "cli_ret" of 0. `removal_tells`: -1
 // there when the output file could not be removed. Without a reply when the program failed.
-Outcome relay_logged(Request& request, const LoggedRun& run, bool removal_tells = false);
+Outcome relay_logged(Request& request, LoggedRun run, bool removal_tells = false);
+
+// The member of that name of an object or null, or the other value: the library's get(), which copies.
+const Json::Value& member_or(const Json::Value& object, std::string_view name, const Json::Value& otherwise);
 
 // Tells the dispatcher how long a handler has been at writing its reply, where a hostile client can hold it up. The
 // request's user word (ks_io_set) points at it, or is 0. Any thread may look.

@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <string>
+#include <utility>
 
 #include "common/logged_run.h"
 #include "common/text.h"
@@ -31,14 +32,15 @@ void allow_installation() {
 
 Outcome install(Request& request) {
   const Json::Value& body = request.body;
-  const std::string folder = body.get("sys_install_folder", "").asString();
-  const std::string package = body.get("app_file_path", "").asString();
-  (void)body.get("install_volume", "").asString();  // must be convertible, but is not passed on
+  const std::string folder = member_or(body, "sys_install_folder", "").asString();
+  std::string package = member_or(body, "app_file_path", "").asString();
+  (void)member_or(body, "install_volume", "").asString();  // must be convertible, but is not passed on
   allow_installation();
   const std::string script =
       format_bounded(kScriptPathSize, "%s/script/operate_kpkgcenter_app.sh", folder.c_str());
-  return relay_logged(request,
-                      {.program = script, .arguments = {"install", package}, .failure_shows_output = true});
+  LoggedRun run{.program = script, .arguments = {"install"}, .failure_shows_output = true};
+  run.arguments.push_back(std::move(package));
+  return relay_logged(request, std::move(run));
 }
 
 }  // namespace

@@ -5,11 +5,14 @@
 //   runs     /usr/local/apache/bin/httpd_proxy -k graceful -f /etc/httpd-sys-proxy.conf, then
 //            /etc/init.d/stunnel.sh reload
 //   reply    {"result": 0}, whatever the two made of it; the failure reply when the list could not be written
+#include <algorithm>
 #include <string>
+#include <string_view>
 
 #include "common/fragment.h"
+#include "common/json_cost.h"
+#include "common/log.h"
 #include "common/process.h"
-#include "common/text.h"
 #include "handlers/catalogue.h"
 #include "handlers/handler.h"
 
@@ -20,14 +23,43 @@ constexpr char kWebServer[] = "/usr/local/apache/bin/httpd_proxy";
 constexpr char kWebServerConfig[] = "/etc/httpd-sys-proxy.conf";
 constexpr char kTunnelScript[] = "/etc/init.d/stunnel.sh";
 
-std::string fragment_text(const std::string& addresses) {
-  std::string text = "<LocationMatch \"/.*\">\norder allow,deny\n";
-  for (const std::string& address : split_string(addresses, ",", true)) text += "deny from " + address + "\n";
-  return text + "allow from all\n</LocationMatch>\n";
+constexpr std::string_view kBegin = "<LocationMatch \"/.*\">\norder allow,deny\n";
+constexpr std::string_view kBeforeAddress = "deny from ";
+constexpr std::string_view kEnd = "allow from all\n</LocationMatch>\n";
+
+// Calls `act` with each address. A list of pieces would take more memory than the addresses.
+template <typename Act>
+void for_each_address(std::string_view addresses, const Act& act) {
+  for (std::size_t begin = 0, end = 0; end < addresses.size(); begin = end + 1) {
+    end = std::min(addresses.find(',', begin), addresses.size());
+    if (end > begin) act(addresses.substr(begin, end - begin));
+  }
 }
 
-Outcome update_ban_list(Request&, const std::string& addresses) {
-  if (!write_fragment_through_links(kFragment, fragment_text(addresses))) return Outcome::failure;
+std::size_t fragment_size(std::string_view addresses) {
+  std::size_t size = kBegin.size() + kEnd.size();
+  for_each_address(addresses,
+                   [&](std::string_view address) { size += kBeforeAddress.size() + address.size() + 1; });
+  return size;
+}
+
+std::string fragment_text(std::string_view addresses, std::size_t size) {
+  std::string text;
+  text.reserve(size);
+  text.append(kBegin);
+  for_each_address(
+      addresses, [&](std::string_view address) { text.append(kBeforeAddress).append(address).append("\n"); });
+  text.append(kEnd);
+  return text;
+}
+
+Outcome update_ban_list(Request& request, const std::string& addresses) {
+  const std::size_t size = fragment_size(addresses);
+  if (size + addresses.size() > kJsonBudget) {  // of tens of millions of addresses of a letter or two
+    LOG_AT(request.log_name.c_str(), "a fragment of %zu bytes is too large.", size);
+    return Outcome::failure;
+  }
+  if (!write_fragment_through_links(kFragment, fragment_text(addresses, size))) return Outcome::failure;
   // A server that does not run now reads the list when it starts.
   exec_cmd_args(nullptr, nullptr, nullptr, kWebServer, "-k", "graceful", "-f", kWebServerConfig, nullptr);
   exec_cmd_args(nullptr, nullptr, nullptr, kTunnelScript, "reload", nullptr);

@@ -25,6 +25,7 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <cstring>
 #include <new>
 #include <optional>
 #include <string>
@@ -165,6 +166,7 @@ std::optional<std::vector<std::string>> read_command_line(const std::string& tex
   const Json::Value& command = root["command"];
   if (!command.isArray() || command.empty()) return std::nullopt;
   std::vector<std::string> texts;
+  texts.reserve(command.size());
   for (const Json::Value& element : command) {
     if (!element.isConvertibleTo(Json::stringValue)) return std::nullopt;
     texts.push_back(element.asString());
@@ -185,7 +187,7 @@ Outcome relay_command_line(Request& request) {
     const std::string program = command->front();
     command->front() = base_name(program);
     for (std::size_t i = 1; i < command->size(); ++i) {
-      (*command)[i] = format_bounded(kArgumentSize, "%s", (*command)[i].c_str());
+      (*command)[i].resize(strnlen((*command)[i].c_str(), kArgumentSize - 1));
     }
     const CapturedRun run(program, std::move(*command));
     return answer(0, "result", run.output(kMaxOutput).c_str());  // up to its first NUL

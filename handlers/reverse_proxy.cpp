@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "common/fragment.h"
@@ -30,6 +31,8 @@ constexpr char kPidFile[] = "/var/lock/apache_reverse_proxy_vistalsurveillance.p
 constexpr char kServiceManager[] = "/sbin/svc_mgr";
 constexpr char kServiceName[] = "reverseproxy_vistalsurveillance";
 
+constexpr std::size_t kOtherTextSize = 2048;  // bytes, more than a rule has besides its target
+
 struct TlsSettings {
   std::string protocols;
   std::string ciphers;
@@ -46,20 +49,25 @@ struct Rule {
 };
 
 std::string fragment_path(const std::string& guid) {
-  return kFragmentDir + guid + ".conf";
+  constexpr std::string_view kEnd = ".conf";
+  std::string path = kFragmentDir;
+  path.reserve(path.size() + guid.size() + kEnd.size());
+  path.append(guid).append(kEnd);
+  return path;
 }
 
 // Throws when a value has the wrong type or a port is missing; which values are looked at first decides what
 // a client is left with that sends several wrong ones.
 Rule read_rule(const Json::Value& rule) {
   Rule read;
-  read.port = rule.get("port", "").asInt();
-  read.target_port = rule.get("des_port", "").asInt();
-  read.protocol = rule.get("protocol", "http").asString();
-  read.target_protocol = rule.get("des_protocol", "http").asString();
-  read.without_hsts = rule.get("hsts", false).asBool();
-  read.target_host = rule.get("host_name", "").asString();
-  (void)rule.get("proxy_timeout", 60).asInt();  // must be a number, but the timeout is the same for all
+  read.port = member_or(rule, "port", "").asInt();
+  read.target_port = member_or(rule, "des_port", "").asInt();
+  read.protocol = member_or(rule, "protocol", "http").asString();
+  read.target_protocol = member_or(rule, "des_protocol", "http").asString();
+  read.without_hsts = member_or(rule, "hsts", false).asBool();
+  read.target_host = member_or(rule, "host_name", "").asString();
+  (void)member_or(rule, "proxy_timeout", 60)
+      .asInt();  // must be a number, but the timeout is the same for all
   return read;
 }
 
@@ -77,9 +85,13 @@ std::string tls_text(const TlsSettings& tls, bool without_hsts) {
 
 std::string rule_text(const Rule& rule, const TlsSettings& tls) {
   const std::string port = std::to_string(rule.port);
-  const std::string target =
-      rule.target_protocol + "://" + rule.target_host + ":" + std::to_string(rule.target_port) + "/";
+  const std::string target_port = std::to_string(rule.target_port);
   std::string text = "Listen " + port + "\n<VirtualHost *:" + port + ">\n";
+  const auto pass = [&](const char* directive, const char* end) {
+    text.append(directive).append(" / ").append(rule.target_protocol).append("://");
+    text.append(rule.target_host).append(":").append(target_port).append("/").append(end).append("\n");
+  };
+  text.reserve(2 * (rule.target_protocol.size() + rule.target_host.size()) + kOtherTextSize);
   if (rule.protocol == "https") text += tls_text(tls, rule.without_hsts);
   if (rule.target_protocol == "https" || rule.target_protocol == "wss") {
     text +=
@@ -88,19 +100,20 @@ std::string rule_text(const Rule& rule, const TlsSettings& tls) {
   }
   text += "\tHeader set X-Frame-Options \"ALLOW-FROM *\"\n";
   text += "\tProxyPreserveHost on\n";
-  text += "\tProxyPass / " + target + " connectiontimeout=60 timeout=60\n";
-  text += "\tProxyPassReverse / " + target + "\n";
-  return text + "</VirtualHost>\n";
+  pass("\tProxyPass", " connectiontimeout=60 timeout=60");
+  pass("\tProxyPassReverse", "");
+  text += "</VirtualHost>\n";
+  return text;
 }
 
 // Calls `act` with each rule that has a GUID, and with the GUID. One with a NUL is none: as a path it would end
 // there, before the ".conf".
 template <typename Act>
-void for_each_rule(const Request& request, const Act& act) {
-  const Json::Value& rules = request.body["rule_list"];  // not get(), which copies
-  LogBatch log;                                          // a list may have a million rules without a GUID
+void for_each_rule(Request& request, const Act& act) {
+  Json::Value& rules = request.body["rule_list"];
+  LogBatch log;  // a list may have a million rules without a GUID
   for (Json::ArrayIndex i = 0; i < rules.size(); ++i) {
-    const std::string guid = rules[i].get("GUID", "").asString();
+    const std::string guid = member_or(rules[i], "GUID", "").asString();
     if (guid.empty() || guid.find('\0') != std::string::npos) {
       log.write("[%s][%d] get jRuleList[%d] strGUID failed", request.log_name.c_str(), __LINE__, static_cast<int>(i));
     } else {
@@ -109,18 +122,20 @@ void for_each_rule(const Request& request, const Act& act) {
   }
 }
 
-void add_rules(const Request& request) {
+void add_rules(Request& request) {
   TlsSettings tls;
   get_ssl_cipher_suite(&tls.ciphers);
   get_ssl_protocols(&tls.protocols);
   tls.has_chain = has_ssl_chain_file() == 1;
-  for_each_rule(request, [&](const Json::Value& rule, const std::string& guid) {
+  for_each_rule(request, [&](Json::Value& rule, const std::string& guid) {
+    const Rule read = read_rule(rule);
+    rule = Json::Value();  // the text takes its place in memory
     // A failure is not reported: the other rules still take effect, and there is no reply for a single one.
-    write_fragment(fragment_path(guid), rule_text(read_rule(rule), tls));
+    write_fragment(fragment_path(guid), rule_text(read, tls));
   });
 }
 
-void delete_rules(const Request& request) {
+void delete_rules(Request& request) {
   for_each_rule(request, [](const Json::Value&, const std::string& guid) { unlink(fragment_path(guid).c_str()); });
 }
 
@@ -141,7 +156,7 @@ LoggedRun reload_proxy() {
 
 Outcome change_rules(Request& request) {
   const char* const log_name = request.log_name.c_str();
-  const std::string action = request.body.get("action", "delete").asString();
+  const std::string action = member_or(request.body, "action", "delete").asString();
   const bool adds = action == "add";
   if (adds) {
     add_rules(request);

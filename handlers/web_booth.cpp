@@ -11,6 +11,7 @@
 //            "error_msg": "jRuleList is empty"}; none when the tool failed, and for another action or none
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/log.h"
@@ -24,40 +25,50 @@ constexpr char kTool[] = "/usr/sbin/kesh";
 
 using Arguments = std::vector<std::string>;
 
+// Without the copies that a list in braces makes: a text may be large.
+template <typename... Text>
+Arguments listed(Text&&... texts) {
+  Arguments arguments;
+  arguments.reserve(sizeof...(texts));
+  (arguments.emplace_back(std::forward<Text>(texts)), ...);
+  return arguments;
+}
+
 // Nothing for an action that the tool has no verb for.
-std::optional<Arguments> tool_arguments(const std::string& action, const std::string& token,
+std::optional<Arguments> tool_arguments(const std::string& action, std::string token,
                                         const Json::Value& rule) {
-  const std::string id = "id=" + rule.get("bs_id", "").asString();
-  std::string url = "open_url=" + rule.get("des_protocol", "http").asString();
-  url += "://" + rule.get("host_name", "").asString();
-  url += ":" + std::to_string(rule.get("des_port", 0).asInt());
-  const std::string type = "type=" + rule.get("browser_type", "chrome").asString();
+  std::string id = "id=" + member_or(rule, "bs_id", "").asString();
+  std::string url = "open_url=" + member_or(rule, "des_protocol", "http").asString();
+  url += "://" + member_or(rule, "host_name", "").asString();
+  url += ":" + std::to_string(member_or(rule, "des_port", 0).asInt());
+  std::string type = "type=" + member_or(rule, "browser_type", "chrome").asString();
   if (action == "add") {
-    return Arguments{"web-booth.container.create", token, url, "ttl=300", "resolution=1920x1080", type};
+    return listed("web-booth.container.create", std::move(token), std::move(url), "ttl=300",
+                  "resolution=1920x1080", std::move(type));
   }
-  if (action == "delete") return Arguments{"web-booth.container.delete", token, id};
-  if (action == "get_status") return Arguments{"web-booth.container", token, id};
+  if (action == "delete") return listed("web-booth.container.delete", std::move(token), std::move(id));
+  if (action == "get_status") return listed("web-booth.container", std::move(token), std::move(id));
   return std::nullopt;
 }
 
 Outcome control_booth(Request& request) {
   const char* const log_name = request.log_name.c_str();
   const Json::Value& body = request.body;
-  const std::string action = body.get("action", "remove").asString();
+  const std::string action = member_or(body, "action", "remove").asString();
   const Json::Value& rules = body["rule_list"];  // not get(), which copies
-  const std::string token = "token=" + body.get("auth_token", "").asString();
+  std::string token = "token=" + member_or(body, "auth_token", "").asString();
   if (rules.size() == 0) {  // empty() would not do: it does not count a text as a list without elements
     LOG_AT(log_name, "jRuleList is empty");
     request.reply["error_code"] = -5;
     request.reply["error_msg"] = "jRuleList is empty";
     return Outcome::own;
   }
-  const std::optional<Arguments> arguments = tool_arguments(action, token, rules[0]);
+  std::optional<Arguments> arguments = tool_arguments(action, std::move(token), rules[0]);
   if (!arguments) {
     LOG_AT(log_name, "unknown action = %s", action.c_str());
     return Outcome::silent;
   }
-  return relay_logged(request, {.program = kTool, .arguments = *arguments});
+  return relay_logged(request, {.program = kTool, .arguments = std::move(*arguments)});
 }
 
 }  // namespace

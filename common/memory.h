@@ -1,8 +1,8 @@
 // Keeps the daemon small: what a large request took goes back to the system when it has ended.
 //
-// Each request runs on a thread of its own, and the C library would give each thread a heap, which keeps what was
-// freed in it. Returning that takes longer than a small request does, so only requests that announce themselves as
-// large pay for it.
+// Each request runs on a thread of its own, and the C library gives threads heaps of their own, which keep what was
+// freed in them. Searching all of them takes longer than a small request does, so only requests that announce
+// themselves as large pay for it.
 #pragma once
 
 #include <cstddef>

@@ -142,11 +142,11 @@ void perform_all(Input& input, int listener) {
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const int listener = make_listener();
-  const int lowest = unique_fd(dup(listener)).get();
+  const int lowest = lowest_free();
   Input input(data, size);
   input.flag() ? call(input, listener) : perform_all(input, listener);
   // A connection with something unread is closed beside us.
-  for (int i = 0; i < kCloseMilliseconds && unique_fd(dup(listener)).get() != lowest; ++i) usleep(1000);
-  require(unique_fd(dup(listener)).get() == lowest, "a descriptor is left");
+  for (int i = 0; i < kCloseMilliseconds && lowest_free() != lowest; ++i) usleep(1000);
+  require(lowest_free() == lowest, "a descriptor is left");
   return 0;
 }

@@ -119,6 +119,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const int status = ks_ez_call(name.c_str(), "echo", "next", 4, &reply, &length, 5, -1);
   require(status == KS_STATUS_OK && length == 4 && std::memcmp(reply, "next", 4) == 0, "the next client");
   std::free(reply);
-  require(unique_fd(dup(STDERR_FILENO)).get() < kMaxOpen, "descriptors pile up");  // the lowest free number
+  require(lowest_free() < kMaxOpen, "descriptors pile up");
   return 0;
 }

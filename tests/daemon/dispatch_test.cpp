@@ -1,4 +1,5 @@
 // Dispatch as clients see it: names, unknown commands, exec_cli, the client's descriptor as standard output.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "harness.h"
@@ -20,14 +21,42 @@ TEST_F(Dispatch, OnlyTheExactNameIsAnswered) {
   std::vector<Peer> waiting;
   for (const char* name : {"TEST", "test ", "", "sendmail"}) waiting.push_back(unanswered(name, 0));
   // Their workers are free again, and their clients still connected.
-  EXPECT_EQ(call(kMain, "test").text,
-            "{\"handler\":\"test_handler\",\"service\":\"VistalServer-vistalprod\"}\n");
+  EXPECT_EQ(call(kMain, "test").text, "{\"handler\":\"test_handler\",\"service\":\"VistalServer-vistalprod\"}\n");
   EXPECT_EQ(call(kMail, "test", "no JSON").json()["handler"], "nos_test_sendmail_srv_handler");
   for (const Peer& client : waiting) EXPECT_FALSE(readable(client.fd(), 0));
 }
 
 TEST_F(Dispatch, TenThousandUnknownRequestsLeaveNothingBehind) {
   for (int i = 0; i < 10000; ++i) unanswered("no such command", 0);
+}
+
+TEST_F(Dispatch, AnUnknownRequestKeepsItsConnectionOnlyAndGoesWithItsClient) {
+  const auto memory_files = [] {
+    std::size_t count = 0;
+    for (const auto& [fd, target] : open_descriptors(daemon_->pid())) count += target.starts_with("/memfd:") ? 1 : 0;
+    return count;
+  };
+  std::size_t kept = 0;
+  {
+    const Peer client = unanswered("no such command", 0);
+    EXPECT_FALSE(readable(client.fd(), 50));
+    EXPECT_EQ(memory_files(), 0u);
+    kept = open_descriptors(daemon_->pid()).size();
+  }
+  EXPECT_TRUE(eventually([&] { return open_descriptors(daemon_->pid()).size() < kept; }));
+}
+
+TEST_F(Dispatch, AProgramInheritsNothingOfOtherRequests) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  const Fd reading(ends[0]), writing(ends[1]);
+  Peer other{std::string(kMainSocket)};
+  other.request("exec_cli", 1).fds({memory_file(R"({"command":["/bin/sleep","1"]})")}).fds({writing});
+  EXPECT_TRUE(eventually([] { return Process("pgrep -x sleep >/dev/null").wait() == 0; }));
+  const std::string list = call(kMain, "exec_cli", R"({"command":["/bin/ls","-l","/proc/self/fd"]})").text;
+  EXPECT_THAT(list, testing::Not(
+                        testing::AnyOf(testing::HasSubstr("memfd:"), testing::HasSubstr(open_descriptors()[writing]))));
+  EXPECT_EQ(other.rest(), (std::vector<int>{KS_DIR_ASK, KS_DIR_DONE, 0}));
 }
 
 TEST_F(Dispatch, AClientThatKeepsUnknownRequestsOpenDoesNotExhaustTheDaemon) {
@@ -61,8 +90,7 @@ TEST_F(Dispatch, ExecCliReturnsWhatTheProgramPrints) {
   EXPECT_EQ(many.json()["result"].asString().size(), 5120u);
   // A program that outlives its request and holds copies of the daemon's sockets does not keep the client
   // waiting.
-  EXPECT_EQ(call(kMain, "exec_cli", R"({"command":["/bin/sh","-c","sleep 30 & echo on"]})").text,
-            printed("on\\n"));
+  EXPECT_EQ(call(kMain, "exec_cli", R"({"command":["/bin/sh","-c","sleep 30 & echo on"]})").text, printed("on\\n"));
 }
 
 TEST_F(Dispatch, StandardOutputIsTheClientsDescriptorAndThenTheNullDevice) {

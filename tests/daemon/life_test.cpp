@@ -147,6 +147,35 @@ Peer silent_client() {
   return client;
 }
 
+// Those that wait to be served leave descriptors for the daemon's own work.
+TEST(Limits, AFloodOfClientsLeavesRoomForEventsAndTheOtherService) {
+  limit_descriptors(4096);
+  Daemon daemon("prlimit --nofile=1024:1024 vistalprod");
+  std::vector<Peer> flood;
+  for (int i = 0; i < 1100; ++i) flood.emplace_back(kMainSocket);
+  EXPECT_EQ(flood.back().next(), KS_DIR_BUSY);
+  const std::size_t log = read_file(kLogFile).size();
+  const LogMessage message{.type = kEventLogType, .event = {}, .connection = {}};
+  EXPECT_EQ(msg_queue_send(kLogQueueKey, &message, kLogMessageSize), 0);
+  EXPECT_TRUE(eventually([&] { return read_file(kLogFile).find("eventlog_handler fail", log) != std::string::npos; }));
+  EXPECT_EQ(call(kMail, "test").status, KS_STATUS_OK);
+  EXPECT_EQ(daemon.stop(), 0);
+}
+
+// While a program runs that has inherited their connections.
+TEST(Stop, ClientsThatWaitAreHungUpOnAtOnce) {
+  Daemon daemon;
+  Peer asked[] = {silent_client(), silent_client()};
+  const Peer next{std::string(kMainSocket)}, waiting{std::string(kMainSocket)};
+  asked[0].request("exec_cli").fds({memory_file(R"({"command":["/bin/sh","-c","sleep 30 &"]})")});
+  EXPECT_EQ(asked[0].rest(), (std::vector<int>{KS_DIR_DONE, 0}));
+  EXPECT_EQ(next.next(), KS_DIR_ASK);
+  kill(daemon.pid(), SIGTERM);
+  EXPECT_EQ(waiting.next(), 0);
+  EXPECT_EQ(daemon.wait(), 0);
+  run("pkill -x sleep");
+}
+
 // Keeps both queues full until it is destroyed.
 std::jthread feeder() {
   return std::jthread([](const std::stop_token& done) {

@@ -45,8 +45,8 @@ INSTANTIATE_TEST_SUITE_P(Service, EveryMode, ::testing::Values(2u, 3u, 4u, 5u));
 Reply call(const std::string& name, const std::string& request, const std::string& body, int extra_fd) {
   void* text = nullptr;
   std::uint64_t size = 0;
-  const int status = ks_ez_call(name.c_str(), request.c_str(), body.empty() ? nullptr : body.data(),
-                                body.size(), &text, &size, 20, extra_fd);
+  const int status = ks_ez_call(name.c_str(), request.c_str(), body.empty() ? nullptr : body.data(), body.size(), &text,
+                                &size, 20, extra_fd);
   const std::unique_ptr<void, decltype(&std::free)> owner(text, std::free);
   return {status, std::string(static_cast<char*>(text), size)};
 }
@@ -59,8 +59,7 @@ void Service::start() {
   runner_ = std::jthread(ks_start, handle_);
   ASSERT_TRUE(eventually([this] {
     ks_worker* const workers = std::atomic_ref(handle_->worker).load();
-    return workers != nullptr &&
-           std::atomic_ref(workers[handle_->service_size].phase).load() == kProducerRunning;
+    return workers != nullptr && std::atomic_ref(workers[handle_->service_size].phase).load() == kProducerRunning;
   }));
 }
 

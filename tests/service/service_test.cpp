@@ -1,4 +1,6 @@
 // How services live with their clients, and clients with their services.
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 
@@ -8,6 +10,7 @@
 #include <future>
 
 #include "harness.h"
+#include "service/ks_internal.h"
 
 namespace {
 
@@ -102,8 +105,8 @@ TEST_P(EveryMode, AKilledWorkerIsReplacedAndStopWaitsForWhoWorks) {
     EXPECT_EQ(call(service.name(), "die").first, KS_STATUS_BROKEN);
     siginfo_t dead;
     ASSERT_EQ(waitid(P_ALL, 0, &dead, WEXITED | WNOWAIT), 0);
-    warning = "[KService] [WARN] [" + service.name() +
-              "] consumer-worker[0].pid=" + std::to_string(dead.si_pid) + " WIFSIGNALED=9, restart it.\n";
+    warning = "[KService] [WARN] [" + service.name() + "] consumer-worker[0].pid=" + std::to_string(dead.si_pid) +
+              " WIFSIGNALED=9, restart it.\n";
   }
   const Line lines[] = {make_line(), make_line()};
   Peer peers[] = {Peer(path()), Peer(path())};
@@ -154,6 +157,56 @@ TEST_F(ServiceTest, AProcessRunsWithTheEnvironmentOfItsClient) {
   EXPECT_EQ(waitpid(client, nullptr, 0), client);
 }
 
+TEST_P(EveryMode, AFileThatIsSealedWhileItIsServedCostsItsClientOnly) {
+  Service service(path(), GetParam(), 1);
+  service.start();
+  const Line line = make_line();
+  const Fd file = memory_file("body", MFD_ALLOW_SEALING);
+  Peer peer(path());
+  peer.request("hold", 1).fds({file}).fds({line.theirs});
+  ASSERT_TRUE(readable(line.ours));
+  EXPECT_EQ(fcntl(file, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW), 0);
+  EXPECT_EQ(write(line.ours, "r", 1), 1);
+  EXPECT_EQ(peer.rest(), (std::vector<int>{KS_DIR_ASK, 0}));
+  EXPECT_EQ(call(service.name(), "echo", "on"), (Reply{0, "on"}));
+}
+
+TEST_F(ServiceTest, AClientThatIsAskedAndSilentIsHungUpOnAfterAMinute) {
+  Service service(path(), kThreads, 1);
+  service.start();
+  const Peer silent(path());
+  EXPECT_EQ(silent.next(), KS_DIR_ASK);
+  EXPECT_FALSE(readable(silent.fd(), 58'000));
+  EXPECT_EQ(silent.next(), 0);
+  EXPECT_EQ(call(service.name(), "echo", "on"), (Reply{0, "on"}));
+}
+
+// The producer, played by hand, is stopped between its record and the descriptor, or cannot send one.
+TEST_F(ServiceTest, AConsumerWaitsForTheDescriptorOfItsNextClient) {
+  const Line client = make_line();
+  Line line = make_line();
+  Peer producer(dup(line.ours));
+  line.ours.reset();
+  ks_worker worker{};
+  worker.sockfd[0] = dup(line.theirs);
+  line.theirs.reset();
+  worker.client_fd = -1;
+  worker.type = KS_PTHREAD_MODE;
+  const std::jthread consumer(ks_consumer_worker, &worker);
+  producer.record(KS_DIR_TRANSFER);
+  EXPECT_FALSE(readable(producer.fd(), 5500)) << "it takes the byte that comes late for a record";
+  producer.fds({client.theirs});
+  EXPECT_EQ(producer.next(), KS_DIR_TRANSFER);
+  Peer asked(dup(client.ours));
+  EXPECT_EQ(asked.next(), KS_DIR_ASK);
+  EXPECT_FALSE(readable(producer.fd(), 50)) << "it is ready for another one";
+  asked.bytes("no request");
+  EXPECT_EQ(producer.next(), KS_DIR_READY);
+  producer.record(KS_DIR_TRANSFER).bytes("x");
+  EXPECT_TRUE(producer.next() == KS_DIR_TRANSFER && producer.next() == KS_DIR_READY);
+  producer.leave();
+}
+
 // Played by hand. A step that brings no reply takes from the time limit all that has passed since the start, so
 // asking again and again uses it up at once.
 TEST_F(ServiceTest, ClientsTellHowTheirRequestsFailedAndLeaveAnEmptyRecord) {
@@ -161,14 +214,19 @@ TEST_F(ServiceTest, ClientsTellHowTheirRequestsFailedAndLeaveAnEmptyRecord) {
   const struct {
     std::function<void(Peer&)> does;
     int status;
+    bool takes_all_the_time;
   } rows[] = {
-      {[](Peer& p) { p.bytes("\x09..."); }, KS_STATUS_BROKEN},
+      {[](Peer& p) { p.bytes("\x09..."); }, KS_STATUS_BROKEN, false},
       {[](Peer& p) {
          while (p.record(KS_DIR_ASK).next() > 0)
            Fd(receive_descriptor(p.fd(), steady_clock::now() + std::chrono::seconds(1)));
        },
-       KS_STATUS_OK},
-      {[](Peer&) {}, KS_STATUS_TIMEOUT},
+       KS_STATUS_OK, false},
+      {[](Peer& p) {
+         while (!readable(p.fd(), 500)) p.record(99);  // a type that no client knows
+       },
+       KS_STATUS_OK, true},
+      {[](Peer&) {}, KS_STATUS_TIMEOUT, true},
   };
   ks_io* io = ks_io_create();
   for (const auto& row : rows) {
@@ -181,7 +239,7 @@ TEST_F(ServiceTest, ClientsTellHowTheirRequestsFailedAndLeaveAnEmptyRecord) {
     const auto start = steady_clock::now();
     ks_io_realloc(io, 10);
     EXPECT_EQ(ks_call(("@" + path()).c_str(), "request", io, 0, -1), row.status);
-    EXPECT_EQ(steady_clock::now() - start > milliseconds(4900), row.status == KS_STATUS_TIMEOUT);
+    EXPECT_EQ(steady_clock::now() - start > milliseconds(4900), row.takes_all_the_time);
     EXPECT_TRUE(io->shared_data == nullptr && io->memfd == -1 && io->sockfd == -1);
   }
   ks_io_free(io);

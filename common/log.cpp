@@ -6,6 +6,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -59,7 +60,7 @@ void write_time(time_t time, char (&text)[kTimeSize]) {
   char whole[26] = "";  // the size that ctime_r asks for
   tzset();              // ctime_r alone would not notice a new time zone
   ctime_r(&time, whole);
-  std::snprintf(text, sizeof text, "%s", whole);
+  std::snprintf(text, sizeof text, "%.*s", static_cast<int>(kTimeSize - 1), whole);
 }
 
 // Returns the length of the line. Allocates nothing: a failed allocation is among what is logged.
@@ -67,10 +68,12 @@ std::size_t compose(char (&line)[kLineSize], const char* time, const char* fmt, 
     __attribute__((format(printf, 3, 0)));
 
 std::size_t compose(char (&line)[kLineSize], const char* time, const char* fmt, va_list arguments) {
-  char message[kMessageSize] = "";
-  if (std::vsnprintf(message, sizeof message, fmt, arguments) < 0) message[0] = '\0';
-  std::snprintf(line, sizeof line, "[%05d] [%s] %s\n", getpid(), time, message);
-  return std::strlen(line);
+  auto length = static_cast<std::size_t>(std::snprintf(line, sizeof line, "[%05d] [%s] ", getpid(), time));
+  char* const message = line + length;
+  if (std::vsnprintf(message, std::min(kMessageSize, sizeof line - length), fmt, arguments) < 0) *message = '\0';
+  length += std::strlen(message);
+  if (length + 1 < sizeof line) line[length++] = '\n';  // a line that fills the buffer has none
+  return length;
 }
 
 // Adds whole lines to the file. They are lost when that cannot be done.

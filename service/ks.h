@@ -77,8 +77,9 @@ ks_io* ks_io_create(void);
 // caller's. Never waits for the other side.
 void ks_io_free(ks_io* io);
 
-// Ends the conversation without a reply, for every process that holds a copy of the connection. ks_reply does so, too. A
-// record that is freed without either closes this process's copy only.
+// Ends the conversation without a reply, for every process that holds a copy of the connection: programs that this
+// process starts inherit connections. ks_reply ends it, too. A record that is freed without either closes this
+// process's copy only.
 void ks_io_hang_up(ks_io* io);
 
 // Unmaps and closes the memory file early, for a service that keeps a connection open without answering it.
@@ -93,10 +94,10 @@ void* ks_io_read(ks_io* io, uint64_t* size);
 // Makes the memory file exactly `size` bytes long, creating it if absent, and returns its mapping; null when
 // `size` is 0, and then nothing is mapped. Earlier pointers are void.
 //
-// On the service's side the file is the client's. When it cannot be resized or mapped, the client is hung up on and the
-// record goes on with a file of its own. A hostile client can hold the file's lock: this call, those that append and
-// ks_io_fd then wait until that client is gone. A service that must survive that makes them on a thread which it can
-// leave behind.
+// On the service's side the file is the client's. When it cannot be resized or mapped, because the client has sealed
+// it, for instance, the client is hung up on and the record goes on with a file of its own. A hostile client can hold
+// the file's lock: this call, those that append and ks_io_fd then wait until that client is gone. A service that must
+// survive that makes them on a thread which it can leave behind.
 void* ks_io_realloc(ks_io* io, uint64_t size);
 
 // Append to the memory file, creating it if absent. ks_io_write writes once and returns what write(2)
@@ -137,23 +138,30 @@ FILE* ks_io_fopen(ks_io* io, const char* mode);
 FILE* ks_io_freopen(ks_io* io, const char* mode, FILE* stream);
 
 // Gets rid of a descriptor that a client handed over, without ever waiting for its owner; -1 is ignored. A plain close
-// can wait for as long as the owner likes: for a connection that lingers, for a file in user space. Any thread.
+// can wait for as long as the owner likes: for a connection that lingers, for a file in user space. A memory file is
+// closed at once. Anything else is closed by a closer: a process that shares this one's descriptor table, is nobody's
+// child and is called "ks-close". It ends when its closes have returned, and can outlive this process. 64 closers live
+// at a time; while all of them wait, a further descriptor stays open. Any thread.
 void ks_discard(int fd);
-// Writes what the file `from` holds to `to`, a client's descriptor, and closes both, all of it beside the caller. When no
-// process can be had for that, nothing is written. Any thread.
+// Writes what the file `from` holds to `to`, a client's descriptor, and closes both. A closer does all of it. When 64
+// closers wait already, nothing is written. Any thread.
 void ks_deliver(int from, int to);
 
 // ---- Services ---------------------------------------------------------------------------------------------
+//
+// A worker asks one client at a time for its request. A client that sends nothing for 60 seconds, or whose descriptors
+// do not follow its request within 5, is hung up on, and so is one whose memory file cannot serve: it must be a file of
+// memfd_create, open for reading and writing, and not sealed against shrinking, growing or writing.
 
 // Mode bits: exactly one of the two kinds of worker, with or without KS_STANDALONE.
 #define KS_STANDALONE 1u    // ks_start puts the producer on a thread of its own and returns at once
 #define KS_PROCESS_MODE 2u  // workers are child processes; one that dies is replaced
 #define KS_PTHREAD_MODE 4u  // workers are threads
 
-// Called once per request, in a worker. It owns `io` (ks_io_free) and `extra_fd` (-1, or a descriptor to get rid of with
-// ks_discard). Both descriptors are close-on-exec: a program that is to use the client's descriptor gets a copy (dup2).
-// `request_name` points into `io`. In KS_PTHREAD_MODE several workers are in it at once; in
-// KS_PROCESS_MODE it runs with the client's environment.
+// Called once per request, in a worker. It owns `io` (ks_io_free) and `extra_fd` (-1, or a descriptor to get rid of
+// with ks_discard). The memory file and `extra_fd` are close-on-exec: a program that is to use one of them gets a copy
+// (dup2). `request_name` points into `io`. In KS_PTHREAD_MODE several workers are in it at once; in KS_PROCESS_MODE it
+// runs with the client's environment.
 typedef void (*ks_exec_fn)(const char* request_name, ks_io* io, int extra_fd);
 
 // Called in each worker before its first and after its last request.
@@ -190,17 +198,18 @@ void ks_worker_fini(ks_handle* handle, ks_hook_fn fn, void* arg);
 
 // Publishes the socket and starts the workers. SIGPIPE is ignored in the whole process from here on. With
 // KS_STANDALONE returns at once; otherwise this thread is the producer until the service ends. `worker` is
-// non-null from the first moment until all of the service is gone; a stop meanwhile is not lost. Worker processes are killed
-// when the thread that made them ends: with KS_STANDALONE | KS_PROCESS_MODE that is this one.
+// non-null from the first moment until all of the service is gone; a stop meanwhile is not lost. Worker processes are
+// killed when the thread that made them ends: with KS_STANDALONE | KS_PROCESS_MODE that is this one.
 void ks_start(ks_handle* handle);
 
 // Refuse and accept new connections; clients already waiting are served all the same. Any thread.
 void ks_pause(ks_handle* handle);
 void ks_resume(ks_handle* handle);
 
-// Removes the socket file, drops the clients that still wait, and returns when every worker has finished the
-// request it was in. No effect on a service that is not running. Any thread but the service's own workers, which it
-// would wait for: they abort. When several call it, one does the work.
+// Removes the socket file, hangs up on the clients that still wait or have not been accepted yet, and returns when
+// every worker has finished the request it was in. No effect on a service that is not running. Any thread but the
+// service's own workers, for which it waits: a call from one of them aborts. When several threads call it, one does the
+// work.
 void ks_stop(ks_handle* handle);
 
 // ks_stop, then waits until ks_start has let go of the handle, and releases it.
@@ -219,7 +228,7 @@ enum {
   KS_STATUS_PAUSED = 3,   // the service is paused
   KS_STATUS_REFUSED = 4,  // reserved: no service sends it today
   KS_STATUS_BROKEN = 5,   // the connection ended without a reply
-  KS_STATUS_BUSY = 6,     // 1000 clients are waiting already, or the service is out of descriptors
+  KS_STATUS_BUSY = 6,     // 1000 clients are waiting already, or the service is short of descriptors
   KS_STATUS_ARGS = 7,     // a name is missing or too long
 };
 
@@ -244,7 +253,8 @@ typedef struct ks_epoll {
 ks_epoll* ks_epoll_create(void);
 // Connects and starts one request; returns a status. The poll set keeps a pointer to `io` until it is
 // finished or cancelled, and `extra_fd` must stay open as long. After KS_STATUS_CONNECT the socket is still in
-// `io`: cancel or free it.
+// `io`: cancel or free it. The request itself is sent by ks_epoll_perform, which has to be called within 60 seconds of
+// the service's asking for it.
 int ks_epoll_call(ks_epoll* epoll, const char* name, const char* request_name, ks_io* io, int extra_fd);
 // Advances the requests by one event, waiting at most `timeout_ms`. Returns the record that has finished (empty
 // unless it holds a reply), or null while none has. `*status`, when given, holds the code: for a finished

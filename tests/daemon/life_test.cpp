@@ -46,19 +46,6 @@ TEST(StartUp, ASecondInstanceIsRefusedAndAZombieIsNone) {
   EXPECT_EQ(run("vistalprod -t"), 0);
 }
 
-// In the foreground and in the background: exactly one goes on.
-TEST(StartUp, OfInstancesThatStartAtTheSameTimeOneServes) {
-  for (int i = 0; i < 20; ++i) {
-    const std::string options = i % 2 == 0 ? "" : " -d", count = "test $(pgrep -cx vistalprod --runstates RSD)";
-    std::vector<std::unique_ptr<Process>> instances;
-    for (int n = 0; n < 3; ++n) instances.push_back(std::make_unique<Process>("vistalprod" + options));
-    ASSERT_TRUE(eventually([] { return call(kMain, "test").status == KS_STATUS_OK; })) << "none, round " << i;
-    EXPECT_TRUE(eventually([&] { return run(count + " = 1") == 0; })) << "not one, round " << i;
-    // One that still waited for the others is now the next to serve.
-    EXPECT_TRUE(eventually([&] { return run("pkill -INT -x vistalprod") == 1 && run(count + " = 0") == 0; }));
-  }
-}
-
 TEST(StartUp, AProcessOfAnotherUserIsNoInstance) {
   std::filesystem::copy_file("/bin/sleep", "/tmp/vistalprod");
   Process stranger("setpriv --reuid 65534 --clear-groups /tmp/vistalprod 60");

@@ -167,6 +167,10 @@ typedef void (*ks_exec_fn)(const char* request_name, ks_io* io, int extra_fd);
 // Called in each worker before its first and after its last request.
 typedef void (*ks_hook_fn)(void* arg);
 
+// Called in a worker, once for each client that it has asked for its request and that has been silent for 30 seconds.
+// The worker serves no other client until that one speaks or leaves, or is hung up on after 60.
+typedef void (*ks_silence_fn)(void* arg, int32_t peer_pid);
+
 struct ks_worker;
 
 // One named service. `paused`, `stopping` and `worker` change while other threads look at them: they are only
@@ -195,6 +199,9 @@ ks_handle* ks_create(const char* name, uint32_t mode, uint64_t workers, ks_exec_
 // Set the hooks. Before ks_start.
 void ks_worker_init(ks_handle* handle, ks_hook_fn fn, void* arg);
 void ks_worker_fini(ks_handle* handle, ks_hook_fn fn, void* arg);
+
+// Sets what the calling worker does about silent clients; for the hook of ks_worker_init. Aborts in any other thread.
+void ks_on_silence(ks_silence_fn fn, void* arg);
 
 // Publishes the socket and starts the workers. SIGPIPE is ignored in the whole process from here on. With
 // KS_STANDALONE returns at once; otherwise this thread is the producer until the service ends. `worker` is

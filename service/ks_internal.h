@@ -149,6 +149,8 @@ struct ks_worker {
   std::int32_t transfer_fd;  // consumer: the client handed over and not yet echoed, -1 when none
   std::int32_t client_fd;    // consumer: the client that has been asked for its request, -1 when none
   const ks_handle* handle;   // consumer: the service it works for
+  ks_silence_fn on_silence;  // consumer: what it does about a silent client, null for nothing
+  void* silence_arg;
   std::uint32_t phase;       // producer: ks_producer_phase. Touched atomically
 };
 

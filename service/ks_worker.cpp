@@ -35,14 +35,16 @@ using Clock = std::chrono::steady_clock;
 
 // A client that has been asked and is silent holds the worker; a conforming one answers at once.
 constexpr std::chrono::seconds kAnswerTimeout{60};
+// A client that has been silent for so long is told of, if the service wants to know.
+constexpr std::chrono::seconds kSilenceTimeout{30};
 // The descriptors that belong to a request already read; a conforming client sends all at once.
 constexpr std::chrono::seconds kHandoverTimeout{5};
 
 // The number under which a consumer process keeps its control socket.
 constexpr int kChildControlFd = 3;
 
-// The service that this thread works for.
-thread_local const ks_handle* serving = nullptr;
+// The consumer that this thread is.
+thread_local ks_worker* self = nullptr;
 
 void report_ready(ks_worker* worker) {
   directive ready = make_directive(KS_DIR_READY);
@@ -102,10 +104,15 @@ ks_io* receive_request(ks_worker* worker, const directive& record, unique_fd* ex
   return io;
 }
 
+// Fails only on what is no connection.
+bool get_peer(int sockfd, ucred* peer) {
+  socklen_t size = sizeof(*peer);
+  return getsockopt(sockfd, SOL_SOCKET, SO_PEERCRED, peer, &size) == 0;
+}
+
 void read_credentials(ks_worker* worker, ks_io* io) {
   ucred peer{};
-  socklen_t size = sizeof(peer);
-  if (getsockopt(io->sockfd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return;
+  if (!get_peer(io->sockfd, &peer)) return;
   io->peer_pid = peer.pid;
   io->peer_uid = peer.uid;
   io->peer_gid = peer.gid;
@@ -163,30 +170,40 @@ void serve_client(ks_worker* worker, std::uint32_t events) {
   serve_request(worker, record);
 }
 
+void tell_silence(const ks_worker* worker) {
+  ucred peer{};
+  if (worker->on_silence != nullptr && get_peer(worker->client_fd, &peer))
+    worker->on_silence(worker->silence_arg, peer.pid);
+}
+
 // How long the consumer may wait for its next event, in milliseconds.
-int time_to_wait(const ks_worker* worker, Clock::time_point asked) {
+int time_to_wait(const ks_worker* worker, Clock::time_point deadline) {
   if (worker->client_fd < 0) return -1;
-  const auto left =
-      std::chrono::ceil<std::chrono::milliseconds>(asked + kAnswerTimeout - Clock::now()).count();
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
   return static_cast<int>(std::max<std::int64_t>(left, 0));
 }
 
 // Serves the producer, and the client that it hands over, until the service ends.
 void serve(ks_worker* worker) {
   Clock::time_point asked;
+  bool told = false;
   while (worker->pollfd >= 0) {
     epoll_event event{};
-    const int ready = epoll_wait(worker->pollfd, &event, 1, time_to_wait(worker, asked));
+    const int ready = epoll_wait(worker->pollfd, &event, 1, time_to_wait(worker, asked + (told ? kAnswerTimeout : kSilenceTimeout)));
     if (ready < 0 && errno == EINTR) {
       errno = 0;
       continue;
     }
     if (ready < 0) break;
-    if (ready == 0) {
+    if (ready == 0 && !told) {
+      tell_silence(worker);
+      told = true;
+    } else if (ready == 0) {
       drop_client(worker);
     } else if (event.data.fd == worker->sockfd[0]) {
       serve_control(worker, event.events);
       asked = Clock::now();
+      told = false;
     } else {
       serve_client(worker, event.events);
     }
@@ -276,12 +293,18 @@ void ks_consumer_worker_init(ks_handle* handle, ks_worker* worker) {
 }
 
 bool ks_is_consumer_of(const ks_handle* handle) {
-  return serving == handle;
+  return self != nullptr && self->handle == handle;
+}
+
+void ks_on_silence(ks_silence_fn fn, void* arg) {
+  if (self == nullptr) ks_abort("ks_on_silence", "self", "only a worker can watch its clients");
+  self->on_silence = fn;
+  self->silence_arg = arg;
 }
 
 void ks_consumer_worker(ks_worker* worker) {
   constexpr char kOperation[] = "ks_consumer_worker";
-  serving = worker->handle;
+  self = worker;
   if (worker->init_hook != nullptr) worker->init_hook(worker->init_arg);
   worker->pollfd = epoll_create(1);
   if (worker->pollfd < 0 || !set_fd_cloexec(worker->pollfd)) {

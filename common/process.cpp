@@ -36,6 +36,7 @@
 #include <new>
 #include <vector>
 
+#include "common/activity.h"
 #include "common/guarded_open.h"
 #include "common/unique_fd.h"
 
@@ -58,9 +59,11 @@ constexpr int kCannotExecute = 127;  // the exit status that shells give a progr
 // A stream of popen_cmd and its program. The list is a plain pointer, not a container: threads that are left
 // to the end of the process may still use it while static objects are being destroyed.
 struct OpenPipe {
-  OpenPipe* next;
-  FILE* stream;
-  pid_t pid;
+  explicit OpenPipe(const char* path) : run(path) {}
+  OpenPipe* next = nullptr;
+  FILE* stream = nullptr;
+  pid_t pid = 0;
+  ProgramRun run;
 };
 std::mutex g_open_pipes_mutex;
 OpenPipe* g_open_pipes = nullptr;  // latest first
@@ -271,6 +274,7 @@ bool open_streams(const char* input, const char* output, const char* error, cons
 
 int run(const ExecFamily& family, const char* input, const char* output, const char* error,
         const char* trace_path, const char* path, char* const argv[]) {
+  ProgramRun program(path);
   Streams streams;
   {
     const Trace trace(trace_path);
@@ -283,7 +287,8 @@ int run(const ExecFamily& family, const char* input, const char* output, const c
   const pid_t pid = start(path, argv, family.environment, streams);
   // What callers have always been told when there is no process to be had; their replies depend on it.
   if (pid < 0) return 0;
-  return wait_for(pid);
+  program.started(pid);
+  return program.ended(wait_for(pid));
 }
 
 }  // namespace
@@ -324,7 +329,7 @@ FILE* popen_cmd(const char* input, const char* output, const char* error, const 
     errno = EINVAL;
     return nullptr;
   }
-  std::unique_ptr<OpenPipe> node(new (std::nothrow) OpenPipe{});
+  std::unique_ptr<OpenPipe> node(new (std::nothrow) OpenPipe(path));
   int ends[2];
   if (!node || pipe2(ends, O_CLOEXEC) != 0) return nullptr;
   UniqueFd ours(ends[reads ? 0 : 1]);
@@ -348,6 +353,7 @@ FILE* popen_cmd(const char* input, const char* output, const char* error, const 
   node->stream = stream.get();
   node->pid = start(path, argv, Environment::kInherited, streams);
   if (node->pid < 0) return nullptr;
+  node->run.started(node->pid);
 
   const std::lock_guard lock(g_open_pipes_mutex);
   node->next = g_open_pipes;
@@ -375,7 +381,7 @@ int pclose_cmd(FILE* stream) {
     *link = node->next;
   }
   std::fclose(node->stream);
-  return wait_for(node->pid);
+  return node->run.ended(wait_for(node->pid));
 }
 
 void remember_start() {

@@ -25,6 +25,7 @@
 #include <span>
 #include <utility>
 
+#include "common/activity.h"
 #include "common/log.h"
 #include "common/memory.h"
 #include "daemon/command_tables.h"
@@ -40,11 +41,21 @@ constexpr std::chrono::seconds kReplyTimeout{5};
 // How often the dispatcher looks at the handler that it waits for.
 constexpr time_t kLookSeconds = 1;
 
+// In the trace, as are the other endings below. The exception's own text may quote the body.
+constexpr char kHungUpOnException[] = "hung up: exception";
+
+// Who sent a request.
+struct Client {
+  pid_t pid;
+  uid_t uid;
+};
+
 // What one handler thread is given. The thread and its dispatcher share it: of the two, the one that is done last
 // releases it.
 struct HandlerCall {
   UniqueIo io;
   const CommandRow* row;
+  RunningRequest request;
   ReplyClock reply_clock{};
   std::atomic<bool> one_is_done{false};
 };
@@ -58,12 +69,21 @@ void log_failure(const char* command, const std::exception& error) noexcept {
   }
 }
 
+// How a request ended whose command has been carried out.
+const char* ending(const HandlerCall& call) {
+  if (call.reply_clock.has_stopped()) return "replied";
+  return ks_io_alive(call.io.get()) ? "hung up" : "client gone";
+}
+
 void* run_handler(void* arg) {
   auto* call = static_cast<HandlerCall*>(arg);
+  call->request.attach();
   try {
     carry_out(*call->row, call->io.get());
+    call->request.end(ending(*call));
   } catch (const std::exception& error) {
     log_failure(call->row->name, error);
+    call->request.end(kHungUpOnException);
   }
   memory_give_back();
   if (call->one_is_done.exchange(true)) delete call;
@@ -84,16 +104,22 @@ bool join(pthread_t thread, const HandlerCall& call) {
   return false;
 }
 
-void run(const CommandRow& row, UniqueIo io) {
-  auto* call = new HandlerCall{.io = std::move(io), .row = &row};
+void run(const CommandRow& row, const Client& client, UniqueIo io) {
+  auto* call = new HandlerCall{.io = std::move(io),
+                               .row = &row,
+                               .request = RunningRequest(row.name, client.pid, client.uid)};
   ks_io_set(call->io.get(), reinterpret_cast<std::uintptr_t>(&call->reply_clock));
   pthread_t thread;
   if (pthread_create(&thread, nullptr, run_handler, call) != 0) {
+    call->request.end("hung up: no thread");
     delete call;
     return;
   }
   // The record is the other thread's now; its connection can be shut down all the same.
-  if (!join(thread, *call)) shutdown(call->io->sockfd, SHUT_RDWR);
+  if (!join(thread, *call)) {
+    call->request.end("left behind");
+    shutdown(call->io->sockfd, SHUT_RDWR);
+  }
   if (call->one_is_done.exchange(true)) delete call;
 }
 
@@ -103,19 +129,23 @@ ParkedRequests* parked_requests = nullptr;
 void dispatch(std::span<const CommandRow> commands, const char* request_name, ks_io* request,
               int extra_fd) noexcept {
   UniqueIo io(request);
+  const Client client{.pid = request->peer_pid, .uid = request->peer_uid};
   const auto row = std::find_if(
       commands.begin(), commands.end(),
       [request_name](const CommandRow& candidate) { return std::strcmp(candidate.name, request_name) == 0; });
   try {
     if (row == commands.end()) {
       ks_discard(extra_fd);
+      RunningRequest(request_name, client.pid, client.uid).end("unknown command");
       parked_requests->park(std::move(io));
     } else {
       const LentOutput output(extra_fd);
-      run(*row, std::move(io));
+      run(*row, client, std::move(io));
     }
   } catch (const std::exception& error) {
-    log_failure(row != commands.end() ? row->name : "unknown command", error);
+    const bool known = row != commands.end();
+    if (known) RunningRequest(row->name, client.pid, client.uid).end(kHungUpOnException);
+    log_failure(known ? row->name : "unknown command", error);
   }
 }
 

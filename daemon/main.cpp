@@ -12,12 +12,14 @@
 
 #include <atomic>
 #include <cctype>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
 
+#include "common/activity.h"
 #include "common/log.h"
 #include "common/memory.h"
 #include "common/package_config.h"
@@ -43,6 +45,9 @@ constexpr int kExitRefused = -1;  // no install path, or already running
 constexpr int kExitNoService = -2;
 constexpr time_t kWaitSliceSeconds = 10;
 constexpr useconds_t kStartPollMicroseconds = 1000;  // only a stop in the first moments waits at all
+
+// Longer than a request takes that nothing holds up.
+constexpr std::chrono::minutes kLongRequest{1};
 
 // Two services with 1000 waiting clients each, and room for the requests being served.
 constexpr unsigned long kWantedDescriptors = 4096;
@@ -114,6 +119,16 @@ void* receive_stop_signals(void*) {
   return nullptr;
 }
 
+// In a worker, of a client that holds it.
+void log_silent_client(void* service, int32_t client) {
+  LOG_AT("main", "a worker of %s has been waiting half a minute for the request of pid %d.",
+         static_cast<const char*>(service), static_cast<int>(client));
+}
+
+void watch_clients(void* service) {
+  ks_on_silence(log_silent_client, service);
+}
+
 bool start_detached(void* (*entry)(void*), void* argument) {
   pthread_t thread;
   if (pthread_create(&thread, nullptr, entry, argument) != 0) return false;
@@ -161,9 +176,11 @@ void Daemon::start() {
   }
 
   ks_service_handle = ks_create(kMainServiceName, KS_PTHREAD_MODE, kMainWorkers, main_service_exec);
+  ks_worker_init(ks_service_handle, watch_clients, ks_service_handle->name);
   LOG_AT("main", "sock_name:%s.", ks_service_handle->sockfile);
   ks_send_mail_service_handle =
       ks_create(kMailServiceName, KS_PTHREAD_MODE, KS_SEND_MAIL_SERVER_THREAD_NUM, mail_service_exec);
+  ks_worker_init(ks_send_mail_service_handle, watch_clients, ks_send_mail_service_handle->name);
   LOG_AT("main", "send_mail_sock_name:%s, KS_SEND_MAIL_SERVER_THREAD_NUM:%d.",
          ks_send_mail_service_handle->sockfile, static_cast<int>(KS_SEND_MAIL_SERVER_THREAD_NUM));
 
@@ -190,6 +207,18 @@ void* Daemon::pthread_ks_send_mail_start(void* self) {
   return nullptr;
 }
 
+void log_long_requests() {
+  while (const auto request = next_long_request(kLongRequest)) {
+    if (request->program != 0) {
+      LOG_AT("main", "%s of pid %d has been running for a minute, and waits for program pid %d.", request->command,
+             static_cast<int>(request->client), static_cast<int>(request->program));
+    } else {
+      LOG_AT("main", "%s of pid %d has been running for a minute, without a program.", request->command,
+             static_cast<int>(request->client));
+    }
+  }
+}
+
 void Daemon::wait() {
   while (is_terminate == 0) {
     timeval now{};
@@ -199,6 +228,7 @@ void Daemon::wait() {
     // The flag is set before the mutex is taken: either it shows here, or the signal comes during the wait.
     if (is_terminate == 0) pthread_cond_timedwait(&terminate_cond, &terminate_mutex, &deadline);
     pthread_mutex_unlock(&terminate_mutex);
+    log_long_requests();
   }
 }
 
@@ -243,6 +273,7 @@ int main(int argc, char** argv) {
   // NOLINTNEXTLINE(concurrency-mt-unsafe): there is no other thread yet
   unsetenv("LD_LIBRARY_PATH");  // the package's libraries are not for the platform's programs
   occupy_standard_descriptors();
+  activity_set_up();
   std::signal(SIGCHLD, SIG_DFL);  // a starter that ignores it would have the kernel swallow every exit status
   set_up_log();
   LOG_AT("main", "nxe-ks-vistalprod start, Server:%s.", kMainServiceName);

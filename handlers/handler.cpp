@@ -174,7 +174,7 @@ std::string read_request_text(ks_io* io) {
 std::chrono::steady_clock::duration ReplyClock::elapsed() const {
   const auto started = started_.load();
   const auto now = std::chrono::steady_clock::now().time_since_epoch();
-  return started.count() != 0 ? now - started : started;
+  return started.count() != 0 && started != kStopped ? now - started : decltype(now)::zero();
 }
 
 void reply_json_string(const std::string& text, ks_io* io) {

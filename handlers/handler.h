@@ -109,11 +109,14 @@ const Json::Value& member_or(const Json::Value& object, std::string_view name, c
 class ReplyClock {
  public:
   void start() { started_.store(std::chrono::steady_clock::now().time_since_epoch()); }
-  void stop() { started_.store({}); }
+  void stop() { started_.store(kStopped); }
   // Zero while no reply is being written.
   std::chrono::steady_clock::duration elapsed() const;
+  // Whether a reply has been written.
+  bool has_stopped() const { return started_.load() == kStopped; }
 
  private:
+  static constexpr auto kStopped = std::chrono::steady_clock::duration::max();
   std::atomic<std::chrono::steady_clock::duration> started_{};
 };
 

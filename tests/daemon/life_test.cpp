@@ -1,14 +1,18 @@
 // The daemon's own life: start, options, refusals, crash, and stopping with its hands full.
+#include <fcntl.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <future>
+#include <sstream>
 #include <thread>
 
 #include "daemon/event_records.h"
@@ -21,6 +25,7 @@ namespace {
 using testing::ContainsRegex;
 
 constexpr char kErrors[] = "/tmp/daemon.errors";
+constexpr char kTraceFile[] = "/tmp/trace";
 
 // The exit status of a command that ends by itself.
 int run(const std::string& command) {
@@ -161,6 +166,74 @@ TEST(Stop, ClientsThatWaitAreHungUpOnAtOnce) {
   EXPECT_EQ(waiting.next(), 0);
   EXPECT_EQ(daemon.wait(), 0);
   run("pkill -x sleep");
+}
+
+// The trace without times, from the `from`th byte of the file on.
+std::string traced(std::size_t from) {
+  std::istringstream lines(read_file(kTraceFile).substr(from));
+  std::string text;
+  for (std::string line; std::getline(lines, line);) {
+    const std::size_t ms = line.find(" ms=");
+    if (ms != std::string::npos) line.erase(ms, line.find(" end=") - ms);
+    text += line.substr(line.find(' ') + 1) + "\n";
+  }
+  return text;
+}
+
+// Each line is whole: no argument, body or reply stands in it, and no program has the variable.
+TEST(Trace, TellsHowRequestsAndProgramsEndAndNothingOfTheirValues) {
+  const StandIn guard("/sbin/share_guard"), login("/sbin/kcli"), script("/etc/init.d/vistalserver.sh");
+  guard.plays("exit 3\n");
+  login.plays("stdout a\\nsession id 5e55\\n\nsignal 9\n");
+  script.plays("delay 300\n");
+  const Daemon daemon("env VISTALPROD_TRACE=" + std::string(kTraceFile) + " vistalprod");
+  EXPECT_THAT(traced(0), testing::StartsWith("program client=- uid=- command=- program=/sbin/rdconf end=exit 0\n"));
+  const std::string guard_body = R"({"share_name":"s3cret"})", login_body = R"({"user":"u","pwd":"s3cret"})";
+  const char* const script_end = "/etc/init.d/vistalserver.sh end=exit 0";
+  const struct {
+    const char *command, *service, *end;
+    std::string body;
+    std::vector<const char*> programs = {};
+  } rows[] = {
+      {"exec_cli", kMain, "replied", R"({"command":["/bin/true"]})", {"/bin/true end=exit 0"}},
+      {"exec_cli", kMain, "replied", R"({"command":["/no\n","s3cret"]})", {"/no? end=exit 127"}},
+      {"system_call_share_guard_add", kMain, "replied", guard_body, {"/sbin/share_guard end=exit 3"}},
+      {"get_sess_id", kMain, "replied", login_body, {"/sbin/kcli end=signal 9"}},
+      {"get_sess_id", kMain, "hung up: exception", R"(["s3cret"])"},
+      {"test", kMail, "replied", "s3cret"},
+      {"unknown\ncommand", kMain, "unknown command", ""},
+      {"system_call_share_folder_renew", kMain, "client gone", "", {"/sbin/rdconf end=exit 0", script_end}},
+  };
+  for (const auto& [command, service, end, body, programs] : rows) {
+    std::string name = command;
+    std::replace(name.begin(), name.end(), '\n', '?');
+    const std::string who =
+        " client=" + std::to_string(getpid()) + " uid=" + std::to_string(getuid()) + " command=" + name + " ";
+    std::string expected;
+    for (const std::string program : programs) expected += "program" + who + "program=" + program + "\n";
+    expected += "request" + who + "end=" + end + "\n";
+    const std::size_t before = read_file(kTraceFile).size();
+    if (body.empty()) {
+      Peer leaving = silent_client();
+      leaving.request(command).fds({memory_file("")});
+      EXPECT_TRUE(eventually([&] { return !traced(before).empty(); }));
+    } else {
+      EXPECT_EQ(call(service, command, body).status, std::string(end) == "replied" ? KS_STATUS_OK : KS_STATUS_BROKEN);
+    }
+    EXPECT_TRUE(eventually([&] { return traced(before) == expected; })) << expected << traced(before);
+  }
+  const std::string login_calls = read_file("/tmp/stand_in/sbin/kcli.calls");
+  EXPECT_THAT(login_calls,
+              testing::AllOf(testing::HasSubstr("env PATH="), testing::Not(testing::HasSubstr("_TRACE="))));
+}
+
+TEST(Trace, AFileThatMakesItsOpenerWaitIsRefused) {
+  const std::string fifo = "/tmp/trace.fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const Fd reader(open(fifo.c_str(), O_RDWR | O_CLOEXEC));
+  EXPECT_EQ(run("env VISTALPROD_TRACE=" + fifo + " vistalprod -t"), 0);
+  EXPECT_EQ(read_file(kErrors),
+            "VISTALPROD_TRACE=" + fifo + ": not a regular file of this user, so there is no trace.\n");
 }
 
 // Keeps both queues full until it is destroyed.

@@ -68,8 +68,7 @@ void write_all(int fd, std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t written = write(fd, bytes.data(), bytes.size());
     if (written < 0 && errno == EINTR) continue;
-    if (written <= 0)
-      return;  // the reader has left; what a real tool does then is to carry on or die from SIGPIPE
+    if (written <= 0) return;  // the reader has left; what a real tool does then is to carry on or die from SIGPIPE
     bytes.remove_prefix(static_cast<std::size_t>(written));
   }
 }
@@ -142,8 +141,7 @@ void append_item(std::string* record, const char* item, std::string_view value) 
 std::string compose_record(char** argv, char** environment) {
   std::string record = "call\n";
   for (char** arg = argv; *arg != nullptr; ++arg) append_item(&record, arg == argv ? "argv0" : "arg", *arg);
-  for (char** variable = environment; *variable != nullptr; ++variable)
-    append_item(&record, "env", *variable);
+  for (char** variable = environment; *variable != nullptr; ++variable) append_item(&record, "env", *variable);
   struct stat input {};
   if (fstat(STDIN_FILENO, &input) == 0 && (S_ISREG(input.st_mode) || S_ISFIFO(input.st_mode))) {
     append_item(&record, "stdin", read_all(STDIN_FILENO));
@@ -166,8 +164,7 @@ long number_of(std::string_view line, const std::string& value) {
   char* end = nullptr;
   errno = 0;
   const long number = strtol(value.c_str(), &end, 10);
-  if (value.empty() || *end != '\0' || errno != 0 || number < 0)
-    give_up("bad number in: " + std::string(line));
+  if (value.empty() || *end != '\0' || errno != 0 || number < 0) give_up("bad number in: " + std::string(line));
   return number;
 }
 

@@ -32,9 +32,8 @@ int echo(sd_bus_message* message, void*, sd_bus_error*) {
   return 1;
 }
 
-const sd_bus_vtable kMethods[] = {SD_BUS_VTABLE_START(0),
-                                  SD_BUS_METHOD("Echo", "ay", "ay", echo, SD_BUS_VTABLE_UNPRIVILEGED),
-                                  SD_BUS_VTABLE_END};
+const sd_bus_vtable kMethods[] = {
+    SD_BUS_VTABLE_START(0), SD_BUS_METHOD("Echo", "ay", "ay", echo, SD_BUS_VTABLE_UNPRIVILEGED), SD_BUS_VTABLE_END};
 
 // Tells the broker at the other end of `controller` where to listen and to allow everything. The broker's own launcher
 // does the same, but wants systemd and its journal.
@@ -46,8 +45,8 @@ void order_listener(int controller, const std::string& path) {
   const UniqueFd listener = listen_at(path);
   fcntl(listener.get(), F_SETFL, O_NONBLOCK);  // the broker accepts until nothing is left
   sd_bus_message* order = nullptr;
-  check_bus(sd_bus_message_new_method_call(broker, &order, nullptr, "/org/bus1/DBus/Broker",
-                                           "org.bus1.DBus.Broker", "AddListener"),
+  check_bus(sd_bus_message_new_method_call(broker, &order, nullptr, "/org/bus1/DBus/Broker", "org.bus1.DBus.Broker",
+                                           "AddListener"),
             "new order");
   // Rules by user, with one batch for all of them (to connect, to own names, to send, to receive), by group of users,
   // and by security label; the type of the bus.
@@ -88,8 +87,7 @@ void run_broker(const std::string& path) {
 
 void serve_bus(const std::string& path) {
   const Bus bus = connect_bus(path);
-  check_bus(sd_bus_add_object_vtable(bus.get(), nullptr, kPath, kName, kMethods, nullptr),
-            "sd_bus_add_object_vtable");
+  check_bus(sd_bus_add_object_vtable(bus.get(), nullptr, kPath, kName, kMethods, nullptr), "sd_bus_add_object_vtable");
   check_bus(sd_bus_request_name(bus.get(), kName, 0), "sd_bus_request_name");
   report_ready();
   while (true) {

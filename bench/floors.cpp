@@ -18,8 +18,7 @@ UniqueFd socket_at(const std::string& path, int (*attach)(int, const sockaddr*, 
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-  check(attach(sockfd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0,
-        path.c_str());
+  check(attach(sockfd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0, path.c_str());
   return sockfd;
 }
 

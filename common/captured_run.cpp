@@ -35,8 +35,7 @@ struct ProgramWaiter {
 using UniqueProgram = std::unique_ptr<FILE, ProgramWaiter>;
 
 UniqueProgram start_piped(const std::string& path, std::vector<std::string>& arguments) {
-  return UniqueProgram(
-      popen_cmd(nullptr, nullptr, nullptr, "r", path.c_str(), pointers_to(arguments).data()));
+  return UniqueProgram(popen_cmd(nullptr, nullptr, nullptr, "r", path.c_str(), pointers_to(arguments).data()));
 }
 
 }  // namespace
@@ -99,8 +98,7 @@ std::optional<std::string> piped_output(const std::string& path, std::vector<std
   return text;
 }
 
-std::optional<std::string> piped_bytes(const std::string& path, std::vector<std::string> arguments,
-                                       std::size_t limit) {
+std::optional<std::string> piped_bytes(const std::string& path, std::vector<std::string> arguments, std::size_t limit) {
   const UniqueProgram program = start_piped(path, arguments);
   if (!program) return std::nullopt;
   std::string bytes;

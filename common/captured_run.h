@@ -64,5 +64,4 @@ std::optional<std::string> piped_output(const std::string& path, std::vector<std
 
 // The same, but the end of the program is not looked at, and every byte counts, NULs included, and at most
 // `limit` bytes are kept: the rest is read, so that the program can end, and dropped.
-std::optional<std::string> piped_bytes(const std::string& path, std::vector<std::string> arguments,
-                                       std::size_t limit);
+std::optional<std::string> piped_bytes(const std::string& path, std::vector<std::string> arguments, std::size_t limit);

@@ -56,8 +56,8 @@ bool replace_file(const std::string& path, const std::string& text, const struct
   if (!file) return false;
   bool done = write_all(file, text);
   if (like != nullptr) {
-    done = fchown(file.get(), like->st_uid, like->st_gid) == 0 &&
-           fchmod(file.get(), like->st_mode & ALLPERMS) == 0 && done;
+    done = fchown(file.get(), like->st_uid, like->st_gid) == 0 && fchmod(file.get(), like->st_mode & ALLPERMS) == 0 &&
+           done;
   }
   done = done && std::rename(fresh.c_str(), path.c_str()) == 0;
   if (!done) unlink(fresh.c_str());

@@ -41,8 +41,7 @@ bool clear_away(const char* path) {
   if (errno != EISDIR) return false;
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
-  const std::string aside =
-      std::string(path) + "." + std::to_string(now.tv_sec) + "." + std::to_string(now.tv_nsec);
+  const std::string aside = std::string(path) + "." + std::to_string(now.tv_sec) + "." + std::to_string(now.tv_nsec);
   return rmdir(path) == 0 || rename(path, aside.c_str()) == 0 || errno == ENOENT;
 }
 

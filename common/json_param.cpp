@@ -26,8 +26,8 @@ bool affordable(const std::string& text) {
 
 }  // namespace
 
-void parser_param_from_json_str(const Json::Value& root, const std::string& key, void* out,
-                                const std::string& type, bool* error) {
+void parser_param_from_json_str(const Json::Value& root, const std::string& key, void* out, const std::string& type,
+                                bool* error) {
   const Json::Value& value = root[key];
   if (value.isNull()) {
     *error = true;
@@ -44,8 +44,7 @@ void parser_param_from_json_str(const Json::Value& root, const std::string& key,
     if (type != "bool") return;
     std::string name;
     json_value_type_name(root, key, &name);
-    LOG_AT("parser_param_from_json_str", "%s Type fail, this input value type is %s.", key.c_str(),
-           name.c_str());
+    LOG_AT("parser_param_from_json_str", "%s Type fail, this input value type is %s.", key.c_str(), name.c_str());
   }
 }
 

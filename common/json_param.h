@@ -18,8 +18,8 @@
 // A member that is absent, null or of another type, and any other `type`, sets `*error` and leaves `*out`
 // alone. `*error` is never cleared, so that one flag serves all parameters of a request. Only a member that
 // should have been a bool is logged as well.
-void parser_param_from_json_str(const Json::Value& root, const std::string& key, void* out,
-                                const std::string& type, bool* error);
+void parser_param_from_json_str(const Json::Value& root, const std::string& key, void* out, const std::string& type,
+                                bool* error);
 
 // Sets `*name` to what the member `key` of `root` is: "string", "int" (fits 32 bits), "long" (any other
 // number without a fraction), "bool", "double" or "Others" (absent, null, array, object).

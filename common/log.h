@@ -12,8 +12,7 @@
 
 // Writes one line that begins with the prefix every reader of the log expects: a function name (a text, which
 // need not be the enclosing function's) and this source line. `format` is a literal.
-#define LOG_AT(function, format, ...) \
-  log_write("[%s][%d] " format, function, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
+#define LOG_AT(function, format, ...) log_write("[%s][%d] " format, function, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
 
 // Makes `dir` if it is missing and sends the log to ".nxe_ks_vistalprod.log" in it. Once, at start-up, before
 // other threads run. A directory that cannot be made is reported on standard output. Always 0.

@@ -247,8 +247,7 @@ void remove_outputs(const char* output, const char* error) {
   }
 }
 
-bool open_streams(const char* input, const char* output, const char* error, const Trace& trace,
-                  Streams* streams) {
+bool open_streams(const char* input, const char* output, const char* error, const Trace& trace, Streams* streams) {
   streams->output = open_output(output);
   if (!streams->output) {
     trace.write("open %s failed: %d\n", shown(output), streams->output.get());
@@ -272,8 +271,8 @@ bool open_streams(const char* input, const char* output, const char* error, cons
   return true;
 }
 
-int run(const ExecFamily& family, const char* input, const char* output, const char* error,
-        const char* trace_path, const char* path, char* const argv[]) {
+int run(const ExecFamily& family, const char* input, const char* output, const char* error, const char* trace_path,
+        const char* path, char* const argv[]) {
   ProgramRun program(path);
   Streams streams;
   {
@@ -305,13 +304,13 @@ int exec_cmd_args(const char* output, const char* error, const char* trace, cons
   return exec_cmd(output, error, trace, path, arguments.data());
 }
 
-int exec_cmd_stdio(const char* input, const char* output, const char* error, const char* trace,
-                   const char* path, char* const argv[]) {
+int exec_cmd_stdio(const char* input, const char* output, const char* error, const char* trace, const char* path,
+                   char* const argv[]) {
   return run(kExecCmdStdio, input, output, error, trace, path, argv);
 }
 
-int exec_cmd_stdio_args(const char* input, const char* output, const char* error, const char* trace,
-                        const char* path, ...) {
+int exec_cmd_stdio_args(const char* input, const char* output, const char* error, const char* trace, const char* path,
+                        ...) {
   va_list rest;
   va_start(rest, path);
   const std::vector<char*> arguments = make_arguments(path, rest);
@@ -361,8 +360,8 @@ FILE* popen_cmd(const char* input, const char* output, const char* error, const 
   return stream.release();
 }
 
-FILE* popen_cmd_args(const char* input, const char* output, const char* error, const char* mode,
-                     const char* path, ...) {
+FILE* popen_cmd_args(const char* input, const char* output, const char* error, const char* mode, const char* path,
+                     ...) {
   va_list rest;
   va_start(rest, path);
   const std::vector<char*> arguments = make_arguments(path, rest);

@@ -27,10 +27,10 @@
 int exec_cmd(const char* output, const char* error, const char* trace, const char* path, char* const argv[]);
 int exec_cmd_args(const char* output, const char* error, const char* trace, const char* path, ...)
     __attribute__((sentinel));
-int exec_cmd_stdio(const char* input, const char* output, const char* error, const char* trace,
-                   const char* path, char* const argv[]);
-int exec_cmd_stdio_args(const char* input, const char* output, const char* error, const char* trace,
-                        const char* path, ...) __attribute__((sentinel));
+int exec_cmd_stdio(const char* input, const char* output, const char* error, const char* trace, const char* path,
+                   char* const argv[]);
+int exec_cmd_stdio_args(const char* input, const char* output, const char* error, const char* trace, const char* path,
+                        ...) __attribute__((sentinel));
 
 // Start a program and return a stream, to be closed with pclose_cmd, that reads its standard output (mode
 // "r"; its input may come from `input`, and `output` is ignored) or writes to its standard input (mode "w";
@@ -38,8 +38,8 @@ int exec_cmd_stdio_args(const char* input, const char* output, const char* error
 // process cannot be had, and for any other mode (EINVAL).
 FILE* popen_cmd(const char* input, const char* output, const char* error, const char* mode, const char* path,
                 char* const argv[]);
-FILE* popen_cmd_args(const char* input, const char* output, const char* error, const char* mode,
-                     const char* path, ...) __attribute__((sentinel));
+FILE* popen_cmd_args(const char* input, const char* output, const char* error, const char* mode, const char* path, ...)
+    __attribute__((sentinel));
 
 // Closes a stream of popen_cmd, waits for its program and returns the raw wait status. -1 when the program
 // cannot be waited for, and for any other stream, which stays open.

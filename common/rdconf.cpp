@@ -28,8 +28,8 @@ bool rdconf_read_value(FILE* output, std::string* value) {
 bool rdconf_value(const char* file, const char* section, const char* key, std::string* value) {
   // A null in place of "-f" ends the list there.
   const char* const file_option = file != nullptr ? "-f" : nullptr;
-  FILE* const output = popen_cmd_args(nullptr, nullptr, nullptr, "r", kReader, section, key, "-c", "-d",
-                                      kNotFound, file_option, file, nullptr);
+  FILE* const output = popen_cmd_args(nullptr, nullptr, nullptr, "r", kReader, section, key, "-c", "-d", kNotFound,
+                                      file_option, file, nullptr);
   if (output == nullptr) return false;
   const bool found = rdconf_read_value(output, value);
   pclose_cmd(output);  // the reader's exit status says nothing that the line does not

@@ -3,8 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
-std::vector<std::string> split_string(const std::string& text, const std::string& delimiters,
-                                      bool skip_empty) {
+std::vector<std::string> split_string(const std::string& text, const std::string& delimiters, bool skip_empty) {
   std::vector<std::string> pieces;
   for (std::size_t begin = 0, end = 0; end != std::string::npos; begin = end + 1) {
     end = text.find_first_of(delimiters, begin);

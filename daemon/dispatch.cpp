@@ -7,9 +7,9 @@
 // and the client's connection is shut down, not just closed: a program that the handler has started may hold a copy of
 // the socket.
 //
-// A handler writes its reply into the client's memory file, and a hostile client can hold that file's lock. A handler that
-// has come that far (ReplyClock) and does not come back is left behind with its request: the worker goes on, and the
-// thread ends when the client lets it.
+// A handler writes its reply into the client's memory file, and a hostile client can hold that file's lock. A handler
+// that has come that far (ReplyClock) and does not come back is left behind with its request: the worker goes on, and
+// the thread ends when the client lets it.
 #include "daemon/dispatch.h"
 
 #include <pthread.h>
@@ -105,9 +105,8 @@ bool join(pthread_t thread, const HandlerCall& call) {
 }
 
 void run(const CommandRow& row, const Client& client, UniqueIo io) {
-  auto* call = new HandlerCall{.io = std::move(io),
-                               .row = &row,
-                               .request = RunningRequest(row.name, client.pid, client.uid)};
+  auto* call =
+      new HandlerCall{.io = std::move(io), .row = &row, .request = RunningRequest(row.name, client.pid, client.uid)};
   ks_io_set(call->io.get(), reinterpret_cast<std::uintptr_t>(&call->reply_clock));
   pthread_t thread;
   if (pthread_create(&thread, nullptr, run_handler, call) != 0) {
@@ -126,13 +125,12 @@ void run(const CommandRow& row, const Client& client, UniqueIo io) {
 // Never destroyed: workers of the mail service may still be at it while the process exits.
 ParkedRequests* parked_requests = nullptr;
 
-void dispatch(std::span<const CommandRow> commands, const char* request_name, ks_io* request,
-              int extra_fd) noexcept {
+void dispatch(std::span<const CommandRow> commands, const char* request_name, ks_io* request, int extra_fd) noexcept {
   UniqueIo io(request);
   const Client client{.pid = request->peer_pid, .uid = request->peer_uid};
-  const auto row = std::find_if(
-      commands.begin(), commands.end(),
-      [request_name](const CommandRow& candidate) { return std::strcmp(candidate.name, request_name) == 0; });
+  const auto row = std::find_if(commands.begin(), commands.end(), [request_name](const CommandRow& candidate) {
+    return std::strcmp(candidate.name, request_name) == 0;
+  });
   try {
     if (row == commands.end()) {
       ks_discard(extra_fd);

@@ -58,5 +58,4 @@ static_assert(sizeof(long) == sizeof(std::int64_t), "a message begins with a lon
 static_assert(kNotifyMessageSize == 144 && offsetof(NotifyMessage, extra_info) == 20);
 static_assert(kLogMessageSize == 2488 && offsetof(LogMessage, connection) == 1248);
 static_assert(offsetof(LogMessage, event.content) == 219 && offsetof(LogMessage, connection.user) == 1264);
-static_assert(offsetof(LogMessage, connection.service) == 2484 &&
-              offsetof(LogMessage, connection.action) == 2488);
+static_assert(offsetof(LogMessage, connection.service) == 2484 && offsetof(LogMessage, connection.action) == 2488);

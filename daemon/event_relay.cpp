@@ -61,9 +61,8 @@ std::string bus_time() {
   localtime_r(&seconds, &local);
   timeval now{};
   gettimeofday(&now, nullptr);
-  return format_bounded(kTimeTextSize, "%02d/%02d/%02d %02d:%02d:%02d:%06d", local.tm_year % 100,
-                        local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
-                        static_cast<int>(now.tv_usec));
+  return format_bounded(kTimeTextSize, "%02d/%02d/%02d %02d:%02d:%02d:%06d", local.tm_year % 100, local.tm_mon + 1,
+                        local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, static_cast<int>(now.tv_usec));
 }
 
 // The time of a log record with a sequence number behind it, so that records of one second keep their order.
@@ -103,8 +102,7 @@ int notify_handler(void* message) {
   event["method"] = "notify";
   const std::string text = json_write(event);
   // The number has always been the text's address; whoever greps for the line does not look at it.
-  std::fprintf(stderr, "str_publish_buf=[%d]  \n",
-               static_cast<int>(reinterpret_cast<std::intptr_t>(text.c_str())));
+  std::fprintf(stderr, "str_publish_buf=[%d]  \n", static_cast<int>(reinterpret_cast<std::intptr_t>(text.c_str())));
   forward("notify_event", text, "notify_handler", kEventFailLine);
   return 0;
 }

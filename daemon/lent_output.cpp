@@ -1,7 +1,7 @@
-// A client's descriptor may be anything, and writing to it, or closing a number that stands for it, may wait for as long as
-// its owner likes. Only a pipe is therefore made descriptor 1 itself: closing one of two numbers of a pipe never waits.
-// For anything else a file of our own collects what is printed. At the end that file, and what the stream stdout still
-// has in its buffer, is delivered to the client's descriptor beside us (ks_deliver).
+// A client's descriptor may be anything, and writing to it, or closing a number that stands for it, may wait for as
+// long as its owner likes. Only a pipe is therefore made descriptor 1 itself: closing one of two numbers of a pipe
+// never waits. For anything else a file of our own collects what is printed. At the end that file, and what the stream
+// stdout still has in its buffer, is delivered to the client's descriptor beside us (ks_deliver).
 #include "daemon/lent_output.h"
 
 #include <fcntl.h>

@@ -3,8 +3,8 @@
 
 #include "common/unique_fd.h"
 
-// Opens what lending needs when no descriptor is left, and takes the buffer of the stream stdout over. Once, before there
-// are other threads.
+// Opens what lending needs when no descriptor is left, and takes the buffer of the stream stdout over. Once, before
+// there are other threads.
 void prepare_lent_output();
 
 // While the object lives, standard output of the process leads to the client's descriptor; afterwards to /dev/null.

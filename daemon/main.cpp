@@ -181,8 +181,8 @@ void Daemon::start() {
   ks_send_mail_service_handle =
       ks_create(kMailServiceName, KS_PTHREAD_MODE, KS_SEND_MAIL_SERVER_THREAD_NUM, mail_service_exec);
   ks_worker_init(ks_send_mail_service_handle, watch_clients, ks_send_mail_service_handle->name);
-  LOG_AT("main", "send_mail_sock_name:%s, KS_SEND_MAIL_SERVER_THREAD_NUM:%d.",
-         ks_send_mail_service_handle->sockfile, static_cast<int>(KS_SEND_MAIL_SERVER_THREAD_NUM));
+  LOG_AT("main", "send_mail_sock_name:%s, KS_SEND_MAIL_SERVER_THREAD_NUM:%d.", ks_send_mail_service_handle->sockfile,
+         static_cast<int>(KS_SEND_MAIL_SERVER_THREAD_NUM));
 
   event_listener = std::make_unique<MsgQueueListener>(kEventQueueKey, notify_handler, kNotifyMessageSize);
   event_listener->Start();

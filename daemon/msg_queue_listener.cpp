@@ -17,14 +17,12 @@ namespace {
 
 constexpr int kQueueMode = 0644;
 constexpr int kAllModeBits = 0777;
-constexpr int kMaxAttempts =
-    1000;  // another user who keeps making the queue may be faster many times in a row
+constexpr int kMaxAttempts = 1000;  // another user who keeps making the queue may be faster many times in a row
 
 // The creator counts as well as the owner: both may receive, change the mode and remove the queue.
 bool is_ours(const ipc_perm& permissions) {
   const uid_t self = geteuid();
-  return permissions.uid == self && permissions.cuid == self &&
-         (permissions.mode & kAllModeBits & ~kQueueMode) == 0;
+  return permissions.uid == self && permissions.cuid == self && (permissions.mode & kAllModeBits & ~kQueueMode) == 0;
 }
 
 // Opens or makes the queue. One that another user has made before us, or that more users may write to than
@@ -51,10 +49,7 @@ int open_own_queue(key_t key) {
 }  // namespace
 
 MsgQueueListener::MsgQueueListener(std::uint32_t key, Callback callback, std::uint64_t msg_size)
-    : msg_size_(msg_size),
-      queue_id_(open_own_queue(static_cast<key_t>(key))),
-      key_(key),
-      callback_(callback) {}
+    : msg_size_(msg_size), queue_id_(open_own_queue(static_cast<key_t>(key))), key_(key), callback_(callback) {}
 
 int MsgQueueListener::Start() {
   pthread_attr_t attributes;
@@ -103,7 +98,6 @@ void MsgQueueListener::receive() {
     if (errno == EIDRM || (errno == EINVAL && queue_id_ != -1)) return;
     const int error = errno;
     char text[128];
-    std::fprintf(stderr, "msgrcv Error：%s(%d), msgid:%d\n", strerror_r(error, text, sizeof(text)), error,
-                 queue_id_);
+    std::fprintf(stderr, "msgrcv Error：%s(%d), msgid:%d\n", strerror_r(error, text, sizeof(text)), error, queue_id_);
   }
 }

@@ -9,8 +9,9 @@
 
 #include "service/unique_io.h"
 
-// Keeps the connections of requests whose command is unknown, and releases each when its client leaves. Beyond kMost the
-// oldest is hung up on, so that a client cannot use the daemon's descriptors up. Lives until the process ends. Any thread.
+// Keeps the connections of requests whose command is unknown, and releases each when its client leaves. Beyond kMost
+// the oldest is hung up on, so that a client cannot use the daemon's descriptors up. Lives until the process ends. Any
+// thread.
 class ParkedRequests {
  public:
   // Opens the poll set. Throws std::bad_alloc only.

@@ -71,8 +71,7 @@ bool is_of_our_user(const char* pid) {
   unsigned real = 0;
   unsigned effective = 0;
   const std::string line = read_line(pid, "status", "Uid:");
-  return std::sscanf(line.c_str(), "Uid: %u %u", &real, &effective) == 2 && real == getuid() &&
-         effective == geteuid();
+  return std::sscanf(line.c_str(), "Uid: %u %u", &real, &effective) == 2 && real == getuid() && effective == geteuid();
 }
 
 // Nothing for a process that has ended, a zombie included.

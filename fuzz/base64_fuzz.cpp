@@ -15,8 +15,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   // Of the last character but for padding, only some bits count.
   const std::size_t whole = bytes.size() * 8 / 6;
   require(whole <= size && input.compare(0, whole, text, 0, whole) == 0, "the text that was decoded");
-  require(
-      input.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/") >= whole,
-      "nothing is decoded behind a foreign character");
+  require(input.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/") >= whole,
+          "nothing is decoded behind a foreign character");
   return 0;
 }

@@ -34,8 +34,7 @@ using Clients = std::array<Client, 3>;
 int make_listener() {
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const sockaddr_un address = ks_socket_address(name.c_str() + 1);
-  require(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 && listen(fd, 9) == 0,
-          "listen");
+  require(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 && listen(fd, 9) == 0, "listen");
   std::atexit([] { unlink(name.c_str() + 1); });
   return fd;
 }
@@ -111,8 +110,7 @@ void call(Input& input, int listener) {
   const int status = ks_call(name.c_str(), "call", io, 5, STDERR_FILENO);
   require(std::chrono::steady_clock::now() - start < std::chrono::seconds(4), "ends with the service");
   service.join();
-  io->memfd == -1 ? check_finished(io, status)
-                  : require(status == KS_STATUS_OK && io->sockfd == -1, "a reply");
+  io->memfd == -1 ? check_finished(io, status) : require(status == KS_STATUS_OK && io->sockfd == -1, "a reply");
   ks_io_free(io);
 }
 

@@ -31,8 +31,7 @@ std::size_t built(const Json::Value& value) {
   return size;
 }
 
-bool check(const std::string& text, bool (*parse)(const std::string&, Json::Value*, std::string*),
-           Json::Value* root) {
+bool check(const std::string& text, bool (*parse)(const std::string&, Json::Value*, std::string*), Json::Value* root) {
   std::string errors;
   bool parsed = false;
   try {

@@ -22,11 +22,9 @@ void take(const Json::Value& root, const std::string& key) {
     return !error;
   };
   const Json::Value& value = root[key];
-  require(
-      taken(&text, "string") == (name == "string") && (name == "string" ? value == text : text == "before"),
-      "string");
-  require(taken(&truth, "bool") == (name == "bool") && truth == (name == "bool" ? value.asBool() : -7),
-          "bool");
+  require(taken(&text, "string") == (name == "string") && (name == "string" ? value == text : text == "before"),
+          "string");
+  require(taken(&truth, "bool") == (name == "bool") && truth == (name == "bool" ? value.asBool() : -7), "bool");
   require(taken(&number, "int") == (name == "int") && number == (name == "int" ? value.asInt() : -7), "int");
   require(!taken(nullptr, "double"), "another type");
   require(taken(&large, "long") == (name == "int" || name == "long"), "long");  // or throws, beyond 64 bits

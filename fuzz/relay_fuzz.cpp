@@ -41,8 +41,8 @@ Json::Value received(const std::vector<char>& block, const char* name, const Tex
   for (const TextField& field : texts) {
     const std::string wanted = &block[field.offset + shift];
     // Bytes that are no UTF-8 are replaced in writing.
-    const bool ascii = std::all_of(wanted.begin(), wanted.end(),
-                                   [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+    const bool ascii =
+        std::all_of(wanted.begin(), wanted.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
     require(json[field.member].isString() && (!ascii || json[field.member] == wanted), field.member);
   }
   return json;
@@ -63,8 +63,7 @@ void check_log(const std::vector<char>& block, bool connection) {
   require(text.size() > 3 && text.substr(0, text.size() - 3) == std::to_string(time), "time");
   require(json["level"] == int_at(block, 12 + shift), "level");
   require(json.isMember("serv") == connection, "members");
-  if (connection)
-    require(json["serv"] == int_at(block, 2484) && json["action"] == int_at(block, 2488), "numbers");
+  if (connection) require(json["serv"] == int_at(block, 2484) && json["action"] == int_at(block, 2488), "numbers");
 }
 
 }  // namespace
@@ -78,12 +77,10 @@ extern "C" int __wrap_ks_call(const char*, const char* request, ks_io* io, std::
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Input input(data, size);
-  const std::size_t kind =
-      input.below(4);  // an event, or a log message of another type and of both known ones
+  const std::size_t kind = input.below(4);  // an event, or a log message of another type and of both known ones
   const std::string record = input.rest();
   std::vector<char> block(kind == 0 ? sizeof(NotifyMessage) + 1 : sizeof(LogMessage) + 1);
-  std::copy_n(record.begin(), std::min(record.size(), block.size() - 1 - sizeof(long)),
-              block.begin() + sizeof(long));
+  std::copy_n(record.begin(), std::min(record.size(), block.size() - 1 - sizeof(long)), block.begin() + sizeof(long));
   const auto type = static_cast<std::int64_t>(kind) - 1;
   std::memcpy(block.data(), &type, sizeof(type));
   sent.clear();

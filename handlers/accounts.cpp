@@ -75,8 +75,7 @@ using NameListFunction = std::int32_t(char** list, std::int32_t, std::int32_t, v
 Outcome list_names(Request& request) {
   char* entries = nullptr;
   NameList names;
-  const bool listed =
-      call_function<NameListFunction>(request.command, &entries, 0, 0, nullptr, &names.count) >= 0;
+  const bool listed = call_function<NameListFunction>(request.command, &entries, 0, 0, nullptr, &names.count) >= 0;
   names.entries.reset(entries);
   if (!listed || !names.holds_all()) return Outcome::failure;
   Json::Value list;
@@ -157,19 +156,16 @@ struct alignas(std::max_align_t) SessionRecord {
 static_assert(offsetof(SessionRecord, user) == kUserOffset && sizeof(SessionRecord) == kSessionRecordSize);
 
 // Both return 0 for success.
-using AddSessionFunction = std::int32_t(const char* sid, const char* user, std::int32_t type,
-                                        const char* empty);
+using AddSessionFunction = std::int32_t(const char* sid, const char* user, std::int32_t type, const char* empty);
 using GetSessionFunction = std::int32_t(const char* sid, std::int32_t type, SessionRecord* session);
 
 Outcome add_session(Request& request, std::int32_t type, const std::string& user, const std::string& sid) {
-  return success_if(call_function<AddSessionFunction>(request.command, sid.c_str(), user.c_str(), type, "") ==
-                    0);
+  return success_if(call_function<AddSessionFunction>(request.command, sid.c_str(), user.c_str(), type, "") == 0);
 }
 
 Outcome get_session(Request& request, std::int32_t type, std::int32_t /*length*/, const std::string& sid) {
   SessionRecord session{};
-  if (call_function<GetSessionFunction>(request.command, sid.c_str(), type, &session) != 0)
-    return Outcome::failure;
+  if (call_function<GetSessionFunction>(request.command, sid.c_str(), type, &session) != 0) return Outcome::failure;
   return success_with(request, text_of(session.user));
 }
 
@@ -226,22 +222,19 @@ constexpr Command main_service::get_group_members = Row{.params = {text("group_n
 constexpr Command main_service::get_sms_config =
     Row{.library = "/usr/lib/libuCore_config.so.0.0",
         .function = "Get_SMS_config",
-        .answers =
-            "country, country_code, max_provider, mode, now_provider, phone1, phone2, result, using_provider",
+        .answers = "country, country_code, max_provider, mode, now_provider, phone1, phone2, result, using_provider",
         .action = get_sms_settings};
 
-constexpr Command main_service::vistal_auth_add_session =
-    Row{.params = {number("type"), text("user"), text("sid")},
-        .library = kSessionLibrary,
-        .function = "auth_add_session",
-        .action = with_params<add_session>};
+constexpr Command main_service::vistal_auth_add_session = Row{.params = {number("type"), text("user"), text("sid")},
+                                                              .library = kSessionLibrary,
+                                                              .function = "auth_add_session",
+                                                              .action = with_params<add_session>};
 
-constexpr Command main_service::vistal_auth_get_session =
-    Row{.params = {number("type"), number("length"), text("sid")},
-        .library = kSessionLibrary,
-        .function = "auth_get_session",
-        .member = "user",
-        .action = with_params<get_session>};
+constexpr Command main_service::vistal_auth_get_session = Row{.params = {number("type"), number("length"), text("sid")},
+                                                              .library = kSessionLibrary,
+                                                              .function = "auth_get_session",
+                                                              .member = "user",
+                                                              .action = with_params<get_session>};
 
 constexpr Command main_service::get_sess_id = Row{.params = {text("user"), text("pwd")},
                                                   .runs = "/sbin/kcli -l user=USER pw=PWD",

@@ -72,8 +72,7 @@ Outcome relay_viewer(Request& request) {
   const std::optional<std::string> output =
       piped_output(path, {base_name(path), std::get<std::string>(request.values[0])}, kChunkSize, &status);
   if (!output) {
-    reply["error_msg"] =
-        format_bounded(kStartMessageSize, "popen failed, path=[%s], errno=[%d].", path.c_str(), errno);
+    reply["error_msg"] = format_bounded(kStartMessageSize, "popen failed, path=[%s], errno=[%d].", path.c_str(), errno);
     reply["error_code"] = -4;
     return Outcome::own;
   }
@@ -118,12 +117,11 @@ Outcome relay_agent(Request& request) {
 
 }  // namespace
 
-constexpr Command main_service::cmv_cli =
-    Row{.params = {text("cmd")},
-        .runs = "INSTALL_PATH/bin/rdconf CMD, of package CayinMediaViewer",
-        .answers = "cli_ret, is_enabled, is_installed, result, result_out",
-        .action = {relay_viewer, Reads::itself},
-        .logs_bad_body = true};
+constexpr Command main_service::cmv_cli = Row{.params = {text("cmd")},
+                                              .runs = "INSTALL_PATH/bin/rdconf CMD, of package CayinMediaViewer",
+                                              .answers = "cli_ret, is_enabled, is_installed, result, result_out",
+                                              .action = {relay_viewer, Reads::itself},
+                                              .logs_bad_body = true};
 
 constexpr Command main_service::vistal_agent_cli =
     Row{.log_name = "vistal_agent_cli_handler",

@@ -44,8 +44,7 @@ Outcome answer(Request& request, Relay how, const CapturedRun& run) {
   return Outcome::success;
 }
 
-Outcome run_and_answer(Request& request, Relay how, const std::string& program,
-                       std::vector<std::string> arguments) {
+Outcome run_and_answer(Request& request, Relay how, const std::string& program, std::vector<std::string> arguments) {
   const auto run =
       std::make_shared<CapturedRun>(program, argument_vector(rootless_path(program), std::move(arguments)));
   const auto clean_up = [how, run, log_name = request.log_name] {
@@ -118,35 +117,33 @@ constexpr Command main_service::system_call_cloud_get_kid_service =
 constexpr Command main_service::system_call_cloud_get_access_token =
     Row{.params = {text("client_id"), text("client_secret"), text("access_token")},
         .program = "/usr/local/bin/kcloud_auth_tool",
-        .args = {"signin", "-t", "exchange_token", "-a", param("access_token"), "-i", param("client_id"),
-                 "-s", param("client_secret"), "-o", "json"},
+        .args = {"signin", "-t", "exchange_token", "-a", param("access_token"), "-i", param("client_id"), "-s",
+                 param("client_secret"), "-o", "json"},
         .answers = kCliRetAnswers,
         .action = relay<Relay{.has_cli_ret = true}>};
 
-constexpr Command main_service::system_call_cloud_kcm_tunnel_agent = Row{
-    .params = {text("command"), text("mode"), text("package_name"), text("callback_path"), text("reg_id")},
-    .runs =
-        "/usr/local/bin/kcloud_tunnel_agent_tool register_kcm -m MODE -p PACKAGE_NAME -c CALLBACK_PATH, "
-        "unregister_kcm -r REG_ID or get_url",
-    .answers = kCliRetAnswers,
-    .action = with_params<relay_tunnel_agent>};
+constexpr Command main_service::system_call_cloud_kcm_tunnel_agent =
+    Row{.params = {text("command"), text("mode"), text("package_name"), text("callback_path"), text("reg_id")},
+        .runs =
+            "/usr/local/bin/kcloud_tunnel_agent_tool register_kcm -m MODE -p PACKAGE_NAME -c CALLBACK_PATH, "
+            "unregister_kcm -r REG_ID or get_url",
+        .answers = kCliRetAnswers,
+        .action = with_params<relay_tunnel_agent>};
 
-constexpr Command main_service::system_call_cloud_get_user_token = Row{.program = "/usr/bin/kcloud_cli",
-                                                                       .args = {"-t"},
-                                                                       .answers = kCliRetAnswers,
-                                                                       .action = relay<kRemovedLate>};
+constexpr Command main_service::system_call_cloud_get_user_token =
+    Row{.program = "/usr/bin/kcloud_cli", .args = {"-t"}, .answers = kCliRetAnswers, .action = relay<kRemovedLate>};
 
 constexpr Command main_service::system_call_cloud_get_host_site =
     Row{.program = kHostTool, .args = {"-s"}, .answers = kCliRetAnswers, .action = relay<kRemovedLate>};
 
-constexpr Command main_service::system_call_cloud_get_host_endpoint = Row{
-    .program = kHostTool, .args = {"-n", "k2_api"}, .answers = kCliRetAnswers, .action = relay<kRemovedLate>};
+constexpr Command main_service::system_call_cloud_get_host_endpoint =
+    Row{.program = kHostTool, .args = {"-n", "k2_api"}, .answers = kCliRetAnswers, .action = relay<kRemovedLate>};
 
-constexpr Command main_service::system_call_cloud_get_device_status = Row{
-    .program = kDeviceTool, .args = {"get_device_status"}, .member = "device_status", .action = relay_status};
+constexpr Command main_service::system_call_cloud_get_device_status =
+    Row{.program = kDeviceTool, .args = {"get_device_status"}, .member = "device_status", .action = relay_status};
 
-constexpr Command main_service::system_call_cloud_get_device_info = Row{
-    .program = kDeviceTool, .args = {"get_device_info"}, .member = "device_info", .action = relay<Relay{}>};
+constexpr Command main_service::system_call_cloud_get_device_info =
+    Row{.program = kDeviceTool, .args = {"get_device_info"}, .member = "device_info", .action = relay<Relay{}>};
 
 constexpr Command main_service::system_call_cloud_get_device_list =
     Row{.program = kDeviceTool,

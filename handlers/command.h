@@ -70,13 +70,12 @@ Outcome run_program(Request& request);
 
 struct Action {
   constexpr Action() = default;
-  constexpr Action(Outcome (*function)(Request&), Reads how = Reads::params,
-                   std::span<const Type> picked = {})
+  constexpr Action(Outcome (*function)(Request&), Reads how = Reads::params, std::span<const Type> picked = {})
       : run(function), reads(how), takes(picked), only_runs(false) {}  // NOLINT: as above
   Outcome (*run)(Request& request) = run_program;
   Reads reads = Reads::params;
   std::span<const Type> takes;  // the parameters that `run` picks from the request, in their order
-  bool only_runs = true;  // the row's program; function pointers cannot always be compared by the compiler
+  bool only_runs = true;        // the row's program; function pointers cannot always be compared by the compiler
 };
 
 inline constexpr std::size_t kMostParams = 7;

@@ -37,8 +37,7 @@ Outcome write_connection(Request& request, std::int32_t type, std::int32_t servi
                          const std::string& message, const std::string& user, const std::string& address,
                          const std::string& computer) {
   const char* const log_name = request.log_name.c_str();
-  LOG_AT(log_name,
-         "LogType:%d , ServiceType:%d, ActionType:%d, LogMsg:%s, UserName:%s, IP:%s, ComputerName:%s .", type,
+  LOG_AT(log_name, "LogType:%d , ServiceType:%d, ActionType:%d, LogMsg:%s, UserName:%s, IP:%s, ComputerName:%s .", type,
          service, action, message.c_str(), user.c_str(), address.c_str(), computer.c_str());
   if (run_tool(request)) return Outcome::success;
   LOG_AT(log_name, "fail .");
@@ -49,16 +48,15 @@ Outcome write_connection(Request& request, std::int32_t type, std::int32_t servi
 
 }  // namespace
 
-constexpr Command main_service::system_call_evrec_tool =
-    Row{.params = {number("log_type"), text("log_mseg")},
-        .program = "/sbin/evrec_tool",
-        .args = {"-t", param("log_type"), "-a", param("log_mseg")},
-        .action = write_event};
+constexpr Command main_service::system_call_evrec_tool = Row{.params = {number("log_type"), text("log_mseg")},
+                                                             .program = "/sbin/evrec_tool",
+                                                             .args = {"-t", param("log_type"), "-a", param("log_mseg")},
+                                                             .action = write_event};
 
-constexpr Command main_service::system_connrec_tool = Row{
-    .params = {number("log_type"), number("service_type"), number("action_type"), text("log_mseg"),
-               text("user_name"), text("IP"), text("computer_name")},
-    .program = "/sbin/connrec_tool",
-    .args = {"-t", param("log_type"), "-i", param("service_type"), "-n", param("action_type"), "-a",
-             param("log_mseg"), "-u", param("user_name"), "-p", param("IP"), "-m", param("computer_name")},
-    .action = with_params<write_connection>};
+constexpr Command main_service::system_connrec_tool =
+    Row{.params = {number("log_type"), number("service_type"), number("action_type"), text("log_mseg"),
+                   text("user_name"), text("IP"), text("computer_name")},
+        .program = "/sbin/connrec_tool",
+        .args = {"-t", param("log_type"), "-i", param("service_type"), "-n", param("action_type"), "-a",
+                 param("log_mseg"), "-u", param("user_name"), "-p", param("IP"), "-m", param("computer_name")},
+        .action = with_params<write_connection>};

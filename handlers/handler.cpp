@@ -84,9 +84,7 @@ bool Request::read_params() {
     const Param& param = command.params[i];
     if (param.type == Type::integer) values[i] = 0;
     std::visit(
-        [&](auto& value) {
-          parser_param_from_json_str(body, param.name, &value, type_name(param.type), &error);
-        },
+        [&](auto& value) { parser_param_from_json_str(body, param.name, &value, type_name(param.type), &error); },
         values[i]);
   }
   body = Json::Value();  // which takes many times the memory of its text

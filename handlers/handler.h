@@ -27,9 +27,9 @@
 
 #include <json/value.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
-#include <array>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -82,8 +82,8 @@ template <auto function>
 struct ParamAction;
 template <typename... Taken, Outcome (*function)(Request&, Taken...)>
 struct ParamAction<function> {
-  static constexpr Type kTypes[] = {
-      std::is_same_v<std::remove_cvref_t<Taken>, std::string> ? Type::string : Type::integer...};
+  static constexpr Type kTypes[] = {std::is_same_v<std::remove_cvref_t<Taken>, std::string> ? Type::string
+                                                                                            : Type::integer...};
   template <std::size_t... place>
   static Outcome pick(Request& request, std::index_sequence<place...>) {
     return function(request, std::get<std::remove_cvref_t<Taken>>(request.values[place])...);

@@ -99,30 +99,26 @@ Outcome answer_dispdeck_status(Request& request) {
   std::string status;
   const bool found = rdconf_value(kDisplayConfig, "CP_APP", "dispDeck", &status);
   request.reply["error_code"] = 0;
-  request.reply["dispDeck_Status"] =
-      found ? static_cast<std::int32_t>(std::strtol(status.c_str(), nullptr, 10)) : 0;
+  request.reply["dispDeck_Status"] = found ? static_cast<std::int32_t>(std::strtol(status.c_str(), nullptr, 10)) : 0;
   return Outcome::own;
 }
 
 }  // namespace
 
-constexpr Command main_service::get_vpd_productnamed =
-    Row{.program = kHardwareTool,
-        .args = {"--vpd_get_field", "enc_sys_id=root,obj_index=0:7"},
-        .member = "vpd_productnamed",
-        .action = answer_vpd_field};
+constexpr Command main_service::get_vpd_productnamed = Row{.program = kHardwareTool,
+                                                           .args = {"--vpd_get_field", "enc_sys_id=root,obj_index=0:7"},
+                                                           .member = "vpd_productnamed",
+                                                           .action = answer_vpd_field};
 
-constexpr Command main_service::get_vpd_eepkey =
-    Row{.program = kHardwareTool,
-        .args = {"--vpd_get_field", "enc_sys_id=root,obj_index=0:8"},
-        .member = "vpd_eepkey",
-        .action = answer_vpd_field};
+constexpr Command main_service::get_vpd_eepkey = Row{.program = kHardwareTool,
+                                                     .args = {"--vpd_get_field", "enc_sys_id=root,obj_index=0:8"},
+                                                     .member = "vpd_eepkey",
+                                                     .action = answer_vpd_field};
 
-constexpr Command main_service::get_vpd_channel =
-    Row{.program = kHardwareTool,
-        .args = {"--vpd_get_field", "enc_sys_id=root,obj_index=0:9"},
-        .member = "vpd_channel",
-        .action = answer_vpd_field};
+constexpr Command main_service::get_vpd_channel = Row{.program = kHardwareTool,
+                                                      .args = {"--vpd_get_field", "enc_sys_id=root,obj_index=0:9"},
+                                                      .member = "vpd_channel",
+                                                      .action = answer_vpd_field};
 
 constexpr Command main_service::get_vpd_ext_area =
     Row{.params = {number("offest"), number("length")},

@@ -36,8 +36,7 @@ Outcome install(Request& request) {
   std::string package = member_or(body, "app_file_path", "").asString();
   (void)member_or(body, "install_volume", "").asString();  // must be convertible, but is not passed on
   allow_installation();
-  const std::string script =
-      format_bounded(kScriptPathSize, "%s/script/operate_kpkgcenter_app.sh", folder.c_str());
+  const std::string script = format_bounded(kScriptPathSize, "%s/script/operate_kpkgcenter_app.sh", folder.c_str());
   LoggedRun run{.program = script, .arguments = {"install"}, .failure_shows_output = true};
   run.arguments.push_back(std::move(package));
   return relay_logged(request, std::move(run));
@@ -45,10 +44,9 @@ Outcome install(Request& request) {
 
 }  // namespace
 
-constexpr Command main_service::install_app =
-    Row{.params = {optional(text("sys_install_folder")), optional(text("app_file_path")),
-                   optional(text("install_volume"))},
-        .runs = "SYS_INSTALL_FOLDER/script/operate_kpkgcenter_app.sh install APP_FILE_PATH",
-        .answers = "cli_ret, result, result_out",
-        .action = {install, Reads::members},
-        .indented = true};
+constexpr Command main_service::install_app = Row{
+    .params = {optional(text("sys_install_folder")), optional(text("app_file_path")), optional(text("install_volume"))},
+    .runs = "SYS_INSTALL_FOLDER/script/operate_kpkgcenter_app.sh install APP_FILE_PATH",
+    .answers = "cli_ret, result, result_out",
+    .action = {install, Reads::members},
+    .indented = true};

@@ -38,8 +38,7 @@ void for_each_address(std::string_view addresses, const Act& act) {
 
 std::size_t fragment_size(std::string_view addresses) {
   std::size_t size = kBegin.size() + kEnd.size();
-  for_each_address(addresses,
-                   [&](std::string_view address) { size += kBeforeAddress.size() + address.size() + 1; });
+  for_each_address(addresses, [&](std::string_view address) { size += kBeforeAddress.size() + address.size() + 1; });
   return size;
 }
 
@@ -47,8 +46,8 @@ std::string fragment_text(std::string_view addresses, std::size_t size) {
   std::string text;
   text.reserve(size);
   text.append(kBegin);
-  for_each_address(
-      addresses, [&](std::string_view address) { text.append(kBeforeAddress).append(address).append("\n"); });
+  for_each_address(addresses,
+                   [&](std::string_view address) { text.append(kBeforeAddress).append(address).append("\n"); });
   text.append(kEnd);
   return text;
 }

@@ -87,14 +87,14 @@ int run_mail_program(const Mail& mail, const HeldFolder& scratch) {
   const std::string output_path = scratch.path_of(kOutputLog);
   const char* const output = output_path.c_str();
   if (mail.user.empty() || mail.password.empty()) {
-    return exec_cmd_stdio_args(mail.content_path.c_str(), output, output, nullptr, kMailProgram, "-C", config,
-                               "-t", nullptr);
+    return exec_cmd_stdio_args(mail.content_path.c_str(), output, output, nullptr, kMailProgram, "-C", config, "-t",
+                               nullptr);
   }
   // Twice the same option, and the configuration as input: clients that authenticate write their files so.
   const std::string user = format_bounded(kCredentialSize, "-au%s", mail.user.c_str());
   const std::string password = format_bounded(kCredentialSize, "-au%s", mail.password.c_str());
-  return exec_cmd_stdio_args(config, output, output, nullptr, kMailProgram, user.c_str(), password.c_str(),
-                             "-C", config, "-t", nullptr);
+  return exec_cmd_stdio_args(config, output, output, nullptr, kMailProgram, user.c_str(), password.c_str(), "-C",
+                             config, "-t", nullptr);
 }
 
 // Only a file is moved: an empty name stands for the staging directory itself.
@@ -132,10 +132,8 @@ void write_log(const char* log_name, const Mail& mail, int result) {
 Outcome send_mail(Request& request, const std::string& user, const std::string& password,
                   const std::string& config_file, const std::string& content_file) {
   const char* const log_name = request.log_name.c_str();
-  const Mail mail = {.user = user,
-                     .password = password,
-                     .config_path = staged(config_file),
-                     .content_path = staged(content_file)};
+  const Mail mail = {
+      .user = user, .password = password, .config_path = staged(config_file), .content_path = staged(content_file)};
   LOG_AT(log_name, "exec sendmail start.");
   const HeldFolder scratch(kScratchDir);
   const int result = exit_status(run_mail_program(mail, scratch));

@@ -48,8 +48,8 @@ constexpr std::size_t kCommandTextSize = 512;  // bytes, terminator included
 void write_record(const std::string& command, const std::string& provider, int result) {
   const UniqueStream record = open_debug_record(HeldFolder(kScratchDir), kDebugRecord);
   if (!record) return;
-  const std::string text = format_bounded(kCommandTextSize, "%s %s -p %s -c %s", kAnalyticsTool,
-                                          command.c_str(), provider.c_str(), kDataDir);
+  const std::string text = format_bounded(kCommandTextSize, "%s %s -p %s -c %s", kAnalyticsTool, command.c_str(),
+                                          provider.c_str(), kDataDir);
   std::fprintf(record.get(), "cmd=[%s]\n", command.c_str());
   std::fprintf(record.get(), "provide_id=[%s]\n", provider.c_str());
   std::fprintf(record.get(), "str_cloud_analysis_register=[%s]\n", text.c_str());
@@ -57,8 +57,7 @@ void write_record(const std::string& command, const std::string& provider, int r
 }
 
 Outcome register_provider(Request& request, const std::string& provider, const std::string& command) {
-  const int status =
-      run_quietly(kAnalyticsTool, argument_vector(base_name(kAnalyticsTool), request.arguments()));
+  const int status = run_quietly(kAnalyticsTool, argument_vector(base_name(kAnalyticsTool), request.arguments()));
   write_record(command, provider, exit_status(status));
   return success_if(status == 0);
 }
@@ -90,8 +89,7 @@ Outcome return_notification(Request&, std::int32_t command, std::int32_t type, s
   if (command != kReturnCommand) return Outcome::failure;
   const std::string script = package_file(kOwnPackage, kNotifyScript, kScriptPathSize);
   if (script.empty()) return Outcome::failure;
-  const int status =
-      run_quietly(script, {base_name(script), "NOTIFY_CMD", std::to_string(type), std::to_string(acy)});
+  const int status = run_quietly(script, {base_name(script), "NOTIFY_CMD", std::to_string(type), std::to_string(acy)});
   return success_if(status == 0);
 }
 
@@ -106,10 +104,10 @@ constexpr std::size_t kMaxUsage = (kEncodedSize - 1) / 4 * 3;  // bytes whose en
 Outcome get_cloud_usage(Request& request, const std::string& encoded_path) {
   std::string path;
   base64_decode(encoded_path, &path);
-  const std::optional<std::string> usage = piped_bytes(
-      kAttributeReader,
-      {base_name(kAttributeReader), "--only-values", "--absolute-names", "-n", kAttribute, path.c_str()},
-      kMaxUsage + 1);
+  const std::optional<std::string> usage =
+      piped_bytes(kAttributeReader,
+                  {base_name(kAttributeReader), "--only-values", "--absolute-names", "-n", kAttribute, path.c_str()},
+                  kMaxUsage + 1);
   if (!usage || usage->empty() || usage->size() > kMaxUsage) return Outcome::failure;
   return success_with(request, base64_text(*usage));
 }
@@ -117,9 +115,7 @@ Outcome get_cloud_usage(Request& request, const std::string& encoded_path) {
 }  // namespace
 
 constexpr Command main_service::system_call_share_guard_add =
-    Row{.params = {text("share_name")},
-        .program = kShareGuard,
-        .args = {"add", param("share_name"), "VistalServer"}};
+    Row{.params = {text("share_name")}, .program = kShareGuard, .args = {"add", param("share_name"), "VistalServer"}};
 
 constexpr Command main_service::system_call_share_guard_remove =
     Row{.params = {text("share_name")}, .program = kShareGuard, .args = {"remove", param("share_name")}};
@@ -151,8 +147,7 @@ constexpr Command main_service::system_call_cloud_analysis_register =
 constexpr Command main_service::system_call_cloud_analysis_send =
     Row{.params = {text("provide_id"), text("command"), text("record_type"), text("record_text")},
         .program = kAnalyticsTool,
-        .args = {param("command"), "-p", param("provide_id"), "-r", param("record_type"), "-e",
-                 param("record_text")}};
+        .args = {param("command"), "-p", param("provide_id"), "-r", param("record_type"), "-e", param("record_text")}};
 
 constexpr Command main_service::system_call_cloud_analysis_flush =
     Row{.params = {text("provide_id"), text("command")},
@@ -164,11 +159,10 @@ constexpr Command main_service::system_call_cloud_analysis_unregister =
         .program = kAnalyticsTool,
         .args = {param("command"), "-p", param("provide_id")}};
 
-constexpr Command main_service::system_call_nc_notify = Row{
-    .params = {text("nc_notify")},
-    .runs =
-        "/bin/sh -c \"INSTALL_PATH/script/nc_wrapper.sh ARGUMENTS\", NC_NOTIFY being base64 of the arguments",
-    .action = with_params<pass_notification>};
+constexpr Command main_service::system_call_nc_notify =
+    Row{.params = {text("nc_notify")},
+        .runs = "/bin/sh -c \"INSTALL_PATH/script/nc_wrapper.sh ARGUMENTS\", NC_NOTIFY being base64 of the arguments",
+        .action = with_params<pass_notification>};
 
 constexpr Command main_service::notify_return =
     Row{.log_name = "nos_return_handler",

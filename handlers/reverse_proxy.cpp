@@ -66,8 +66,7 @@ Rule read_rule(const Json::Value& rule) {
   read.target_protocol = member_or(rule, "des_protocol", "http").asString();
   read.without_hsts = member_or(rule, "hsts", false).asBool();
   read.target_host = member_or(rule, "host_name", "").asString();
-  (void)member_or(rule, "proxy_timeout", 60)
-      .asInt();  // must be a number, but the timeout is the same for all
+  (void)member_or(rule, "proxy_timeout", 60).asInt();  // must be a number, but the timeout is the same for all
   return read;
 }
 

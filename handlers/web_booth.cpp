@@ -35,16 +35,15 @@ Arguments listed(Text&&... texts) {
 }
 
 // Nothing for an action that the tool has no verb for.
-std::optional<Arguments> tool_arguments(const std::string& action, std::string token,
-                                        const Json::Value& rule) {
+std::optional<Arguments> tool_arguments(const std::string& action, std::string token, const Json::Value& rule) {
   std::string id = "id=" + member_or(rule, "bs_id", "").asString();
   std::string url = "open_url=" + member_or(rule, "des_protocol", "http").asString();
   url += "://" + member_or(rule, "host_name", "").asString();
   url += ":" + std::to_string(member_or(rule, "des_port", 0).asInt());
   std::string type = "type=" + member_or(rule, "browser_type", "chrome").asString();
   if (action == "add") {
-    return listed("web-booth.container.create", std::move(token), std::move(url), "ttl=300",
-                  "resolution=1920x1080", std::move(type));
+    return listed("web-booth.container.create", std::move(token), std::move(url), "ttl=300", "resolution=1920x1080",
+                  std::move(type));
   }
   if (action == "delete") return listed("web-booth.container.delete", std::move(token), std::move(id));
   if (action == "get_status") return listed("web-booth.container", std::move(token), std::move(id));

@@ -12,7 +12,8 @@
 
 namespace {
 
-// The kernel's own limit. With less room it would close what does not fit, in the thread that receives: see discard.cpp.
+// The kernel's own limit. With less room it would close what does not fit, in the thread that receives: see
+// discard.cpp.
 constexpr std::size_t kMostDescriptors = 253;
 // As many as have ever been let through, by the room that the rules of alignment leave behind one.
 constexpr std::size_t kMostTaken = 2;
@@ -21,8 +22,7 @@ using Clock = std::chrono::steady_clock;
 
 // A message of `size` bytes and room for descriptors beside it. Points into itself.
 struct Message {
-  Message(void* bytes, std::size_t size, std::size_t control_size)
-      : payload{.iov_base = bytes, .iov_len = size} {
+  Message(void* bytes, std::size_t size, std::size_t control_size) : payload{.iov_base = bytes, .iov_len = size} {
     header.msg_iov = &payload;
     header.msg_iovlen = 1;
     header.msg_control = control;

@@ -7,16 +7,15 @@
 inline constexpr int kDirectiveDataSize = 257;
 
 enum ks_directive_type : std::uint8_t {
-  KS_DIR_READY = 1,    // consumer -> producer: data = its index, u64
-  KS_DIR_BUSY = 2,     // producer -> client, which is then closed
-  KS_DIR_QUIT = 3,     // ks_stop -> consumer
-  KS_DIR_PAUSED = 4,   // producer -> client, which is then closed
-  KS_DIR_REFUSED = 5,  // understood by clients, never sent
-  KS_DIR_TRANSFER =
-      6,               // producer -> consumer: data = the client's socket number, i32; the consumer echoes it
-  KS_DIR_ASK = 7,      // consumer -> client: send your request
-  KS_DIR_REQUEST = 8,  // client -> consumer: data = request name; then one or two descriptors
-  KS_DIR_DONE = 9,     // service -> client: the reply is in the memory file
+  KS_DIR_READY = 1,     // consumer -> producer: data = its index, u64
+  KS_DIR_BUSY = 2,      // producer -> client, which is then closed
+  KS_DIR_QUIT = 3,      // ks_stop -> consumer
+  KS_DIR_PAUSED = 4,    // producer -> client, which is then closed
+  KS_DIR_REFUSED = 5,   // understood by clients, never sent
+  KS_DIR_TRANSFER = 6,  // producer -> consumer: data = the client's socket number, i32; the consumer echoes it
+  KS_DIR_ASK = 7,       // consumer -> client: send your request
+  KS_DIR_REQUEST = 8,   // client -> consumer: data = request name; then one or two descriptors
+  KS_DIR_DONE = 9,      // service -> client: the reply is in the memory file
 };
 
 // The only record on a framework socket. Numbers in `data` are in host byte order; unused bytes are zero.

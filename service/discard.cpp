@@ -9,9 +9,9 @@
 // and nothing else. It closes the pending numbers, one after the other, and ends. When a close waits, only the closer
 // waits. A thread would not do: one that waits in the kernel keeps its process from ending.
 //
-// Waits that a signal can end, a timer ends soon. Only those that it cannot end keep a closer, and only while the owner's
-// process is there to be waited for. kMostClosers are alive at a time; what comes while they all wait stays open until
-// one of them is free.
+// Waits that a signal can end, a timer ends soon. Only those that it cannot end keep a closer, and only while the
+// owner's process is there to be waited for. kMostClosers are alive at a time; what comes while they all wait stays
+// open until one of them is free.
 //
 // A closer is nobody's child (its parent ends at once), so neither a wait() of the program around us nor SIGCHLD sees
 // it. What closers and process share lies in one mapping, made by the first discard of a process; its forks make
@@ -77,9 +77,7 @@ struct Numbers {
 
  private:
   static std::size_t index(int fd) { return static_cast<std::size_t>(fd) / kBitsPerWord; }
-  static std::uint64_t bit(int fd) {
-    return std::uint64_t{1} << (static_cast<std::size_t>(fd) % kBitsPerWord);
-  }
+  static std::uint64_t bit(int fd) { return std::uint64_t{1} << (static_cast<std::size_t>(fd) % kBitsPerWord); }
 };
 
 // Shared by a process and its closers.

@@ -57,10 +57,10 @@ extern "C" {
 // One request in flight. On the service side it arrives filled; on the client side ks_io_create makes an
 // empty one. The fields are for reading; the operations below change them.
 typedef struct ks_io {
-  uint32_t magic;    // KS_IO_MAGIC
-  int32_t memfd;     // the memory file, -1 until an operation needs one; owned
-  int32_t sockfd;    // the connection to the other side, -1 when none; owned
-  int32_t extra_fd;  // descriptor that travels beside the body, or -1; the caller's
+  uint32_t magic;                               // KS_IO_MAGIC
+  int32_t memfd;                                // the memory file, -1 until an operation needs one; owned
+  int32_t sockfd;                               // the connection to the other side, -1 when none; owned
+  int32_t extra_fd;                             // descriptor that travels beside the body, or -1; the caller's
   char request_name[KS_REQUEST_NAME_SIZE + 1];  // NUL-terminated
   uint64_t user_data;                           // the owner's, see ks_io_set
   void* shared_data;                            // the whole memory file as it was when mapped, or null

@@ -80,8 +80,7 @@ int milliseconds_until(Clock::time_point deadline) {
 ks_io* wait_for_event(ks_epoll* epoll, Clock::time_point deadline, std::uint32_t* events) {
   epoll_event event{};
   int ready;
-  while ((ready = epoll_wait(epoll->fd, &event, 1, milliseconds_until(deadline))) < 0 && errno == EINTR)
-    errno = 0;
+  while ((ready = epoll_wait(epoll->fd, &event, 1, milliseconds_until(deadline))) < 0 && errno == EINTR) errno = 0;
   if (ready < 1) return nullptr;
   *events = event.events;
   return static_cast<ks_io*>(event.data.ptr);
@@ -132,8 +131,7 @@ int ks_epoll_call(ks_epoll* epoll, const char* name, const char* request_name, k
   ks_socket_path(name, path, "ks_epoll_call", "request ");
   io->sockfd = socket(AF_UNIX, SOCK_STREAM, 0);
   if (io->sockfd < 0 || !set_fd_cloexec(io->sockfd)) {
-    ks_abort("ks_epoll_call",
-             "(io->sockfd = socket(AF_UNIX, SOCK_STREAM, 0)) >= 0 && set_fd_cloexec(io->sockfd)",
+    ks_abort("ks_epoll_call", "(io->sockfd = socket(AF_UNIX, SOCK_STREAM, 0)) >= 0 && set_fd_cloexec(io->sockfd)",
              "create request socket fail");
   }
   // A service that accepts nobody fills its backlog, and connect would then wait for ever.

@@ -111,10 +111,9 @@ void listen_on(ks_worker* producer, const char* sockfile) {
   }
   const sockaddr_un address = ks_socket_address(sockfile);
   if (bind(producer->sockfd[1], reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-    ks_abort(
-        kOperation,
-        "bind(producer_worker->sockfd[1], (struct sockaddr *) &sockaddr, sizeof(struct sockaddr_un)) == 0",
-        "producer-worker bind listen socket fail");
+    ks_abort(kOperation,
+             "bind(producer_worker->sockfd[1], (struct sockaddr *) &sockaddr, sizeof(struct sockaddr_un)) == 0",
+             "producer-worker bind listen socket fail");
   }
 }
 
@@ -128,23 +127,19 @@ void ks_producer_worker_init(ks_handle* handle, ks_worker* producer) {
   listen_on(producer, handle->sockfile);
   producer->pollfd = epoll_create(1);
   if (producer->pollfd < 0 || !set_fd_cloexec(producer->pollfd)) {
-    ks_abort(kOperation,
-             "(producer_worker->pollfd = epoll_create(1)) >= 0 && set_fd_cloexec(producer_worker->pollfd)",
+    ks_abort(kOperation, "(producer_worker->pollfd = epoll_create(1)) >= 0 && set_fd_cloexec(producer_worker->pollfd)",
              "producer-worker create epoll fail");
   }
   producer->queue = {
       .type = LISTEN_SOCK, .sockfd = producer->sockfd[1], .next = &producer->queue, .prev = &producer->queue};
   if (listen(producer->queue.sockfd, SOMAXCONN) != 0) {
-    ks_abort(kOperation, "listen(producer_worker->queue.sockfd, SOMAXCONN) == 0",
-             "producer-worker listen socket fail");
+    ks_abort(kOperation, "listen(producer_worker->queue.sockfd, SOMAXCONN) == 0", "producer-worker listen socket fail");
   }
   if (chmod(handle->sockfile, kSocketMode) != 0) {
-    ks_abort(kOperation, "chmod(service_handle->sockfile, 0777) == 0",
-             "producer-worker change socket file mode fail");
+    ks_abort(kOperation, "chmod(service_handle->sockfile, 0777) == 0", "producer-worker change socket file mode fail");
   }
   if (!ks_poll_add(producer->pollfd, producer->queue.sockfd, kWatchEvents, {.ptr = &producer->queue})) {
-    ks_abort("ks_start",
-             "epoll_ctl(producer_worker->pollfd, EPOLL_CTL_ADD, producer_worker->queue.sockfd, ev) == 0",
+    ks_abort("ks_start", "epoll_ctl(producer_worker->pollfd, EPOLL_CTL_ADD, producer_worker->queue.sockfd, ev) == 0",
              "producer-worker epoll add listen sockfd fail");
   }
 }
@@ -209,8 +204,8 @@ void end_consumer(ks_worker* worker) {
   hang_up_and_forget(&worker->transfer_fd);
 }
 
-// Hangs up on the clients that have not been accepted yet. Closing the listening socket would drop them, too, but wait for
-// the owners of what they have sent already.
+// Hangs up on the clients that have not been accepted yet. Closing the listening socket would drop them, too, but wait
+// for the owners of what they have sent already.
 void drain_backlog(int listening) {
   int client;
   while ((client = accept(listening, nullptr, nullptr)) >= 0) hang_up_and_forget(&client);
@@ -288,8 +283,7 @@ void ks_start(ks_handle* handle) {
   if (worker_of(handle).load() != nullptr) abort_started_twice();
   auto* workers = static_cast<ks_worker*>(std::calloc(handle->service_size + 1, sizeof(ks_worker)));
   if (workers == nullptr) {
-    ks_abort("ks_start",
-             "(service_handle->worker = calloc(service_option->service_size + 1, sizeof(ks_worker)))",
+    ks_abort("ks_start", "(service_handle->worker = calloc(service_option->service_size + 1, sizeof(ks_worker)))",
              "alloc worker memory fail");
   }
   // A handle that has ended may be started again: what its last stop set must not stop this run.
@@ -305,8 +299,7 @@ void ks_start(ks_handle* handle) {
     // The thread says itself who it is: once it runs, the service may be stopped and the array released.
     pthread_t thread;
     if (!ks_create_thread(&thread, standalone_producer, handle)) {
-      ks_abort("ks_start",
-               "pthread_create(&producer_worker->id.tid, &attr, ks_producer_worker, service_handle) == 0",
+      ks_abort("ks_start", "pthread_create(&producer_worker->id.tid, &attr, ks_producer_worker, service_handle) == 0",
                "producer-worker create thread fail");
     }
     return;

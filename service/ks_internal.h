@@ -24,8 +24,7 @@
 // The conditions that many operations share, as they are printed.
 inline constexpr char kIoCondition[] = "io && (*(u_int32_t*) io == KS_IO_MAGIC)";
 inline constexpr char kEpollCondition[] = "epoll && (*(u_int32_t*) epoll == KS_EPOLL_MAGIC)";
-inline constexpr char kHandleCondition[] =
-    "service_handle && (*(u_int32_t*) service_handle == KS_HANDLE_MAGIC)";
+inline constexpr char kHandleCondition[] = "service_handle && (*(u_int32_t*) service_handle == KS_HANDLE_MAGIC)";
 
 // Whether `record` is non-null and begins with `magic`. Reads the first four bytes only.
 bool ks_has_magic(const void* record, std::uint32_t magic);
@@ -130,14 +129,12 @@ union ks_worker_id {
 
 // One consumer, or the producer as the last element of the handle's array.
 struct ks_worker {
-  std::uint8_t ready;   // consumer: may receive a client. Touched atomically
-  std::int32_t pollfd;  // its own poll set, -1 when closed
-  std::int32_t
-      sockfd[2];  // [0] the consumer's end, [1] the producer's; producer: [1] is the listening socket
+  std::uint8_t ready;      // consumer: may receive a client. Touched atomically
+  std::int32_t pollfd;     // its own poll set, -1 when closed
+  std::int32_t sockfd[2];  // [0] the consumer's end, [1] the producer's; producer: [1] is the listening socket
   std::uint64_t index;
   ks_worker_id id;
-  std::uint32_t
-      type;  // consumer: the handle's mode; producer: 4 on a thread of its own, 2 in ks_start's caller
+  std::uint32_t type;  // consumer: the handle's mode; producer: 4 on a thread of its own, 2 in ks_start's caller
   ks_exec_fn exec;
   ks_hook_fn init_hook;
   void* init_arg;
@@ -151,7 +148,7 @@ struct ks_worker {
   const ks_handle* handle;   // consumer: the service it works for
   ks_silence_fn on_silence;  // consumer: what it does about a silent client, null for nothing
   void* silence_arg;
-  std::uint32_t phase;       // producer: ks_producer_phase. Touched atomically
+  std::uint32_t phase;  // producer: ks_producer_phase. Touched atomically
 };
 
 // How far the end of a service has got. The producer's thread and the stopping thread wait for one another

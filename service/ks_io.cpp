@@ -107,8 +107,7 @@ bool can_serve(int memfd, std::uint64_t* size) {
   const int seals = fcntl(memfd, F_GET_SEALS);
   if (seals == -1 || (seals & kForbidding) != 0) return false;
   struct stat status {};
-  if (fstat(memfd, &status) != 0 || !S_ISREG(status.st_mode) || status.st_dev != memory_device())
-    return false;
+  if (fstat(memfd, &status) != 0 || !S_ISREG(status.st_mode) || status.st_dev != memory_device()) return false;
   *size = static_cast<std::uint64_t>(status.st_size);
   return true;
 }

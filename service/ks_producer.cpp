@@ -11,8 +11,9 @@
 // may have been replaced, is read without waiting.
 //
 // Clients that wait hold descriptors of the whole process. They are kept at numbers that no fixed-size set of a library
-// knows, and out of a reserve at the top of the table: workers, and whatever else the process does, go on when the queue
-// is full. Should a connection find no descriptor at all, listening pauses for a moment: the loop would spin otherwise.
+// knows, and out of a reserve at the top of the table: workers, and whatever else the process does, go on when the
+// queue is full. Should a connection find no descriptor at all, listening pauses for a moment: the loop would spin
+// otherwise.
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -97,9 +98,8 @@ void print_restart(const ks_handle* handle, const ks_worker* worker, int status)
     how = "WIFSIGNALED";
     value = status & 0x7f;
   }
-  std::fprintf(stderr, "[KService] [WARN] [%s] consumer-worker[%zu].pid=%d %s=%d, restart it.\n",
-               handle->name, static_cast<std::size_t>(worker->index), static_cast<int>(worker->id.pid), how,
-               value);
+  std::fprintf(stderr, "[KService] [WARN] [%s] consumer-worker[%zu].pid=%d %s=%d, restart it.\n", handle->name,
+               static_cast<std::size_t>(worker->index), static_cast<int>(worker->id.pid), how, value);
 }
 
 // A process that has ended, or cannot be waited for, is replaced on the spot; the new one is ready.
@@ -201,8 +201,7 @@ void finish_transfer(ks_worker* worker, const directive& echo) {
   std::int32_t sockfd;
   std::memcpy(&sockfd, echo.data, sizeof(sockfd));
   if (sockfd < 0) {
-    ks_abort("ks_producer_worker", "*((int*)&directive.data) >= 0",
-             "producer-worker transfer client sockfd fail");
+    ks_abort("ks_producer_worker", "*((int*)&directive.data) >= 0", "producer-worker transfer client sockfd fail");
   }
   // Only the number handed over is ours to close, whatever a consumer process may claim.
   if (sockfd != worker->transfer_fd) return;
@@ -217,8 +216,7 @@ void serve_worker(Producer& p, ks_queue* entry) {
   // The event was of a socket that has been replaced since.
   if (got < 0 && (errno == EAGAIN || errno == EINTR)) return;
   if (got != sizeof(record)) {
-    ks_abort("ks_producer_worker",
-             "read(event_queue->sockfd, &directive, sizeof(directive)) == sizeof(directive)",
+    ks_abort("ks_producer_worker", "read(event_queue->sockfd, &directive, sizeof(directive)) == sizeof(directive)",
              "producer-worker receive consumer_worker directive fail");
   }
   if (record.type == KS_DIR_TRANSFER) {
@@ -253,8 +251,7 @@ void serve_event(Producer& p, ks_queue* entry, std::uint32_t events) {
 
 void drop_waiting_clients(Producer& p) {
   ks_queue* head = &p.self->queue;
-  for (ks_queue* client = head->next; client != head; client = client->next)
-    hang_up_and_forget(&client->sockfd);
+  for (ks_queue* client = head->next; client != head; client = client->next) hang_up_and_forget(&client->sockfd);
   free_entries(head);
 }
 

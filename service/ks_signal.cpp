@@ -113,7 +113,6 @@ void ks_crash_report(int signum) {
 
 void ks_init(void) {
   if (regcomp(&blocked_programs, BLOCKED_PROGRAM_LIST, REG_EXTENDED) != 0) {
-    ks_abort("ks_init", "regcomp(&re, BLOCKED_PROGRAM_LIST, REG_EXTENDED) == 0",
-             "cannot compile blocked program list");
+    ks_abort("ks_init", "regcomp(&re, BLOCKED_PROGRAM_LIST, REG_EXTENDED) == 0", "cannot compile blocked program list");
   }
 }

@@ -189,7 +189,8 @@ void serve(ks_worker* worker) {
   bool told = false;
   while (worker->pollfd >= 0) {
     epoll_event event{};
-    const int ready = epoll_wait(worker->pollfd, &event, 1, time_to_wait(worker, asked + (told ? kAnswerTimeout : kSilenceTimeout)));
+    const int ready =
+        epoll_wait(worker->pollfd, &event, 1, time_to_wait(worker, asked + (told ? kAnswerTimeout : kSilenceTimeout)));
     if (ready < 0 && errno == EINTR) {
       errno = 0;
       continue;
@@ -248,11 +249,10 @@ void* consumer_thread(void* arg) {
 void open_control_pair(ks_worker* worker) {
   if (socketpair(AF_UNIX, SOCK_STREAM, 0, worker->sockfd) < 0 || !set_fd_cloexec(worker->sockfd[0]) ||
       !set_fd_cloexec(worker->sockfd[1])) {
-    ks_abort(
-        "ks_consumer_worker_init",
-        "socketpair(AF_UNIX, SOCK_STREAM, 0, worker->sockfd) >= 0 && set_fd_cloexec(worker->sockfd[0]) && "
-        "set_fd_cloexec(worker->sockfd[1])",
-        "consumer-worker create sockets fail");
+    ks_abort("ks_consumer_worker_init",
+             "socketpair(AF_UNIX, SOCK_STREAM, 0, worker->sockfd) >= 0 && set_fd_cloexec(worker->sockfd[0]) && "
+             "set_fd_cloexec(worker->sockfd[1])",
+             "consumer-worker create sockets fail");
   }
   worker->sockfd[1] = ks_nonzero(worker->sockfd[1]);
 }
@@ -284,8 +284,7 @@ void ks_consumer_worker_init(ks_handle* handle, ks_worker* worker) {
     }
     if (worker->id.pid == 0) run_consumer_process(worker, parent);
   }
-  worker->queue = {
-      .type = WORKER_SOCK, .sockfd = worker->sockfd[1], .next = &worker->queue, .prev = &worker->queue};
+  worker->queue = {.type = WORKER_SOCK, .sockfd = worker->sockfd[1], .next = &worker->queue, .prev = &worker->queue};
   if (!ks_poll_add(producer->pollfd, worker->queue.sockfd, kWatchEvents, {.ptr = &worker->queue})) {
     ks_abort(kOperation, "epoll_ctl(producer_worker->pollfd, EPOLL_CTL_ADD, worker->queue.sockfd, ev) == 0",
              "producer-worker epoll add consumer-worker sockfd fail");
@@ -308,13 +307,11 @@ void ks_consumer_worker(ks_worker* worker) {
   if (worker->init_hook != nullptr) worker->init_hook(worker->init_arg);
   worker->pollfd = epoll_create(1);
   if (worker->pollfd < 0 || !set_fd_cloexec(worker->pollfd)) {
-    ks_abort(kOperation,
-             "(consumer_worker->pollfd = epoll_create(1)) >= 0 && set_fd_cloexec(consumer_worker->pollfd)",
+    ks_abort(kOperation, "(consumer_worker->pollfd = epoll_create(1)) >= 0 && set_fd_cloexec(consumer_worker->pollfd)",
              "consumer-worker create epoll fail");
   }
   if (!ks_poll_add(worker->pollfd, worker->sockfd[0], kWatchEvents, {.fd = worker->sockfd[0]})) {
-    ks_abort(kOperation,
-             "epoll_ctl(consumer_worker->pollfd, EPOLL_CTL_ADD, consumer_worker->sockfd[0], ev) == 0",
+    ks_abort(kOperation, "epoll_ctl(consumer_worker->pollfd, EPOLL_CTL_ADD, consumer_worker->sockfd[0], ev) == 0",
              "consumer-worker epoll add sockfd fail");
   }
   serve(worker);

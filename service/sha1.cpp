@@ -11,8 +11,7 @@ constexpr std::size_t kBlockSize = 64;
 constexpr std::size_t kLengthOffset = 56;
 
 std::uint32_t load_big_endian(const std::uint8_t* bytes) {
-  return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 | std::uint32_t{bytes[2]} << 8 |
-         bytes[3];
+  return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 | std::uint32_t{bytes[2]} << 8 | bytes[3];
 }
 
 void process_block(std::uint32_t (&state)[5], const std::uint8_t* block) {
@@ -77,8 +76,7 @@ int SHA1Result(SHA1Context* context) {
   const std::uint64_t bits = context->length * 8;
   static constexpr std::uint8_t kPadding[kBlockSize] = {0x80};
   const std::size_t filled = context->length % kBlockSize;
-  SHA1Input(context, kPadding,
-            filled < kLengthOffset ? kLengthOffset - filled : kBlockSize + kLengthOffset - filled);
+  SHA1Input(context, kPadding, filled < kLengthOffset ? kLengthOffset - filled : kBlockSize + kLengthOffset - filled);
   std::uint8_t length[8];
   for (int i = 0; i < 8; ++i) length[i] = static_cast<std::uint8_t>(bits >> (56 - 8 * i));
   SHA1Input(context, length, sizeof(length));

@@ -128,8 +128,7 @@ Outcome converse(const Call& call, ks_io* io, const Trace& trace) {
       continue;
     }
     // A reply, an empty one too, comes with its file. Without it the time ran out behind a record that says nothing.
-    if (finished != nullptr && outcome.status == KS_STATUS_OK && io->memfd == -1)
-      outcome.status = KS_STATUS_TIMEOUT;
+    if (finished != nullptr && outcome.status == KS_STATUS_OK && io->memfd == -1) outcome.status = KS_STATUS_TIMEOUT;
     return outcome;
   }
 }
@@ -154,8 +153,7 @@ std::string outcome_text(const Call& call, const Outcome& outcome, bool with_bod
     case KS_STATUS_TIMEOUT:
       if (!outcome.sent) return limit + "never asked for the request, all workers are busy; nothing was sent";
       if (!known_command(call.service.name, call.request))
-        return limit +
-               "the request was asked for and sent, but the service has no command of this name: misspelt?";
+        return limit + "the request was asked for and sent, but the service has no command of this name: misspelt?";
       return limit + "the request was asked for and sent; whether it was done is not known";
     case KS_STATUS_CONNECT:
       return connect_text(call, outcome.connect_error);
@@ -170,8 +168,7 @@ std::string outcome_text(const Call& call, const Outcome& outcome, bool with_bod
     case KS_STATUS_BUSY:
       return "the service is busy: too many clients are waiting";
     case KS_STATUS_ARGS:
-      return "the request's name is too long (at most " + std::to_string(KS_REQUEST_NAME_SIZE) +
-             " characters)";
+      return "the request's name is too long (at most " + std::to_string(KS_REQUEST_NAME_SIZE) + " characters)";
     default:
       return "unknown status " + std::to_string(outcome.status);
   }
@@ -182,9 +179,8 @@ std::string outcome_text(const Call& call, const Outcome& outcome, bool with_bod
 std::string read_reply(ks_io* io) {
   std::string text(io->shared_size <= kLongestJudged ? io->shared_size : 0, '\0');
   std::size_t filled = 0;
-  for (ssize_t got;
-       filled < text.size() && (got = pread(ks_io_fd(io), text.data() + filled, text.size() - filled,
-                                            static_cast<off_t>(filled))) > 0;) {
+  for (ssize_t got; filled < text.size() && (got = pread(ks_io_fd(io), text.data() + filled, text.size() - filled,
+                                                         static_cast<off_t>(filled))) > 0;) {
     filled += static_cast<std::size_t>(got);
   }
   text.resize(filled);
@@ -197,8 +193,7 @@ bool colours_wanted() {
   const char* refused = std::getenv("NO_COLOR");
   const char* terminal = std::getenv("TERM");
   // NOLINTEND(concurrency-mt-unsafe)
-  return (refused == nullptr || *refused == '\0') && terminal != nullptr &&
-         std::strcmp(terminal, "dumb") != 0;
+  return (refused == nullptr || *refused == '\0') && terminal != nullptr && std::strcmp(terminal, "dumb") != 0;
 }
 
 int show_reply(const Call& call, ks_io* io) {
@@ -216,8 +211,7 @@ int show_reply(const Call& call, ks_io* io) {
   if (!written) return local_trouble(kCallCommand, "cannot write the reply");
   const std::string failure = call.fail && json ? reported_failure(*json) : std::string();
   if (failure.empty()) return 0;
-  complain("call " + std::string(call.service.name) + " " + call.request +
-           ": the reply reports a failure: " + failure);
+  complain("call " + std::string(call.service.name) + " " + call.request + ": the reply reports a failure: " + failure);
   return kExitFailed;
 }
 
@@ -248,29 +242,27 @@ bool store_descriptor(const char* value, int* fd) {
 
 int run_call(int argc, char** argv) {
   Call call;
-  const Option options[] = {
-      timeout_option(&call.seconds),
-      {.name = "fd",
-       .value = "N",
-       .help = "pass a copy of the open descriptor N along",
-       .store = [&](const char* value) { return store_descriptor(value, &call.extra_fd); }},
-      {.name = "fail",
-       .letter = 'f',
-       .help = "exit with 3 when \"result\" or \"error_code\" of the reply is not 0",
-       .store = store_flag(&call.fail)},
-      {.name = "raw",
-       .letter = 'r',
-       .help = "print the reply byte for byte on a terminal, too",
-       .store = store_flag(&call.raw)},
-      {.name = "verbose",
-       .letter = 'v',
-       .help = "show each step with its time, on standard error",
-       .store = store_flag(&call.verbose)}};
+  const Option options[] = {timeout_option(&call.seconds),
+                            {.name = "fd",
+                             .value = "N",
+                             .help = "pass a copy of the open descriptor N along",
+                             .store = [&](const char* value) { return store_descriptor(value, &call.extra_fd); }},
+                            {.name = "fail",
+                             .letter = 'f',
+                             .help = "exit with 3 when \"result\" or \"error_code\" of the reply is not 0",
+                             .store = store_flag(&call.fail)},
+                            {.name = "raw",
+                             .letter = 'r',
+                             .help = "print the reply byte for byte on a terminal, too",
+                             .store = store_flag(&call.raw)},
+                            {.name = "verbose",
+                             .letter = 'v',
+                             .help = "show each step with its time, on standard error",
+                             .store = store_flag(&call.verbose)}};
   std::span<char*> operands;
   if (const auto over = read_arguments(kCallCommand, options, 3, argc, argv, &operands)) return *over;
   if (operands.size() < 2)
-    return wrong_usage(kCallCommand,
-                       operands.empty() ? "a service and a request are needed" : "a request is needed");
+    return wrong_usage(kCallCommand, operands.empty() ? "a service and a request are needed" : "a request is needed");
   call.request = operands[1];
   if (operands.size() == 3) call.body = operands[2];
   if (const auto over = find_service(kCallCommand, operands[0], &call.service)) return *over;

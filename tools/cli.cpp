@@ -18,8 +18,7 @@ std::string dashed(const Option& option) {
 }
 
 int print_help(const Subcommand& command, std::span<const Option> options) {
-  std::printf("usage: ksctl %s [OPTION]... %s\n\n%s\n\noptions:\n", command.name, command.operands,
-              command.summary);
+  std::printf("usage: ksctl %s [OPTION]... %s\n\n%s\n\noptions:\n", command.name, command.operands, command.summary);
   for (const Option& option : options) {
     const std::string letter = option.letter != 0 ? std::string("-") + option.letter + ", " : "    ";
     std::printf("  %s%-20s %s\n", letter.c_str(), dashed(option).c_str(), option.help);
@@ -46,16 +45,16 @@ int wrong_option(const Subcommand& command, int result, char** argv) {
 
 }  // namespace
 
-std::optional<int> read_arguments(const Subcommand& command, std::span<const Option> options,
-                                  std::size_t most, int argc, char** argv, std::span<char*>* operands) {
+std::optional<int> read_arguments(const Subcommand& command, std::span<const Option> options, std::size_t most,
+                                  int argc, char** argv, std::span<char*>* operands) {
   std::string letters = ":h";
   std::vector<option> long_options = {{"help", no_argument, nullptr, 'h'}};
   for (std::size_t i = 0; i < options.size(); ++i) {
     const Option& row = options[i];
     const bool takes_value = row.value != nullptr;
     if (row.letter != 0) letters += row.letter + std::string(takes_value ? ":" : "");
-    long_options.push_back({row.name, takes_value ? required_argument : no_argument, nullptr,
-                            kFirstLongOption + static_cast<int>(i)});
+    long_options.push_back(
+        {row.name, takes_value ? required_argument : no_argument, nullptr, kFirstLongOption + static_cast<int>(i)});
   }
   long_options.push_back({});
 
@@ -73,8 +72,7 @@ std::optional<int> read_arguments(const Subcommand& command, std::span<const Opt
     if (!row.store(optarg)) return wrong_usage(command, "does not fit " + dashed(row) + ": " + optarg);
   }
   *operands = std::span(argv + optind, static_cast<std::size_t>(argc - optind));
-  if (operands->size() > most)
-    return wrong_usage(command, std::string("too many arguments: ") + (*operands)[most]);
+  if (operands->size() > most) return wrong_usage(command, std::string("too many arguments: ") + (*operands)[most]);
   return std::nullopt;
 }
 

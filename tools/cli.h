@@ -54,8 +54,8 @@ extern const Subcommand kWaitCommand;
 // Reads a subcommand's arguments. Options may stand anywhere before "--", behind operands too. On nullopt all
 // options have been stored and *operands holds the rest, at most `most` of them; any other result ends the
 // program with that status: 0 after --help, kExitUsage after a complaint.
-std::optional<int> read_arguments(const Subcommand& command, std::span<const Option> options,
-                                  std::size_t most, int argc, char** argv, std::span<char*>* operands);
+std::optional<int> read_arguments(const Subcommand& command, std::span<const Option> options, std::size_t most,
+                                  int argc, char** argv, std::span<char*>* operands);
 
 // The `store` of options that hold a number from 0 to `max`, and of those that are there or not.
 std::function<bool(const char*)> store_number(unsigned* number, unsigned max);

@@ -13,11 +13,10 @@ const Subcommand* const kSubcommands[] = {&kCallCommand,  &kWaitCommand,       &
                                           &kServeCommand, &kPostNotifyCommand, &kPostLogCommand};
 
 void print_help() {
-  std::printf(
-      "usage: ksctl SUBCOMMAND [OPTION]... [ARGUMENT]...\n\nSpeaks to the local services.\n\nsubcommands:\n");
+  std::printf("usage: ksctl SUBCOMMAND [OPTION]... [ARGUMENT]...\n\nSpeaks to the local services.\n\nsubcommands:\n");
   for (const Subcommand* command : kSubcommands)
-    std::printf("  %s%s%s\n      %s\n", command->name, *command->operands != '\0' ? " " : "",
-                command->operands, command->summary);
+    std::printf("  %s%s%s\n      %s\n", command->name, *command->operands != '\0' ? " " : "", command->operands,
+                command->summary);
   std::printf(
       "\n\"ksctl SUBCOMMAND --help\" has its options. \"ksctl --version\" prints the "
       "version.\n\nservices:\n%s",

@@ -117,8 +117,7 @@ const Subcommand kPostNotifyCommand = {
 const Subcommand kPostLogCommand = {
     .name = "post-log",
     .operands = "event|connection",
-    .summary =
-        "Puts a record of the event or the connection log into the daemon's queue 65522, without waiting.",
+    .summary = "Puts a record of the event or the connection log into the daemon's queue 65522, without waiting.",
     .statuses = kStatuses,
     .example = "ksctl post-log connection --level 1 --user alice --content login --action 4",
     .run = run_post_log,

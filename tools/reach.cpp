@@ -28,8 +28,8 @@ int wait_for_accept(const std::string& path, std::chrono::seconds limit) {
 }
 
 // The one operand of both subcommands.
-std::optional<int> read_service(const Subcommand& command, std::span<const Option> options, int argc,
-                                char** argv, Service* service) {
+std::optional<int> read_service(const Subcommand& command, std::span<const Option> options, int argc, char** argv,
+                                Service* service) {
   std::span<char*> operands;
   if (const auto over = read_arguments(command, options, 1, argc, argv, &operands)) return over;
   if (operands.empty()) return wrong_usage(command, "a service is needed");

@@ -35,8 +35,7 @@ std::string body_on_a_line(ks_io* io) {
     body.append(chunk, static_cast<std::size_t>(got));
   }
   if (body.ends_with('\n')) body.pop_back();
-  for (std::size_t at = 0; (at = body.find('\n', at)) != std::string::npos; at += 2)
-    body.replace(at, 1, "\\n");
+  for (std::size_t at = 0; (at = body.find('\n', at)) != std::string::npos; at += 2) body.replace(at, 1, "\\n");
   return body;
 }
 
@@ -71,8 +70,7 @@ bool try_bind(const std::string& path) {
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof address.sun_path - 1);
   const UniqueFd trial(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  return trial.get() >= 0 &&
-         bind(trial.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  return trial.get() >= 0 && bind(trial.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
 // As many threads at once as the service has.
@@ -97,9 +95,9 @@ std::optional<int> take_over(const Service& service, bool replace) {
   if (!replace && error != ENOENT && error != ECONNREFUSED) {
     const bool served = error == 0 || error == EAGAIN;
     complain(who + ": " +
-             (served ? service.path + " is served already"
-                     : "cannot tell whether " + service.path +
-                           " is served: " + std::generic_category().message(error)) +
+             (served
+                  ? service.path + " is served already"
+                  : "cannot tell whether " + service.path + " is served: " + std::generic_category().message(error)) +
              "; --replace takes it over");
     return kExitLocal;
   }
@@ -131,21 +129,20 @@ int serve(const Service& service) {
 
 int run_serve(int argc, char** argv) {
   bool replace = false;
-  const Option options[] = {{.name = "reply",
-                             .value = "TEXT",
-                             .help = "the reply to each request, empty unless given",
-                             .store =
-                                 [](const char* value) {
-                                   reply_text = value;
-                                   return true;
-                                 }},
-                            {.name = "count",
-                             .value = "REQUESTS",
-                             .help = "end after so many, 0: never",
-                             .store = store_number(&requests_left, kMaxSeconds)},
-                            {.name = "replace",
-                             .help = "take the socket from the process that serves it",
-                             .store = store_flag(&replace)}};
+  const Option options[] = {
+      {.name = "reply",
+       .value = "TEXT",
+       .help = "the reply to each request, empty unless given",
+       .store =
+           [](const char* value) {
+             reply_text = value;
+             return true;
+           }},
+      {.name = "count",
+       .value = "REQUESTS",
+       .help = "end after so many, 0: never",
+       .store = store_number(&requests_left, kMaxSeconds)},
+      {.name = "replace", .help = "take the socket from the process that serves it", .store = store_flag(&replace)}};
   std::span<char*> operands;
   if (const auto over = read_arguments(kServeCommand, options, 1, argc, argv, &operands)) return *over;
   if (operands.empty()) return wrong_usage(kServeCommand, "a service is needed");

@@ -11,8 +11,8 @@ static const char* const kUsers[] = {"admin", "alice", "bob"};
 static const char* const kGroups[] = {"administrators", "everyone"};
 
 // The list is exactly as long as its entries, so that a reader who runs past it can be caught.
-static int list_names(const char* function, const char* const* names, int size, char** list, int first,
-                      int second, const void* nothing, int* count) {
+static int list_names(const char* function, const char* const* names, int size, char** list, int first, int second,
+                      const void* nothing, int* count) {
   char texts[2][16];
   snprintf(texts[0], sizeof texts[0], "%d", first);
   snprintf(texts[1], sizeof texts[1], "%d", second);

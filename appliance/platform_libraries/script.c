@@ -29,8 +29,7 @@ static void run_program(void) {
   const pid_t pid = fork();
   if (pid == 0) {
     if (freopen(RECORD_ROOT PLATFORM_LIBRARY ".program", "w", stdout) == NULL) _exit(1);
-    execl("/bin/grep", "grep", "-hE", "SigBlk|open files", "/proc/self/status", "/proc/self/limits",
-          (char*)NULL);
+    execl("/bin/grep", "grep", "-hE", "SigBlk|open files", "/proc/self/status", "/proc/self/limits", (char*)NULL);
     _exit(1);
   }
   waitpid(pid, NULL, 0);

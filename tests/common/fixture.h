@@ -10,8 +10,6 @@
 class CommonTest : public GuardedTest {
  protected:
   // Empty when there is no such file.
-  static std::string contents(const std::string& path) {
-    return content_of(Fd(open(path.c_str(), O_RDONLY)));
-  }
+  static std::string contents(const std::string& path) { return content_of(Fd(open(path.c_str(), O_RDONLY))); }
   static void write_file(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
 };

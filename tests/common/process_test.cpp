@@ -33,8 +33,7 @@ TEST_F(ProcessTest, ConnectsStreamsAndReturnsTheRawStatus) {
   for (const auto& row : rows) {
     write_file(out_, "older and longer than anything printed");
     const std::string& err = row.err != nullptr ? err_ : out_;
-    EXPECT_EQ(exec_cmd_args(out_.c_str(), err.c_str(), nullptr, "/bin/sh", "-c", row.script, nullptr),
-              row.status);
+    EXPECT_EQ(exec_cmd_args(out_.c_str(), err.c_str(), nullptr, "/bin/sh", "-c", row.script, nullptr), row.status);
     EXPECT_EQ(contents(out_), row.out);
     EXPECT_EQ(contents(err), row.err != nullptr ? row.err : row.out);
   }
@@ -58,8 +57,8 @@ TEST_F(ProcessTest, TracesAndCleansUpWhatCannotBeStarted) {
     EXPECT_EQ(exec_cmd_stdio_args(row.input.c_str(), row.output.c_str(), row.error.c_str(), trace.c_str(),
                                   "/no/such/program", nullptr),
               row.status);
-    EXPECT_EQ(contents(trace), "cmd=/no/such/program\nstdin_file=" + row.input + "\nstdout_file=" +
-                                   row.output + "\nstderr_file=" + row.error + "\n" + row.diagnosis);
+    EXPECT_EQ(contents(trace), "cmd=/no/such/program\nstdin_file=" + row.input + "\nstdout_file=" + row.output +
+                                   "\nstderr_file=" + row.error + "\n" + row.diagnosis);
     EXPECT_EQ(std::filesystem::exists(out_), row.status != -1);
     for (const std::string& file : {out_, err_, trace}) std::filesystem::remove(file);
   }

@@ -213,15 +213,13 @@ TEST_F(Commands, BadRequestsAreRefusedAndRunNothing) {
   const StandIn tool(kGuard);
   EXPECT_EQ(answer("system_call_share_guard_add", "{\"share_name\":\"x\""),
             R"({"error_code":-1,"error_msg":"input error"})");
-  EXPECT_THAT(new_log(),
-              testing::MatchesRegex(
-                  ".* \\[nos_system_call_share_guard_add_handler\\]\\[[0-9]+\\] ks_io input fail\\.\n"));
+  EXPECT_THAT(new_log(), testing::MatchesRegex(
+                             ".* \\[nos_system_call_share_guard_add_handler\\]\\[[0-9]+\\] ks_io input fail\\.\n"));
   // What handlers throw costs one request and one log line.
   for (const auto& thrown : {std::optional<std::string>(), std::optional(std::string(5000, '['))}) {
     const std::string log = new_log();
     EXPECT_EQ(call(kMain, "system_call_share_guard_add", thrown).status, KS_STATUS_BROKEN);
-    EXPECT_THAT(new_log().substr(log.size()),
-                testing::MatchesRegex("[^\n]+ ended without a reply: [^\n]+\n"));
+    EXPECT_THAT(new_log().substr(log.size()), testing::MatchesRegex("[^\n]+ ended without a reply: [^\n]+\n"));
   }
   EXPECT_TRUE(tool.calls().empty());
 }
@@ -248,8 +246,7 @@ TEST_F(Commands, NotificationsGoThroughTheWrapperAsTheShellReadsThem) {
   fs::rename(kPackages, "/etc/config/aside");
   EXPECT_EQ(notify(base64("exit 0")), R"({"result":0})");
   EXPECT_EQ(answer("notify_return", R"({"cmd":3,"type":1,"acy":5})"), failed("nos_return_handler"));
-  EXPECT_EQ(answer("system_call_vistalpro_disable"),
-            failed("nos_system_system_call_vistalpro_disable_handler"));
+  EXPECT_EQ(answer("system_call_vistalpro_disable"), failed("nos_system_system_call_vistalpro_disable_handler"));
   fs::rename("/etc/config/aside", kPackages);
   EXPECT_TRUE(script.calls().empty());
 }
@@ -308,8 +305,8 @@ TEST_F(Commands, CloudToolsAreHeardAsTheyAre) {
   }
   fs::rename("/sbin/aside", kConfigReader);
   id.plays("stdout in the cloud\n");
-  const std::pair<const char*, const char*> versions[] = {
-      {"stdout VNOS_CLD\\nmore\nexit 3\n", "in the cloud"}, {"stdout VNOS_CLD \n", ""}};
+  const std::pair<const char*, const char*> versions[] = {{"stdout VNOS_CLD\\nmore\nexit 3\n", "in the cloud"},
+                                                          {"stdout VNOS_CLD \n", ""}};
   for (const auto& [script, output] : versions) {
     version.plays(script);
     EXPECT_EQ(answer("read_hwsn"), R"({"result":0,"result_out":")" + base64(output) + "\"}") << script;
@@ -338,8 +335,8 @@ TEST_F(Commands, PackageProgramsAreReportedWhateverBecomesOfThem) {
   const auto viewed = [](const std::string& more, int installed, int enabled, const std::string& output) {
     return "{\"cli_ret\":" + more + ",\"is_enabled\":" + std::to_string(enabled) +
            ",\"is_installed\":" + std::to_string(installed) +
-           ",\"result\":" + (more.find("error") == more.npos ? "0" : "-1") + ",\"result_out\":\"" +
-           base64(output) + "\"}";
+           ",\"result\":" + (more.find("error") == more.npos ? "0" : "-1") + ",\"result_out\":\"" + base64(output) +
+           "\"}";
   };
   viewer.plays("stdout a\\x00b\nbytes 1019\nstdout cd\nexit 3\n");
   EXPECT_EQ(answer("cmv_cli", R"({"cmd":"a b"})"), viewed("768", 1, 1, "ad"));
@@ -352,14 +349,12 @@ TEST_F(Commands, PackageProgramsAreReportedWhateverBecomesOfThem) {
   EXPECT_EQ(answer("vistal_agent_cli", R"({"opt":["status","-v x"]})"),
             R"({"cli_ret":9,"result":0,"result_out":"b3V0"})");
   EXPECT_EQ(agent.calls().at(0).line, std::string(kAgent + 1) + "|status|-v x");
-  EXPECT_THAT(without_numbers(new_log()),
-              testing::EndsWith("[vistal_agent_cli_handler] args=[status,-v x,], \n"
-                                "[vistal_agent_cli_handler] ret=[9][out]\n"));
+  EXPECT_THAT(without_numbers(new_log()), testing::EndsWith("[vistal_agent_cli_handler] args=[status,-v x,], \n"
+                                                            "[vistal_agent_cli_handler] ret=[9][out]\n"));
   EXPECT_EQ(answer("vistal_agent_cli", "{"), R"({"error_msg":"input error","result":-1})");
   EXPECT_EQ(call(kMain, "vistal_agent_cli", R"({"opt":["a",1]})").status, KS_STATUS_BROKEN);
   agent.remove();
-  EXPECT_EQ(answer("vistal_agent_cli", "{"),
-            R"({"error_msg":"vistal_agent_cli_path does not exist","result":-4})");
+  EXPECT_EQ(answer("vistal_agent_cli", "{"), R"({"error_msg":"vistal_agent_cli_path does not exist","result":-4})");
   EXPECT_THAT(without_numbers(new_log()),
               testing::EndsWith("vistal_agent_cli_path does not exist: " + std::string(kAgent) + "\n"));
 
@@ -369,9 +364,8 @@ TEST_F(Commands, PackageProgramsAreReportedWhateverBecomesOfThem) {
   const Json::Value missing = call(kMain, "cmv_cli", R"({"cmd":""})").json();
   std::string message;
   base64_decode(missing["result_out"].asString(), &message);
-  EXPECT_THAT(message,
-              testing::MatchesRegex(
-                  R"(\[nos_cmv_cli_handler\]\[[0-9]+\] cmv_cli_path=\[\] doesnt exist\. errno=\[2\])"));
+  EXPECT_THAT(message, testing::MatchesRegex(
+                           R"(\[nos_cmv_cli_handler\]\[[0-9]+\] cmv_cli_path=\[\] doesnt exist\. errno=\[2\])"));
   EXPECT_EQ(answer("cmv_cli", R"({"cmd":""})"), viewed("-1", 0, 1, message));
   fs::rename("/etc/config/aside", kPackages);
 }

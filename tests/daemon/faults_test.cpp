@@ -36,8 +36,7 @@ class Fault {
  public:
   Fault(fault_kind kind, int error, int left = -1, int skip = 0) : fault_(faults()[kind]) {
     // This sanitizer has a thread of its own, from the very start.
-    if (kind == FAULT_PTHREAD_CREATE && left > 0)
-      skip += dlsym(RTLD_DEFAULT, "__tsan_init") != nullptr ? 1 : 0;
+    if (kind == FAULT_PTHREAD_CREATE && left > 0) skip += dlsym(RTLD_DEFAULT, "__tsan_init") != nullptr ? 1 : 0;
     fault_ = {.error = error, .skip = skip, .left = 0, .hits = 0};
     __atomic_store_n(&fault_.left, left, __ATOMIC_RELEASE);
   }
@@ -96,20 +95,16 @@ const struct {
   const char* reply;  // a part of it; null when the client is hung up on instead
 } kRows[] = {
     // No process to be had is like a program that was content and said nothing.
-    {FAULT_FORK, EAGAIN, kMain, "exec_cli", kEcho,
-     R"("error_code":0,"handler":"exec_cli_handler","result":"")"},
+    {FAULT_FORK, EAGAIN, kMain, "exec_cli", kEcho, R"("error_code":0,"handler":"exec_cli_handler","result":"")"},
     {FAULT_FORK, EAGAIN, kMain, "get_vpd_channel", "", "nos_get_vpd_channel_handler fail"},
     {FAULT_FORK, EAGAIN, kMail, "sendmail", kMessage, R"({"result":0})"},
-    {FAULT_OPEN, ENOSPC, kMain, "exec_cli", kEcho,
-     R"("error_code":0,"handler":"exec_cli_handler","result":"")"},
-    {FAULT_OPEN, EACCES, kMain, "system_call_share_guard_add", kShare,
-     "nos_system_call_share_guard_add_handler fail"},
+    {FAULT_OPEN, ENOSPC, kMain, "exec_cli", kEcho, R"("error_code":0,"handler":"exec_cli_handler","result":"")"},
+    {FAULT_OPEN, EACCES, kMain, "system_call_share_guard_add", kShare, "nos_system_call_share_guard_add_handler fail"},
     {FAULT_OPEN, EACCES, kMain, "update_ip_ban_list", R"({"ip_list":"1.2.3.4"})",
      "nos_update_ip_ban_list_handler fail"},
     {FAULT_OPEN, ENOSPC, kMain, "read_hwsn", "", "nos_read_hwsn_handler fail"},
     {FAULT_OPEN, ENOSPC, kMail, "sendmail", kMessage, R"({"result":-1})"},
-    {FAULT_DLOPEN, ENOMEM, kMain, "vistal_auth_add_session", kSession,
-     "nos_vistal_auth_add_session_handler fail"},
+    {FAULT_DLOPEN, ENOMEM, kMain, "vistal_auth_add_session", kSession, "nos_vistal_auth_add_session_handler fail"},
     {FAULT_DLOPEN, ENOMEM, kMain, "get_all_users", "", "nos_get_all_users_handler fail"},
     {FAULT_PTHREAD_CREATE, EAGAIN, kMain, "test", "", nullptr},
     {FAULT_MMAP, ENOMEM, kMail, "test", "body", nullptr},
@@ -222,8 +217,7 @@ TEST(FaultsAtStart, WhatElseIsMissingIsDoneWithoutOrEndsTheStart) {
 // A record on its way to the notification service needs a memory file, a poll set and a mapped reply.
 TEST(FaultsOfTheRelay, AnEventThatCannotBeForwardedAborts) {
   const std::tuple<fault_kind, int, std::string> rows[] = {
-      {FAULT_MEMFD, ENFILE,
-       "ks_io_shm() create share memory file fail: `io->memfd != -1 && set_fd_cloexec(io->memfd)"},
+      {FAULT_MEMFD, ENFILE, "ks_io_shm() create share memory file fail: `io->memfd != -1 && set_fd_cloexec(io->memfd)"},
       {FAULT_EPOLL_ADD, ENOSPC,
        "ks_epoll_call() epoll add request sockfd fail: `epoll_ctl(epoll->fd, EPOLL_CTL_ADD, io->sockfd, ev) "
        "== 0"},

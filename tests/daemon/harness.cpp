@@ -89,12 +89,11 @@ Json::Value Reply::json() const {
   return value;
 }
 
-Reply call(const char* service, const std::string& request, const std::optional<std::string>& body,
-           int extra_fd) {
+Reply call(const char* service, const std::string& request, const std::optional<std::string>& body, int extra_fd) {
   void* data = nullptr;
   uint64_t size = 0;
-  const int status = ks_ez_call(service, request.c_str(), body ? body->data() : nullptr,
-                                body ? body->size() : 0, &data, &size, 10, extra_fd);
+  const int status = ks_ez_call(service, request.c_str(), body ? body->data() : nullptr, body ? body->size() : 0, &data,
+                                &size, 10, extra_fd);
   const std::unique_ptr<void, decltype(&std::free)> owner(data, std::free);
   return {status, std::string(static_cast<const char*>(data), size)};
 }
@@ -160,13 +159,11 @@ void DaemonTest::TearDown() {
 void DaemonTest::expect_as_before() const {
   EXPECT_EQ(call(kMail, "test").status, KS_STATUS_OK);
   EXPECT_TRUE(eventually([this] {
-    return call(kMain, "test").status == KS_STATUS_OK &&
-           open_descriptors(daemon_->pid()).size() <= descriptors_;
+    return call(kMain, "test").status == KS_STATUS_OK && open_descriptors(daemon_->pid()).size() <= descriptors_;
   })) << "no answer, or descriptors leaked: "
       << testing::PrintToString(open_descriptors(daemon_->pid()));
-  EXPECT_TRUE(eventually([] {
-    return WEXITSTATUS(Process("pgrep -P " + std::to_string(daemon_->pid())).wait()) == 1;
-  })) << "children left";
+  EXPECT_TRUE(eventually([] { return WEXITSTATUS(Process("pgrep -P " + std::to_string(daemon_->pid())).wait()) == 1; }))
+      << "children left";
   for (const auto& entry : fs::directory_iterator("/tmp")) {
     EXPECT_FALSE(entry.path().filename().string().starts_with("file")) << entry;
   }

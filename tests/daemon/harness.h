@@ -59,8 +59,8 @@ struct Reply {
 };
 
 // One request to a service, as any client sends it; nullopt: no body at all.
-Reply call(const char* service, const std::string& request,
-           const std::optional<std::string>& body = std::nullopt, int extra_fd = -1);
+Reply call(const char* service, const std::string& request, const std::optional<std::string>& body = std::nullopt,
+           int extra_fd = -1);
 
 // How a stand-in was called. In its record a newline is "\n", two characters, and so it is here.
 struct StandInCall {

@@ -23,9 +23,9 @@ std::string send_mail(const std::string& user, const std::string& password,
                       const std::string& content = "To: a@b.example\n\nHello\n") {
   write_file(kStaging + "/m.conf", config);
   write_file(kStaging + "/m.mail", content);
-  return call(kMail, "sendmail",
-              R"({"user":")" + user + R"(","pwd":")" + password +
-                  R"(","config_file":"m.conf","content_file":"m.mail"})")
+  return call(
+             kMail, "sendmail",
+             R"({"user":")" + user + R"(","pwd":")" + password + R"(","config_file":"m.conf","content_file":"m.mail"})")
       .text;
 }
 
@@ -75,8 +75,7 @@ TEST_F(Mail, WhatASendLeavesBehind) {
             "str_conf_path=[/tmp/vistalsurveillance_sendmail/m.conf]\n"
             "str_content_path=[/tmp/vistalsurveillance_sendmail/m.mail]\n"
             "str_cmd_sendmail=[]\nstr_cmd_rm=[]\nret_val=[75]\n");
-  EXPECT_THAT(new_log(),
-              testing::ContainsRegex("\\] str_cmd_sendmail=\\[\\]\\.\n.*\\] ret_val=\\[75\\]\\.\n\n$"));
+  EXPECT_THAT(new_log(), testing::ContainsRegex("\\] str_cmd_sendmail=\\[\\]\\.\n.*\\] ret_val=\\[75\\]\\.\n\n$"));
   EXPECT_THAT(new_log(), testing::Not(testing::HasSubstr("s3cret")));
 }
 
@@ -149,8 +148,8 @@ TEST_F(Mail, InputsThatAreNoFilesAreNotOpened) {
     write_file(kStaging + "/m.conf", "");
     write_file(kStaging + "/m.mail", "");
     program_.plays("");
-    const std::string body = R"({"user":")" + std::string(row.user) + R"(","pwd":"b","config_file":")" +
-                             row.config + R"(","content_file":")" + row.content + "\"}";
+    const std::string body = R"({"user":")" + std::string(row.user) + R"(","pwd":"b","config_file":")" + row.config +
+                             R"(","content_file":")" + row.content + "\"}";
     EXPECT_EQ(call(kMail, "sendmail", body).text, result(row.result));
     EXPECT_EQ(program_.calls().size(), row.result == 0 ? 1u : 0u);
     EXPECT_TRUE(fs::is_directory(kStaging) && fs::is_fifo(kStaging + "/pipe"));

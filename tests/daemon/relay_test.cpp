@@ -74,8 +74,7 @@ class Relay : public DaemonTest {};
 
 TEST_F(Relay, BusEventsBecomeNotifyEvents) {
   const auto service = notification_service();
-  NotifyMessage message{
-      .type = 77, .bus_type = 3, .bus_action = -4, .return_flag = 1, .extra_info = "a \"b\"\n"};
+  NotifyMessage message{.type = 77, .bus_type = 3, .bus_action = -4, .return_flag = 1, .extra_info = "a \"b\"\n"};
   post(kEventQueueKey, &message, kNotifyMessageSize);
   message = {.type = 1, .bus_type = 0, .bus_action = 0, .return_flag = 2, .extra_info = {}};
   std::memset(message.extra_info, 'z', 132);  // no NUL
@@ -108,12 +107,11 @@ TEST_F(Relay, LogRecordsBecomeNotifyLogAndNotifyConn) {
     post(kLogQueueKey, &message, kLogMessageSize);
   }
   const std::string nas = R"(,"method":"notify","nas_ip":"---","nas_name":"---",)";
-  EXPECT_THAT(
-      lines_of(kReceived, 2),
-      ElementsAre(R"(notify_log {"content":"","level":-1)" + nas + R"("source_ip":")" + std::string(65, 'i') +
-                      R"(host","source_name":"host","time":"1700000000000","user":"admin"})",
-                  R"(notify_conn {"action":6,"content":")" + std::string(1024, 'c') + R"(","level":0)" + nas +
-                      R"("serv":5,"source_ip":"","source_name":"","time":"1700000000001","user":""})"));
+  EXPECT_THAT(lines_of(kReceived, 2),
+              ElementsAre(R"(notify_log {"content":"","level":-1)" + nas + R"("source_ip":")" + std::string(65, 'i') +
+                              R"(host","source_name":"host","time":"1700000000000","user":"admin"})",
+                          R"(notify_conn {"action":6,"content":")" + std::string(1024, 'c') + R"(","level":0)" + nas +
+                              R"("serv":5,"source_ip":"","source_name":"","time":"1700000000001","user":""})"));
   EXPECT_EQ(new_log(), "");
 }
 

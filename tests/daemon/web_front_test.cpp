@@ -67,8 +67,8 @@ TEST_F(WebFront, ProgramsAreRunAndTheirOutputRelayed) {
       {"reverse_proxy", R"({"rule_list":[null]} tail)", kProxy,
        std::string("reverseproxy_vistalsurveillance|-k|graceful|-f|") + kProxySettings,
        "get jRuleList[0] strGUID failed\n"},
-      {"reverse_proxy", R"({"action":"add"})", kManager,
-       "svc_mgr|reverseproxy_vistalsurveillance|start|" + kStart, "proxy_cmd = " + kStart + "\n"},
+      {"reverse_proxy", R"({"action":"add"})", kManager, "svc_mgr|reverseproxy_vistalsurveillance|start|" + kStart,
+       "proxy_cmd = " + kStart + "\n"},
       {"web_booth", R"({"action":"add","rule_list":[{"bs_id":"b"},{"bs_id":"c","host_name":"h"}]})", kBooths,
        "kesh|web-booth.container.create|token=|open_url=http://:0|ttl=300|resolution=1920x1080|type=chrome"},
       {"web_booth",
@@ -79,10 +79,8 @@ TEST_F(WebFront, ProgramsAreRunAndTheirOutputRelayed) {
        "x"},
       {"web_booth", R"({"action":"delete","auth_token":"t","rule_list":[{"bs_id":"b 1"}]})", kBooths,
        "kesh|web-booth.container.delete|token=t|id=b 1"},
-      {"web_booth", R"({"action":"get_status","rule_list":[{}]})", kBooths,
-       "kesh|web-booth.container|token=|id="},
-      {"install_app",
-       R"({"sys_install_folder":"/share/VistalServer","app_file_path":"/a b.kpk","install_volume":"v"})",
+      {"web_booth", R"({"action":"get_status","rule_list":[{}]})", kBooths, "kesh|web-booth.container|token=|id="},
+      {"install_app", R"({"sys_install_folder":"/share/VistalServer","app_file_path":"/a b.kpk","install_volume":"v"})",
        "/share/VistalServer/script/operate_kpkgcenter_app.sh", "operate_kpkgcenter_app.sh|install|/a b.kpk"},
   };
   for (const auto& row : rows) {
@@ -126,13 +124,12 @@ TEST_F(WebFront, WhatMakesNoSenseIsRefusedOrHungUpOn) {
       {"web_booth", R"({"rule_list":[{}]})", "[nos_web_booth_handler] unknown action = remove\n", ""},
       {"web_booth", R"({"action":"?"})", "[nos_web_booth_handler] jRuleList is empty\n",
        "{\"error_code\":-5,\"error_msg\":\"jRuleList is empty\"}\n"},
-      {"web_booth", "x",
-       not_json + "* Line 1, Column 1\n  Syntax error: value, object or array expected.\n]\n", kInputError},
+      {"web_booth", "x", not_json + "* Line 1, Column 1\n  Syntax error: value, object or array expected.\n]\n",
+       kInputError},
       {"install_app", deep, not_json + "Exceeded stackLimit in readValue().]\n",
        "{\n\t\"error_code\" : -1,\n\t\"error_msg\" : \"input error\"\n}"},
       {"install_app", R"({"install_volume":[]})", "not convertible to string\n", ""},
-      {"install_app", "{\"sys_install_folder\":\"" + long_folder + "\"}",
-       "exec " + path + " failed, ret_out=[]\n", ""},
+      {"install_app", "{\"sys_install_folder\":\"" + long_folder + "\"}", "exec " + path + " failed, ret_out=[]\n", ""},
   };
   for (const auto& row : rows) {
     const Reply reply = call(kMain, row.name, row.body);
@@ -167,8 +164,7 @@ TEST_F(WebFront, RulesAreWrittenToTheByte) {
       {R"("port":1,"des_port":2,"protocol":"https","des_protocol":"https","hsts":false)",
        text("1", tls + hsts + unverified, "https://:2"), false},
       {R"("port":1,"des_port":2,"protocol":"https","hsts":true)", text("1", tls + chain, "http://:2")},
-      {R"("port":1,"des_port":2,"protocol":"HTTPS","des_protocol":"x y","proxy_timeout":5)",
-       text("1", "", "x y://:2")},
+      {R"("port":1,"des_port":2,"protocol":"HTTPS","des_protocol":"x y","proxy_timeout":5)", text("1", "", "x y://:2")},
       {R"("port":1)", ""},
       {R"("port":3000000000,"des_port":1)", ""},
       {R"("port":1,"des_port":1,"proxy_timeout":"5")", ""},
@@ -181,8 +177,7 @@ TEST_F(WebFront, RulesAreWrittenToTheByte) {
     if (!row.text.empty()) write_file(kRules + "cam 1.conf", std::string(10000, 'x'));
     manager.plays("");
     const std::string first = R"({"GUID":5,"port":1,"des_port":1},{},)";
-    const std::string body =
-        R"({"action":"add","rule_list":[)" + first + R"({"GUID":"cam 1",)" + row.rule + "}]}";
+    const std::string body = R"({"action":"add","rule_list":[)" + first + R"({"GUID":"cam 1",)" + row.rule + "}]}";
     EXPECT_EQ(call(kMain, "reverse_proxy", body).text, row.text.empty() ? "" : kDone);
     EXPECT_THAT(said(), testing::StartsWith("[nos_reverse_proxy_handler] get jRuleList[1] strGUID failed\n"));
     EXPECT_EQ(read_file(kRules + "cam 1.conf"), row.text);
@@ -193,8 +188,8 @@ TEST_F(WebFront, RulesAreWrittenToTheByte) {
   write_file(kRules + "cam 1", "");
   for (const char* action : {"add", "delete"}) {
     said();
-    const std::string nul = R"({"action":")" + std::string(action) +
-                            R"(","rule_list":[{"GUID":"cam 1\u0000","port":1,"des_port":1}]})";
+    const std::string nul =
+        R"({"action":")" + std::string(action) + R"(","rule_list":[{"GUID":"cam 1\u0000","port":1,"des_port":1}]})";
     EXPECT_EQ(call(kMain, "reverse_proxy", nul).text, kDone);
     EXPECT_THAT(said(), testing::StartsWith("[nos_reverse_proxy_handler] get jRuleList[0] strGUID failed\n"));
     EXPECT_TRUE(fs::is_regular_file(kRules + "cam 1") && fs::is_empty(kRules + "cam 1")) << action;
@@ -240,22 +235,19 @@ TEST_F(WebFront, TheBanListIsReplacedWhole) {
 TEST_F(WebFront, AFullDiskLeavesTheOldFiles) {
   const auto add = [](const std::string& host) {
     return call(kMain, "reverse_proxy",
-                R"({"action":"add","rule_list":[{"GUID":"g","port":1,"des_port":1,"host_name":")" + host +
-                    "\"}]}")
+                R"({"action":"add","rule_list":[{"GUID":"g","port":1,"des_port":1,"host_name":")" + host + "\"}]}")
         .text;
   };
   fs::remove_all(kRules);
   EXPECT_EQ(add("h"), kDone) << "no folder";
   clear();
   for (const std::string& folder : {kRules, kFrontParts}) {
-    if (Process("mount -n -t tmpfs -o size=12288 full " + folder).wait() != 0)
-      GTEST_SKIP() << "cannot mount here";
+    if (Process("mount -n -t tmpfs -o size=12288 full " + folder).wait() != 0) GTEST_SKIP() << "cannot mount here";
   }
   EXPECT_EQ(add("h"), kDone);
   EXPECT_EQ(ban(R"({"ip_list":"a"})"), "{\"result\":0}\n");
   const std::string rule = read_file(kRules + "g.conf"), list = read_file(kBanList), much(8192, 'x');
-  for (const std::string& folder : {kRules, kFrontParts})
-    write_file(folder + "taken", std::string(4096, 'x'));
+  for (const std::string& folder : {kRules, kFrontParts}) write_file(folder + "taken", std::string(4096, 'x'));
   EXPECT_EQ(add(much), kDone);
   EXPECT_EQ(ban(R"({"ip_list":")" + much + "\"}"), kBanFails);
   EXPECT_TRUE(!rule.empty() && read_file(kRules + "g.conf") == rule);
@@ -280,8 +272,7 @@ TEST_F(WebFront, TheBanListIsReplacedWhereItsLinkLeads) {
   EXPECT_TRUE(fs::is_symlink(kBanList));
   EXPECT_EQ(fs::status(behind).permissions(), fs::perms::owner_read);
   EXPECT_THAT(read_file(kBanList), testing::HasSubstr("\ndeny from a\n"));
-  for (const auto& [link, reply] :
-       {std::pair("/dev/null", "{\"result\":0}\n"), {kBanList.c_str(), kBanFails}}) {
+  for (const auto& [link, reply] : {std::pair("/dev/null", "{\"result\":0}\n"), {kBanList.c_str(), kBanFails}}) {
     fs::remove(kBanList);
     fs::create_symlink(link, kBanList);
     EXPECT_EQ(ban(body), reply) << link;
@@ -327,12 +318,12 @@ TEST_F(WebFront, TheRealServerPublishesReloadsRefusesAndWithdraws) {
   fs::create_directory("/tmp/films");
   write_file("/tmp/films/film", "");
   fs::resize_file("/tmp/films/film", kFilmSize);
-  write_file(kFrontParts + "port.conf", "Listen " + behind + "\nDocumentRoot /tmp/films\n" +
-                                            "Header always set Seen-Host expr=%{HTTP_HOST}\n");
+  write_file(kFrontParts + "port.conf",
+             "Listen " + behind + "\nDocumentRoot /tmp/films\n" + "Header always set Seen-Host expr=%{HTTP_HOST}\n");
   const auto publish = [&](const std::string& port, const std::string& protocol) {
     return call(kMain, "reverse_proxy",
-                R"({"action":"add","rule_list":[{"host_name":"127.0.0.1","GUID":")" + port + "\",\"port\":" +
-                    port + ",\"des_port\":" + behind + ",\"protocol\":\"" + protocol + "\"}]}")
+                R"({"action":"add","rule_list":[{"host_name":"127.0.0.1","GUID":")" + port + "\",\"port\":" + port +
+                    ",\"des_port\":" + behind + ",\"protocol\":\"" + protocol + "\"}]}")
         .text;
   };
   ban(R"({"ip_list":"192.0.2.1"})");
@@ -341,10 +332,9 @@ TEST_F(WebFront, TheRealServerPublishesReloadsRefusesAndWithdraws) {
   EXPECT_TRUE(answers(first, "404"));
   EXPECT_TRUE(eventually([] { return fs::exists(kProxyRuns); }));
 
-  Process download(
-      client(first, "/film",
-             "head -c 1000 <&3 >/tmp/films/start; until [ -e /tmp/films/go ]; do sleep 0.02; done; "
-             "cat <&3 >/tmp/films/rest"));
+  Process download(client(first, "/film",
+                          "head -c 1000 <&3 >/tmp/films/start; until [ -e /tmp/films/go ]; do sleep 0.02; done; "
+                          "cat <&3 >/tmp/films/rest"));
   EXPECT_TRUE(eventually([] { return read_file("/tmp/films/start").size() == 1000; }));
   EXPECT_EQ(publish(second, "http"), kDone);
   EXPECT_TRUE(answers(second, "404"));
@@ -369,8 +359,7 @@ TEST_F(WebFront, TheRealServerPublishesReloadsRefusesAndWithdraws) {
                                   std::string(kFront) + " -k stop -f /etc/httpd-sys-proxy.conf"}) {
     EXPECT_EQ(Process(stop).wait(), 0);
   }
-  EXPECT_TRUE(
-      eventually([] { return !fs::exists(kProxyRuns) && !fs::exists("/var/lock/apache_sys_proxy.pid"); }));
+  EXPECT_TRUE(eventually([] { return !fs::exists(kProxyRuns) && !fs::exists("/var/lock/apache_sys_proxy.pid"); }));
   fs::remove_all("/tmp/films");
 }
 

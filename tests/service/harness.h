@@ -12,8 +12,7 @@
 using Reply = std::pair<int, std::string>;  // the status and what came
 
 // One request through ks_ez_call. An empty body is none at all.
-Reply call(const std::string& name, const std::string& request, const std::string& body = "",
-           int extra_fd = -1);
+Reply call(const std::string& name, const std::string& request, const std::string& body = "", int extra_fd = -1);
 
 // A service that runs from start() to stop() or destruction, in whichever way its mode asks for. Its exec
 // callback does what the request's name says:

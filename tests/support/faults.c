@@ -37,19 +37,20 @@ static int fails(enum fault_kind kind) {
   int left = __atomic_load_n(&fault->left, __ATOMIC_SEQ_CST);
   do { /* of two threads that call at once, one may be the last to fail */
     if (left == 0) return 0;
-  } while (left > 0 && !__atomic_compare_exchange_n(&fault->left, &left, left - 1, 0, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST));
+  } while (left > 0 &&
+           !__atomic_compare_exchange_n(&fault->left, &left, left - 1, 0, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST));
   __atomic_add_fetch(&fault->hits, 1, __ATOMIC_SEQ_CST);
   errno = fault->error;
   return 1;
 }
 
 /* Defines NAME so that it yields FAILED when KIND fails, and else calls the next NAME. */
-#define CALL(kind, type, failed, name, parameters, arguments)  \
-  type name parameters {                                       \
-    static type(*next) parameters;                             \
-    if (fails(kind)) return failed;                            \
+#define CALL(kind, type, failed, name, parameters, arguments)   \
+  type name parameters {                                        \
+    static type(*next) parameters;                              \
+    if (fails(kind)) return failed;                             \
     if (next == NULL) *(void**)&next = dlsym(RTLD_NEXT, #name); \
-    return next arguments;                                     \
+    return next arguments;                                      \
   }
 
 #define IS_MEMORY_FILE ((flags & MAP_SHARED) != 0 && fd >= 0)

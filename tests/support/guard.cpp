@@ -70,8 +70,7 @@ StderrCapture::StderrCapture() : saved_(dup(STDERR_FILENO)), memory_(memfd_creat
   dup2(memory_, STDERR_FILENO);
 }
 
-GuardedTest::GuardedTest()
-    : dir_(mkdtemp(std::string("/tmp/guardXXXXXX").data())), descriptors_(open_descriptors()) {
+GuardedTest::GuardedTest() : dir_(mkdtemp(std::string("/tmp/guardXXXXXX").data())), descriptors_(open_descriptors()) {
   alarm(kTestSeconds);
 }
 

@@ -32,9 +32,7 @@ fuse_attr attributes_of(std::uint64_t node) {
 }  // namespace
 
 StuckFile::StuckFile(std::string directory)
-    : directory_(std::move(directory)),
-      device_(open("/dev/fuse", O_RDWR | O_CLOEXEC | O_NONBLOCK)),
-      file_(-1) {
+    : directory_(std::move(directory)), device_(open("/dev/fuse", O_RDWR | O_CLOEXEC | O_NONBLOCK)), file_(-1) {
   mkdir(directory_.c_str(), 0777);
   const std::string options = "fd=" + std::to_string(device_) + ",rootmode=40777,user_id=0,group_id=0";
   if (mount("stuck", directory_.c_str(), "fuse", 0, options.c_str()) != 0) return;

@@ -138,7 +138,7 @@ void serve_conversation(const std::string& path) {
   UniqueFd served;
   while (true) {
     UniqueFd client(accept(listener.get(), nullptr, nullptr));
-    // The echo and the ready of the client before: they are there by now, and have woken nobody.
+    // The echo and the ready of the client before: they have arrived by now without a wake-up.
     if (served) await_records(pair[1], 2);
     send_directive(pair[1], KS_DIR_TRANSFER);
     send_descriptor(pair[1], client.get());

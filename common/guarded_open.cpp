@@ -31,8 +31,8 @@ UniqueFd reopen(const UniqueFd& found, int flags) {
 }
 
 bool can_be_output(const struct stat& info) {
-  if (S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode)) return true;  // only root can have put it there
-  return S_ISREG(info.st_mode) && info.st_uid == geteuid() && info.st_nlink == 1;
+  if (info.st_uid != geteuid()) return false;  // any user can make a character device, the one of number 0:0
+  return S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode) || (S_ISREG(info.st_mode) && info.st_nlink == 1);
 }
 
 // Frees the name. A directory that is not empty gets another one.

@@ -22,8 +22,10 @@
 #include <ctime>
 #include <exception>
 #include <memory>
+#include <mutex>
 #include <span>
 #include <utility>
+#include <vector>
 
 #include "common/activity.h"
 #include "common/log.h"
@@ -60,6 +62,34 @@ struct HandlerCall {
   std::atomic<bool> one_is_done{false};
 };
 
+// The users whose handlers have been left behind. Each such handler keeps a thread and two descriptors. Any thread.
+class LeftBehind {
+ public:
+  // A user who has this many is not served until one of them ends.
+  static constexpr int kMostOfAUser = 16;
+
+  bool is_full(uid_t user) {
+    const std::lock_guard lock(mutex_);
+    return std::ranges::count(users_, user) >= kMostOfAUser;
+  }
+  void enter(uid_t user) {
+    const std::lock_guard lock(mutex_);
+    users_.push_back(user);
+  }
+  void leave(uid_t user) {
+    const std::lock_guard lock(mutex_);
+    const auto found = std::ranges::find(users_, user);
+    if (found != users_.end()) users_.erase(found);
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<uid_t> users_;
+};
+
+// Never destroyed, like the parked requests below.
+LeftBehind* left_behind = nullptr;
+
 // Must not throw itself: memory may be what is short.
 void log_failure(const char* command, const std::exception& error) noexcept {
   try {
@@ -86,7 +116,11 @@ void* run_handler(void* arg) {
     call->request.end(kHungUpOnException);
   }
   memory_give_back();
-  if (call->one_is_done.exchange(true)) delete call;
+  const uid_t user = ks_io_uid(call->io.get());
+  if (call->one_is_done.exchange(true)) {
+    delete call;
+    left_behind->leave(user);
+  }
   return nullptr;
 }
 
@@ -114,12 +148,18 @@ void run(const CommandRow& row, const Client& client, UniqueIo io) {
     delete call;
     return;
   }
-  // The record is the other thread's now; its connection can be shut down all the same.
-  if (!join(thread, *call)) {
+  const uid_t user = ks_io_uid(call->io.get());
+  const bool ended = join(thread, *call);
+  if (!ended) {
+    // The record is the other thread's now; its connection can be shut down all the same.
     call->request.end("left behind");
     shutdown(call->io->sockfd, SHUT_RDWR);
+    left_behind->enter(user);
   }
-  if (call->one_is_done.exchange(true)) delete call;
+  if (call->one_is_done.exchange(true)) {
+    delete call;
+    if (!ended) left_behind->leave(user);
+  }
 }
 
 // Never destroyed: workers of the mail service may still be at it while the process exits.
@@ -136,6 +176,10 @@ void dispatch(std::span<const CommandRow> commands, const char* request_name, ks
       ks_discard(extra_fd);
       RunningRequest(request_name, client.pid, client.uid).end("unknown command");
       parked_requests->park(std::move(io));
+    } else if (left_behind->is_full(ks_io_uid(io.get()))) {
+      ks_discard(extra_fd);
+      LOG_AT("dispatch", "%s is refused: user %u holds the files of %d others.", row->name, ks_io_uid(io.get()),
+             LeftBehind::kMostOfAUser);
     } else {
       const LentOutput output(extra_fd);
       run(*row, client, std::move(io));
@@ -152,6 +196,7 @@ void dispatch(std::span<const CommandRow> commands, const char* request_name, ks
 void prepare_dispatch() {
   prepare_lent_output();
   parked_requests = new ParkedRequests;
+  left_behind = new LeftBehind;
 }
 
 void main_service_exec(const char* request_name, ks_io* io, int extra_fd) {

@@ -1,7 +1,7 @@
 // A client's descriptor may be anything, and writing to it, or closing a number that stands for it, may wait for as
-// long as its owner likes. Only a pipe is therefore made descriptor 1 itself: closing one of two numbers of a pipe
-// never waits. For anything else a file of our own collects what is printed. At the end that file, and what the stream
-// stdout still has in its buffer, is delivered to the client's descriptor beside us (ks_deliver).
+// long as its owner likes. Only a pipe or a socket is therefore made descriptor 1 itself: closing one of two numbers of
+// either never waits. For anything else a file of our own collects what is printed. At the end that file, and what the
+// stream stdout still has in its buffer, is delivered to the client's descriptor beside us (ks_deliver).
 #include "daemon/lent_output.h"
 
 #include <fcntl.h>
@@ -11,10 +11,8 @@
 
 #include <cstddef>
 #include <cstdio>
-#include <string>
 #include <string_view>
 
-#include "common/text.h"
 #include "service/ks.h"
 
 namespace {
@@ -27,11 +25,14 @@ int null_device = -1;
 char stdout_buffer[BUFSIZ];
 
 // By the name that the kernel gives: the owner of a file in user space is not asked.
-bool is_pipe(int fd) {
+bool is_pipe_or_socket(int fd) {
+  char link[32];
   char target[32];
-  const std::string link = format_bounded(sizeof(target), "/proc/self/fd/%d", fd);
-  const ssize_t length = readlink(link.c_str(), target, sizeof(target));
-  return length > 0 && std::string_view(target, static_cast<std::size_t>(length)).starts_with("pipe:");
+  std::snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
+  const ssize_t length = readlink(link, target, sizeof(target));
+  if (length <= 0) return false;
+  const std::string_view name(target, static_cast<std::size_t>(length));
+  return name.starts_with("pipe:") || name.starts_with("socket:");
 }
 
 UniqueFd make_collected() {
@@ -64,7 +65,7 @@ void prepare_lent_output() {
 
 LentOutput::LentOutput(int client_fd) : client_fd_(client_fd) {
   if (client_fd_ < 0) return;
-  if (is_pipe(client_fd_)) {
+  if (is_pipe_or_socket(client_fd_)) {
     dup2(client_fd_, STDOUT_FILENO);
   } else if ((collected_ = make_collected())) {
     dup2(collected_.get(), STDOUT_FILENO);

@@ -20,5 +20,5 @@ class LentOutput {
 
  private:
   const int client_fd_;
-  UniqueFd collected_;  // what was printed for a client whose descriptor is no pipe
+  UniqueFd collected_;  // what was printed for a client whose descriptor is neither pipe nor socket
 };

@@ -7,7 +7,10 @@
 // platform's libraries run with the signals as the daemon was started.
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -16,6 +19,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -245,12 +249,29 @@ void Daemon::terminate() {
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
+// The end of the process closes these connections, unless another process shares its descriptors: one that still closes
+// what a client has handed over.
+void hang_up_at(const char* path) {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  for (int fd = STDERR_FILENO + 1; fd < static_cast<int>(limit.rlim_cur); ++fd) {
+    int domain = 0;
+    socklen_t size = sizeof(domain);
+    if (getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0 || domain != AF_UNIX) continue;
+    sockaddr_un address{};
+    size = sizeof(address);
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) continue;
+    if (std::strncmp(address.sun_path, path, sizeof(address.sun_path)) == 0) shutdown(fd, SHUT_RDWR);
+  }
+}
+
 void Daemon::stop() {
   // A stop has no effect on a service whose thread has not got round to starting it yet.
   const std::atomic_ref<ks_worker*> worker(ks_service_handle->worker);
   while (worker.load() == nullptr && !main_service_over) usleep(kStartPollMicroseconds);
   ks_stop(ks_service_handle);
   free_all_obj();
+  hang_up_at(ks_send_mail_service_handle->sockfile);
 }
 
 void Daemon::free_all_obj() {

@@ -94,7 +94,7 @@ void MsgQueueListener::receive() {
       deliver(block.data());
       continue;
     }
-    // An identifier that was good and is no longer known: the queue went while nobody waited on it.
+    // An identifier that was good and is no longer known: the queue went while no thread waited on it.
     if (errno == EIDRM || (errno == EINVAL && queue_id_ != -1)) return;
     const int error = errno;
     char text[128];

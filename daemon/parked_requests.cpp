@@ -17,13 +17,13 @@ ParkedRequests::ParkedRequests() : pollfd_(epoll_create1(EPOLL_CLOEXEC)) {}
 
 void ParkedRequests::park(UniqueIo io) {
   ks_io_drop(io.get());
-  UniqueIo given_up;  // released without the lock
+  UniqueIo given_up, unwatched;  // released without the lock
   const std::lock_guard lock(mutex_);
   if (waiting_.size() == kMost) given_up = take(waiting_.begin()->first);
-  epoll_event left{.events = kLeft, .data = {.u64 = ++last_}};
-  if (is_watched() && epoll_ctl(pollfd_, EPOLL_CTL_ADD, io->sockfd, &left) == 0) {
-    waiting_.emplace(last_, std::move(io));
-  }
+  const int sockfd = io->sockfd;
+  waiting_.emplace(++last_, std::move(io));
+  epoll_event left{.events = kLeft, .data = {.u64 = last_}};
+  if (!is_watched() || epoll_ctl(pollfd_, EPOLL_CTL_ADD, sockfd, &left) != 0) unwatched = take(last_);
 }
 
 // Starts the thread with the first request: most daemons never see an unknown one.

@@ -109,11 +109,18 @@ class Command : public Row {
     for (const Param& param : parameters()) {
       if (&param != &params[place_of(param.name)]) throw "two parameters of one name";
       if (param.type == Type::array && action.reads == Reads::params) throw "only actions read arrays";
+      if (param.optional && action.reads == Reads::params) throw "a parameter that is read cannot be absent";
     }
+    bool at_end = false;
     for (const Argument& argument : args) {
       if (argument.is_param && place_of(argument.text) == parameters().size())
         throw "an argument names a parameter that the row does not have";
+      if (argument.is_param && action.reads != Reads::params) throw "an argument is never filled in";
+      if (argument.text != nullptr && at_end) throw "an argument behind the end of the arguments";
+      at_end = argument.text == nullptr;
     }
+    if (args[0].text != nullptr && program.empty()) throw "arguments without a program";
+    if ((library == nullptr) != (function == nullptr)) throw "a library and a function come together";
     if (!action.takes.empty() && !std::ranges::equal(action.takes, parameters(), {}, {}, &Param::type))
       throw "the action takes other parameters than the row has";
   }

@@ -77,7 +77,7 @@ std::string staged(const std::string& name) {
 // own affair.
 bool can_be_configuration(const char* path) {
   struct stat info {};
-  return stat(path, &info) != 0 || S_ISREG(info.st_mode) || S_ISDIR(info.st_mode);
+  return stat(path, &info) != 0 || !(S_ISFIFO(info.st_mode) || S_ISSOCK(info.st_mode));
 }
 
 // Returns the raw wait status, or -1 when nothing was run.
@@ -137,9 +137,10 @@ Outcome send_mail(Request& request, const std::string& user, const std::string& 
   LOG_AT(log_name, "exec sendmail start.");
   const HeldFolder scratch(kScratchDir);
   const int result = exit_status(run_mail_program(mail, scratch));
-  keep_files(mail, scratch);
+  const HeldFolder scratch_now(kScratchDir);  // a mail takes minutes, in which the folder may have been made anew
+  keep_files(mail, scratch_now);
   request.reply["result"] = result;
-  write_record(mail, result, scratch);
+  write_record(mail, result, scratch_now);
   write_log(log_name, mail, result);
   return Outcome::own;
 }

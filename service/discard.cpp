@@ -13,7 +13,7 @@
 // owner's process is there to be waited for. kMostClosers are alive at a time; what comes while they all wait stays
 // open until one of them is free.
 //
-// A closer is nobody's child (its parent ends at once), so neither a wait() of the program around us nor SIGCHLD sees
+// A closer is an orphan (its parent ends at once), so neither a wait() of the program around us nor SIGCHLD sees
 // it. What closers and process share lies in one mapping, made by the first discard of a process; its forks make
 // another, for their numbers are others.
 
@@ -46,6 +46,7 @@ constexpr std::size_t kBitsPerWord = 64;
 constexpr std::size_t kStackSize = 16384;
 constexpr char kCloserName[] = "ks-close";     // what ps shows
 constexpr suseconds_t kLongestWait = 100'000;  // microseconds, for one wait that a signal can end
+constexpr int kMostInterruptions = 50;         // of a delivery: a reader has five seconds
 
 // A set of descriptor numbers.
 struct Numbers {
@@ -117,7 +118,7 @@ void leave(Pending* pending) {
   pending->closers.fetch_sub(1);
 }
 
-// What a closer does besides the pending numbers: passes the bytes of one file on to a client's descriptor.
+// What a closer does before it looks at the pending numbers: passes the bytes of one file on to a client's descriptor.
 struct Delivery {
   int from = -1;
   int to = -1;
@@ -147,10 +148,11 @@ void empty_connection(int fd) {
 void deliver(const Delivery& delivery) {
   char bytes[4096];
   off_t offset = 0;
+  int interrupted = 0;
   long got;
   while ((got = syscall(SYS_pread64, delivery.from, bytes, sizeof(bytes), offset)) > 0) {
     const long written = syscall(SYS_write, delivery.to, bytes, got);
-    if (written < 0 && errno == EINTR) continue;
+    if (written < 0 && errno == EINTR && ++interrupted < kMostInterruptions) continue;
     if (written <= 0) break;
     offset += written;
   }

@@ -14,7 +14,7 @@
 //       ks_io_free(io);                                                  // the callback owns io ...
 //       ks_discard(extra_fd);                                            // ... and the descriptor
 //     }
-//     ks_start(ks_create("greeter", KS_PTHREAD_MODE, 2, answer));        // returns when somebody calls
+//     ks_start(ks_create("greeter", KS_PTHREAD_MODE, 2, answer));        // returns when a thread calls
 //     ks_stop
 //
 //     void* reply = NULL; uint64_t size = 0;                             // in another process
@@ -139,8 +139,8 @@ FILE* ks_io_freopen(ks_io* io, const char* mode, FILE* stream);
 
 // Gets rid of a descriptor that a client handed over, without ever waiting for its owner; -1 is ignored. A plain close
 // can wait for as long as the owner likes: for a connection that lingers, for a file in user space. A memory file is
-// closed at once. Anything else is closed by a closer: a process that shares this one's descriptor table, is nobody's
-// child and is called "ks-close". It ends when its closes have returned, and can outlive this process. 64 closers live
+// closed at once. Anything else is closed by a closer: a process that shares this one's descriptor table, is an
+// orphan and is called "ks-close". It ends when its closes have returned, and can outlive this process. 64 closers live
 // at a time; while all of them wait, a further descriptor stays open. Any thread.
 void ks_discard(int fd);
 // Writes what the file `from` holds to `to`, a client's descriptor, and closes both. A closer does all of it. When 64
@@ -231,7 +231,7 @@ int ks_reply(ks_io* io);
 enum {
   KS_STATUS_OK = 0,       // reply received (from ks_epoll_perform also: sent, still pending)
   KS_STATUS_TIMEOUT = 1,  // nothing happened in the time allowed
-  KS_STATUS_CONNECT = 2,  // no such service, or it is stopped, or it has accepted nobody for seconds
+  KS_STATUS_CONNECT = 2,  // no such service, or it is stopped, or it has accepted no client for seconds
   KS_STATUS_PAUSED = 3,   // the service is paused
   KS_STATUS_REFUSED = 4,  // reserved: no service sends it today
   KS_STATUS_BROKEN = 5,   // the connection ended without a reply
@@ -290,7 +290,7 @@ void ks_crash_install(void);
 void ks_crash_report(int signum) __attribute__((noreturn));
 
 // Programs that a screening of callers would refuse: shells and script interpreters, as a POSIX extended
-// regular expression on a path. Compiled before main by ks_init; nobody is screened today.
+// regular expression on a path. Compiled before main by ks_init; no caller is screened today.
 #define BLOCKED_PROGRAM_LIST \
   "(\\b|/)(ash|bash|csh|jsh|ksh|ksh93|pfcsh|pfksh|pfsh|pfsh|rbash|rksh93|sh|tcsh|zsh|busybox|php|python.*)$"
 void ks_init(void) __attribute__((constructor));

@@ -129,12 +129,12 @@ int ks_epoll_call(ks_epoll* epoll, const char* name, const char* request_name, k
   if (!fits(name, MAXIMUM_NAME_SIZE) || !fits(request_name, KS_REQUEST_NAME_SIZE)) return KS_STATUS_ARGS;
   char path[kSockFileSize];
   ks_socket_path(name, path, "ks_epoll_call", "request ");
-  io->sockfd = socket(AF_UNIX, SOCK_STREAM, 0);
+  ks_io_connect(io, socket(AF_UNIX, SOCK_STREAM, 0));
   if (io->sockfd < 0 || !set_fd_cloexec(io->sockfd)) {
     ks_abort("ks_epoll_call", "(io->sockfd = socket(AF_UNIX, SOCK_STREAM, 0)) >= 0 && set_fd_cloexec(io->sockfd)",
              "create request socket fail");
   }
-  // A service that accepts nobody fills its backlog, and connect would then wait for ever.
+  // A service that accepts no client fills its backlog, and connect would then wait for ever.
   const timeval patience{.tv_sec = kLeastTimeoutSeconds, .tv_usec = 0};
   setsockopt(io->sockfd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
   const sockaddr_un address = ks_socket_address(path);

@@ -95,6 +95,9 @@ sockaddr_un ks_socket_address(const char* path);
 // its own that nobody else sees.
 ks_io* ks_io_accept(int memfd, int sockfd);
 
+// Gives the record a new connection, or -1 where there is none to be had.
+void ks_io_connect(ks_io* io, int sockfd);
+
 // Seeks the memory file to its end and maps all of it (nothing for an empty file). A failed map aborts. No effect
 // without a memory file.
 void ks_io_sync(ks_io* io);

@@ -64,17 +64,25 @@ void seek_to_end(ks_io* io) {
   record_of(io)->seek_due = false;
 }
 
+// No client can have written more. A longer file has holes, and a few such mappings would use up our addresses.
+std::uint64_t physical_memory() {
+  static const auto bytes =
+      static_cast<std::uint64_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+  return bytes;
+}
+
 // Maps all of the file; *size is how long that is.
 bool sync(ks_io* io, std::uint64_t* size) {
   record_of(io)->seek_due = true;
   if (!record_of(io)->clients) seek_to_end(io);
   *size = ks_io_size(io);
   unmap(io);
+  if (record_of(io)->clients && *size > physical_memory()) return false;
   return *size == 0 || map(io, *size);
 }
 
 // A client's file has failed, which costs that client its connection. The callback goes on with an empty file that
-// nobody else sees. False when the file is our own.
+// no other process sees. False when the file is our own.
 bool replace_clients_file(ks_io* io) {
   Record* const record = record_of(io);
   if (!record->clients) return false;
@@ -99,7 +107,7 @@ dev_t memory_device() {
 }
 
 // Whether requests can be served from this file; *size is its length. Asks for the seals before the status: only what
-// lies in memory has seals, and other files can make whoever asks about them wait.
+// lies in memory has seals, and other files can make the caller wait.
 bool can_serve(int memfd, std::uint64_t* size) {
   constexpr int kForbidding = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_FUTURE_WRITE;
   const int flags = fcntl(memfd, F_GETFL);
@@ -109,7 +117,7 @@ bool can_serve(int memfd, std::uint64_t* size) {
   struct stat status {};
   if (fstat(memfd, &status) != 0 || !S_ISREG(status.st_mode) || status.st_dev != memory_device()) return false;
   *size = static_cast<std::uint64_t>(status.st_size);
-  return true;
+  return *size <= physical_memory();
 }
 
 [[noreturn]] void abort_unmapped() {
@@ -162,9 +170,7 @@ void ks_io_sync(ks_io* io) {
 bool ks_io_sync_reply(ks_io* io) {
   std::uint64_t size;
   if (sync(io, &size)) return true;
-  const auto memory =
-      static_cast<std::uint64_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
-  if (size > memory) return false;
+  if (size > physical_memory()) return false;
   abort_unmapped();
 }
 
@@ -208,6 +214,11 @@ void ks_io_hang_up(ks_io* io) {
     shutdown(io->sockfd, SHUT_RDWR);
     record_of(io)->shut = true;
   }
+}
+
+void ks_io_connect(ks_io* io, int sockfd) {
+  io->sockfd = sockfd;
+  record_of(io)->shut = false;
 }
 
 void ks_io_drop(ks_io* io) {

@@ -134,9 +134,13 @@ ks_queue* dispatch(Producer& p) {
   directive transfer = make_directive(KS_DIR_TRANSFER);
   std::memcpy(transfer.data, &client->sockfd, sizeof(client->sockfd));
   send_directive(worker->sockfd[1], transfer);
-  if (!send_descriptor(worker->sockfd[1], client->sockfd)) send_no_descriptor(worker->sockfd[1]);
+  const bool sent = send_descriptor(worker->sockfd[1], client->sockfd);
   std::atomic_ref(worker->ready).store(0);
   worker->transfer_fd = detach_client(p, client);
+  if (!sent) {
+    send_no_descriptor(worker->sockfd[1]);
+    hang_up_and_forget(&worker->transfer_fd);
+  }
   return client;
 }
 

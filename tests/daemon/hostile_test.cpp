@@ -1,5 +1,5 @@
 // Peers that keep no rule, and bodies that mean no good, at both services. Whatever one does costs it its own
-// connection and nobody anything else.
+// connection, and costs no other client anything.
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/mman.h>

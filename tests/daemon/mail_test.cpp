@@ -107,6 +107,10 @@ TEST_F(Mail, WhatIsPlantedInPlaceOfOutputAndRecordIsReplaced) {
          write_file(path, "");
          if (chown(path.c_str(), 65534, 65534) != 0) fs::remove(path);
        }},
+      {"a device that any user can make",
+       [](const std::string& path) {
+         if (mknod(path.c_str(), S_IFCHR | 0666, 0) == 0 && chown(path.c_str(), 65534, 65534) != 0) fs::remove(path);
+       }},
       {"readable", [](const std::string& path) { write_file(path, std::string(1000, 'x')); }},
   };
   for (const auto& [what, plant] : rows) {

@@ -173,15 +173,15 @@ void dispatch(std::span<const CommandRow> commands, const char* request_name, ks
   });
   try {
     if (row == commands.end()) {
-      ks_discard(extra_fd);
+      ks_discard(extra_fd, client.uid);
       RunningRequest(request_name, client.pid, client.uid).end("unknown command");
       parked_requests->park(std::move(io));
     } else if (left_behind->is_full(ks_io_uid(io.get()))) {
-      ks_discard(extra_fd);
+      ks_discard(extra_fd, client.uid);
       LOG_AT("dispatch", "%s is refused: user %u holds the files of %d others.", row->name, ks_io_uid(io.get()),
              LeftBehind::kMostOfAUser);
     } else {
-      const LentOutput output(extra_fd);
+      const LentOutput output(extra_fd, client.uid);
       run(*row, client, std::move(io));
     }
   } catch (const std::exception& error) {

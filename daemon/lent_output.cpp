@@ -63,7 +63,7 @@ void prepare_lent_output() {
   std::setvbuf(stdout, stdout_buffer, _IOFBF, sizeof(stdout_buffer));
 }
 
-LentOutput::LentOutput(int client_fd) : client_fd_(client_fd) {
+LentOutput::LentOutput(int client_fd, uid_t user) : client_fd_(client_fd), user_(user) {
   if (client_fd_ < 0) return;
   if (is_pipe_or_socket(client_fd_)) {
     dup2(client_fd_, STDOUT_FILENO);
@@ -76,8 +76,8 @@ LentOutput::~LentOutput() {
   take_unwritten(&collected_);
   dup2(null_device, STDOUT_FILENO);
   if (client_fd_ >= 0 && holds_any(collected_)) {
-    ks_deliver(collected_.release(), client_fd_);
+    ks_deliver(collected_.release(), client_fd_, user_);
   } else {
-    ks_discard(client_fd_);
+    ks_discard(client_fd_, user_);
   }
 }

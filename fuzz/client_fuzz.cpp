@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <thread>
 
+#include "common/unique_fd.h"
 #include "fuzz/input.h"
 #include "service/directive.h"
 #include "service/ks.h"
@@ -26,8 +27,8 @@ const std::string name = "@/tmp/client_fuzz." + std::to_string(getpid());
 
 struct Client {
   ks_io* io = nullptr;
-  unique_fd service;  // the other end of its socket
-  unique_fd memory;   // its memory file, once the service has received it
+  UniqueFd service;  // the other end of its socket
+  UniqueFd memory;   // its memory file, once the service has received it
 };
 using Clients = std::array<Client, 3>;
 

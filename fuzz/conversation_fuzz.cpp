@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string>
 
+#include "common/unique_fd.h"
 #include "fuzz/input.h"
 #include "service/directive.h"
 #include "service/ks.h"
@@ -26,7 +27,7 @@ constexpr int kMaxOpen = 48;  // the service's own descriptors, and clients that
 const std::string name = "@/tmp/conversation_fuzz." + std::to_string(getpid());
 
 void echo(const char*, ks_io* io, int extra_fd) {
-  const unique_fd extra(extra_fd);
+  const UniqueFd extra(extra_fd);
   char body[64];
   const ssize_t got = std::max<ssize_t>(pread(ks_io_fd(io), body, sizeof(body), 0), 0);
   ks_io_realloc(io, 0);
@@ -36,10 +37,10 @@ void echo(const char*, ks_io* io, int extra_fd) {
 }
 
 // A memory file that serves, one that may not, or something else in its place.
-unique_fd make_descriptor(Input& input) {
-  if (input.flag()) return unique_fd(open(input.flag() ? "/dev/zero" : "/tmp", O_RDONLY));
-  if (input.flag()) return unique_fd(socket(AF_UNIX, SOCK_STREAM, 0));
-  unique_fd file(memfd_create("body", MFD_ALLOW_SEALING));
+UniqueFd make_descriptor(Input& input) {
+  if (input.flag()) return UniqueFd(open(input.flag() ? "/dev/zero" : "/tmp", O_RDONLY));
+  if (input.flag()) return UniqueFd(socket(AF_UNIX, SOCK_STREAM, 0));
+  UniqueFd file(memfd_create("body", MFD_ALLOW_SEALING));
   const off_t size = (static_cast<off_t>(input.below(3)) - 1) << input.below(63);
   const bool resized = ftruncate(file.get(), size) == 0;
   require(resized || write(file.get(), "b", 1) == 1, "memory file");
@@ -73,12 +74,12 @@ bool glimpse(int client, int wait_ms) {
 }
 
 void converse(Input& input) {
-  const unique_fd client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const UniqueFd client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const int fd = client.get();
   const sockaddr_un address = ks_socket_address(name.c_str() + 1);
   require(connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0, "connect");
   if (input.flag()) require(glimpse(fd, 10'000), "not asked");
-  unique_fd file = make_descriptor(input);
+  UniqueFd file = make_descriptor(input);
   for (int step = 0; step < kMaxSteps && !input.empty(); ++step) {
     const std::size_t what = input.below(7);
     if (what == 0) {

@@ -66,19 +66,20 @@ void for_each_descriptor(msghdr* header, const Take& take) {
   }
 }
 
-// Keeps the first descriptor of all that the message carries, and none of too many.
-int take_first_descriptor(msghdr* header) {
-  unique_fd first;
+// Keeps the first descriptor of all that the message from `sockfd` carries, and none of too many.
+int take_first_descriptor(int sockfd, msghdr* header) {
+  int first = -1;
   std::size_t count = 0;
   for_each_descriptor(header, [&](int fd) {
     if (count++ == 0) {
-      first.reset(fd);
+      first = fd;
     } else {
-      ks_discard(fd);
+      ks_discard(fd, ks_peer(sockfd).uid);
     }
   });
-  if (count > kMostTaken || (header->msg_flags & MSG_CTRUNC) != 0) return -1;
-  return first.release();
+  if (count <= kMostTaken && (header->msg_flags & MSG_CTRUNC) == 0) return first;
+  ks_discard(first, ks_peer(sockfd).uid);
+  return -1;
 }
 
 int receive(int sockfd, int flags, const Clock::time_point* deadline) {
@@ -88,7 +89,7 @@ int receive(int sockfd, int flags, const Clock::time_point* deadline) {
   do {
     got = recvmsg(sockfd, &message.header, flags | MSG_DONTWAIT);  // as a rule it is there already
   } while (got < 0 && (errno == EINTR || (errno == EAGAIN && wait_readable(sockfd, deadline))));
-  return got < 1 ? -1 : take_first_descriptor(&message.header);
+  return got < 1 ? -1 : take_first_descriptor(sockfd, &message.header);
 }
 
 }  // namespace
@@ -114,7 +115,7 @@ bool read_directive(int sockfd, directive* record) {
     got = recvmsg(sockfd, &message.header, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
   } while (got < 0 && errno == EINTR);
   if (got < 0) return false;
-  for_each_descriptor(&message.header, ks_discard);
+  for_each_descriptor(&message.header, [sockfd](int fd) { ks_discard(fd, ks_peer(sockfd).uid); });
   return got == sizeof(*record);
 }
 

@@ -10,8 +10,9 @@
 // waits. A thread would not do: one that waits in the kernel keeps its process from ending.
 //
 // Waits that a signal can end, a timer ends soon. Only those that it cannot end keep a closer, and only while the
-// owner's process is there to be waited for. kMostClosers are alive at a time; what comes while they all wait stays
-// open until one of them is free.
+// owner's process is there to be waited for. Of all closers one user gets a few; what else that user has handed over
+// stays open until one of them is free. A worker does not ask a user who has too much open (ks_has_too_many_open), so
+// that no user can fill the table.
 //
 // A closer is an orphan (its parent ends at once), so neither a wait() of the program around us nor SIGCHLD sees
 // it. What closers and process share lies in one mapping, made by the first discard of a process; its forks make
@@ -29,99 +30,123 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <bit>
 #include <cerrno>
 #include <csignal>
-#include <iterator>
 #include <new>
 
 #include "service/ks_internal.h"
 
 namespace {
 
-constexpr int kMostClosers = 64;
-// No process of ours has so many descriptors. A larger number is not remembered: its closer must start.
+constexpr int kMostClosers = 256;
+constexpr int kMostClosersOfAUser = 8;
+constexpr int kMostOpenOfAUser = 16;  // a conforming client has two, for the moment that a closer takes
+// Users whose ids are equal modulo this number are counted as one.
+constexpr std::size_t kUsers = 4096;
+// No process of ours has so many descriptors. A larger number is not remembered, and stays open.
 constexpr std::size_t kMostNumbers = 65536;
-constexpr std::size_t kBitsPerWord = 64;
 constexpr std::size_t kStackSize = 16384;
 constexpr char kCloserName[] = "ks-close";     // what ps shows
 constexpr suseconds_t kLongestWait = 100'000;  // microseconds, for one wait that a signal can end
 constexpr int kMostInterruptions = 50;         // of a delivery: a reader has five seconds
 
-// A set of descriptor numbers.
-struct Numbers {
-  std::atomic<std::uint64_t> words[kMostNumbers / kBitsPerWord];
+// What is to be done about a descriptor number, and who handed it over (the user's index): kStranger is to be closed,
+// kConnection to be emptied first.
+using Mark = std::uint32_t;
+constexpr Mark kNothing = 0;
+constexpr Mark kStranger = 0x10000;
+constexpr Mark kConnection = 0x20000;
+constexpr Mark kUserMask = 0xffff;
 
-  void add(int fd) { words[index(fd)].fetch_or(bit(fd)); }
-
-  // Takes one number out; -1 when there is none.
-  int take() {
-    for (std::size_t i = 0; i < std::size(words); ++i) {
-      std::uint64_t word = words[i].load();
-      while (word != 0) {
-        const std::uint64_t lowest = word & (~word + 1);
-        if ((words[i].fetch_and(~lowest) & lowest) != 0) {
-          return static_cast<int>(i * kBitsPerWord) + std::countr_zero(lowest);
-        }
-        word = words[i].load();
-      }
-    }
-    return -1;
-  }
-
-  bool empty() const {
-    for (const auto& word : words) {
-      if (word.load() != 0) return false;
-    }
-    return true;
-  }
-
- private:
-  static std::size_t index(int fd) { return static_cast<std::size_t>(fd) / kBitsPerWord; }
-  static std::uint64_t bit(int fd) { return std::uint64_t{1} << (static_cast<std::size_t>(fd) % kBitsPerWord); }
+struct User {
+  std::atomic<int> open;     // descriptors that have been discarded and not been closed yet
+  std::atomic<int> closers;  // how many closers are busy with one of them
 };
 
-// Shared by a process and its closers.
+// Shared by a process and its closers. Zero when new.
 struct Pending {
   pid_t owner;  // whose descriptor numbers these are: a fork of it inherits the page, but not the table
   std::atomic<int> closers;
-  Numbers strangers;    // to be closed
-  Numbers connections;  // to be emptied, then closed
+  std::atomic<std::size_t> end;  // all marks lie below
+  std::atomic<Mark> marks[kMostNumbers];
+  User users[kUsers];
 
-  bool holds_any() const { return !strangers.empty() || !connections.empty(); }
+  User& user_of(Mark mark) { return users[mark & kUserMask]; }
 };
-static_assert(std::atomic<std::uint64_t>::is_always_lock_free, "processes share them");
+static_assert(std::atomic<std::size_t>::is_always_lock_free && std::atomic<Mark>::is_always_lock_free &&
+                  std::atomic<int>::is_always_lock_free,
+              "processes share them");
 
 std::atomic<Pending*> g_pending{nullptr};
 
+// The mapping of this very process, or null.
+Pending* known_pending() {
+  Pending* const known = g_pending.load();
+  return known != nullptr && known->owner == getpid() ? known : nullptr;
+}
+
 Pending* pending() {
-  const pid_t self = getpid();
   Pending* known = g_pending.load();
-  if (known != nullptr && known->owner == self) return known;
+  if (known != nullptr && known->owner == getpid()) return known;
   void* page = mmap(nullptr, sizeof(Pending), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (page == MAP_FAILED) return nullptr;
   auto* made = static_cast<Pending*>(page);
-  made->owner = self;
+  made->owner = getpid();
   if (g_pending.compare_exchange_strong(known, made)) return made;
   munmap(page, sizeof(Pending));
   return known;
 }
 
-// One more closer; false when there are too many.
-bool enter(Pending* pending) {
-  if (pending->closers.fetch_add(1) < kMostClosers) return true;
-  pending->closers.fetch_sub(1);
+// One more of something that is limited; false when there are enough.
+bool enter(std::atomic<int>& count, int most) {
+  if (count.fetch_add(1) < most) return true;
+  count.fetch_sub(1);
   return false;
 }
 
-void leave(Pending* pending) {
-  pending->closers.fetch_sub(1);
+void mark(Pending* pending, int fd, Mark mark) {
+  const auto number = static_cast<std::size_t>(fd);
+  pending->user_of(mark).open.fetch_add(1);
+  pending->marks[number].store(mark);
+  std::size_t end = pending->end.load();
+  while (end <= number && !pending->end.compare_exchange_weak(end, number + 1)) continue;
+}
+
+// Takes a number whose user has not enough closers yet, and counts as one of them; -1 when there is none.
+int take(Pending* pending, Mark* taken) {
+  const std::size_t end = pending->end.load();
+  for (std::size_t number = 0; number < end; ++number) {
+    Mark mark = pending->marks[number].load();
+    if (mark == kNothing || !enter(pending->user_of(mark).closers, kMostClosersOfAUser)) continue;
+    if (pending->marks[number].compare_exchange_strong(mark, kNothing)) {
+      *taken = mark;
+      return static_cast<int>(number);
+    }
+    pending->user_of(mark).closers.fetch_sub(1);
+  }
+  return -1;
+}
+
+bool holds_any_to_take(Pending* pending) {
+  const std::size_t end = pending->end.load();
+  for (std::size_t number = 0; number < end; ++number) {
+    const Mark mark = pending->marks[number].load();
+    if (mark != kNothing && pending->user_of(mark).closers.load() < kMostClosersOfAUser) return true;
+  }
+  return false;
+}
+
+// After one descriptor of the user has been closed.
+void finish(Pending* pending, Mark taken) {
+  pending->user_of(taken).open.fetch_sub(1);
+  pending->user_of(taken).closers.fetch_sub(1);
 }
 
 // What a closer does before it looks at the pending numbers: passes the bytes of one file on to a client's descriptor.
 struct Delivery {
   int from = -1;
   int to = -1;
+  Mark mark = kNothing;  // of `to`
 };
 
 struct Plan {
@@ -159,28 +184,26 @@ void deliver(const Delivery& delivery) {
 }
 
 void close_pending(Pending* pending) {
-  while (true) {
-    int fd = pending->strangers.take();
-    if (fd < 0) {
-      fd = pending->connections.take();
-      if (fd < 0) return;
-      empty_connection(fd);
-    }
+  Mark taken;
+  for (int fd; (fd = take(pending, &taken)) >= 0; finish(pending, taken)) {
+    if ((taken & kConnection) != 0) empty_connection(fd);
     close_bare(fd);
   }
 }
 
 void work_off(const Plan& plan) {
+  Pending* const pending = plan.pending;
   if (plan.delivery.from >= 0) {
     deliver(plan.delivery);
     close_bare(plan.delivery.from);
     close_bare(plan.delivery.to);
+    finish(pending, plan.delivery.mark);
   }
   do {
-    close_pending(plan.pending);
-    leave(plan.pending);
+    close_pending(pending);
+    pending->closers.fetch_sub(1);
     // What was marked a moment ago may have found no room for a closer of its own.
-  } while (plan.pending->holds_any() && enter(plan.pending));
+  } while (holds_any_to_take(pending) && enter(pending->closers, kMostClosers));
 }
 
 void end_waits_soon() {
@@ -213,8 +236,15 @@ int make_orphan(void* arg) {
   return 0;
 }
 
+#ifdef __SANITIZE_THREAD__
+constexpr bool kProcessesWork = false;  // the sanitizer takes the clone for a fork, and loses track of all threads
+#else
+constexpr bool kProcessesWork = true;
+#endif
+
 // No signal handler of the program may run in a process that shares its memory, nor in the closer.
 bool start_process(Plan* plan) {
+  if (!kProcessesWork) return false;
   sigset_t all;
   sigset_t before;
   sigfillset(&all);
@@ -249,19 +279,36 @@ bool start_thread(const Plan& plan) {
 }
 
 // Starts a closer unless too many are alive. False when none could be started; what is pending then waits for the next.
-bool start_closer(Pending* pending, Delivery delivery) {
-  if (!enter(pending)) return false;
+bool start_closer(Pending* pending, const Delivery& delivery) {
+  if (!enter(pending->closers, kMostClosers)) return false;
   Plan plan{.pending = pending, .delivery = delivery, .started = false};
   if (start_process(&plan) || start_thread(plan)) return true;
-  leave(pending);
+  pending->closers.fetch_sub(1);
   return false;
 }
 
-void hand_to_closer(int fd, Numbers Pending::*set) {
+Mark mark_of(Mark kind, std::uint32_t uid) {
+  return kind | static_cast<Mark>(uid % kUsers);
+}
+
+void hand_to_closer(int fd, Mark kind, std::uint32_t uid) {
   Pending* const shared = pending();
   if (shared == nullptr || static_cast<std::size_t>(fd) >= kMostNumbers) return;  // it stays open
-  (shared->*set).add(fd);
-  start_closer(shared, {});
+  const Mark handed = mark_of(kind, uid);
+  mark(shared, fd, handed);
+  if (shared->user_of(handed).closers.load() < kMostClosersOfAUser) start_closer(shared, {});
+}
+
+bool start_delivery(int from, int to, std::uint32_t uid) {
+  Pending* const shared = pending();
+  if (shared == nullptr) return false;
+  const Delivery delivery{.from = from, .to = to, .mark = mark_of(kStranger, uid)};
+  User& user = shared->user_of(delivery.mark);
+  if (!enter(user.closers, kMostClosersOfAUser)) return false;
+  user.open.fetch_add(1);
+  if (start_closer(shared, delivery)) return true;
+  finish(shared, delivery.mark);
+  return false;
 }
 
 // Memory files alone have seals.
@@ -276,20 +323,24 @@ bool has_unread(int connection) {
 
 }  // namespace
 
-void ks_discard(int fd) {
+void ks_discard(int fd, uint32_t uid) {
   if (fd < 0) return;
   if (is_memory_file(fd)) {
     close(fd);
   } else {
-    hand_to_closer(fd, &Pending::strangers);
+    hand_to_closer(fd, kStranger, uid);
   }
 }
 
-void ks_deliver(int from, int to) {
-  Pending* const shared = pending();
-  if (shared != nullptr && start_closer(shared, {.from = from, .to = to})) return;
+void ks_deliver(int from, int to, uint32_t uid) {
+  if (start_delivery(from, to, uid)) return;
   close(from);
-  ks_discard(to);
+  ks_discard(to, uid);
+}
+
+bool ks_has_too_many_open(std::uint32_t uid) {
+  Pending* const shared = known_pending();
+  return shared != nullptr && shared->user_of(mark_of(kStranger, uid)).open.load() >= kMostOpenOfAUser;
 }
 
 void hang_up_and_forget(int* fd) {
@@ -301,8 +352,17 @@ void hang_up_and_forget(int* fd) {
 // Nothing can arrive on it any more: what is found empty stays empty.
 void close_shut_down(int fd) {
   if (has_unread(fd)) {
-    hand_to_closer(fd, &Pending::connections);
+    hand_to_closer(fd, kConnection, ks_peer(fd).uid);
   } else {
     close(fd);
   }
+}
+
+void close_copy_and_forget(int* fd) {
+  if (has_unread(*fd)) {
+    hand_to_closer(*fd, kStranger, ks_peer(*fd).uid);
+  } else {
+    close(*fd);
+  }
+  *fd = -1;
 }

@@ -11,8 +11,8 @@
 //         ks_io_printf(io, "hello %s\n", request_name);                  // append the reply
 //         ks_reply(io);                                                  // done; the client wakes up
 //       }
-//       ks_io_free(io);                                                  // the callback owns io ...
-//       ks_discard(extra_fd);                                            // ... and the descriptor
+//       ks_discard(extra_fd, ks_io_uid(io));                             // the callback owns the descriptor ...
+//       ks_io_free(io);                                                  // ... and io
 //     }
 //     ks_start(ks_create("greeter", KS_PTHREAD_MODE, 2, answer));        // returns when a thread calls
 //     ks_stop
@@ -137,15 +137,18 @@ int ks_io_dup3(ks_io* io, int newfd, int flags);
 FILE* ks_io_fopen(ks_io* io, const char* mode);
 FILE* ks_io_freopen(ks_io* io, const char* mode, FILE* stream);
 
-// Gets rid of a descriptor that a client handed over, without ever waiting for its owner; -1 is ignored. A plain close
-// can wait for as long as the owner likes: for a connection that lingers, for a file in user space. A memory file is
-// closed at once. Anything else is closed by a closer: a process that shares this one's descriptor table, is an
-// orphan and is called "ks-close". It ends when its closes have returned, and can outlive this process. 64 closers live
-// at a time; while all of them wait, a further descriptor stays open. Any thread.
-void ks_discard(int fd);
-// Writes what the file `from` holds to `to`, a client's descriptor, and closes both. A closer does all of it. When 64
-// closers wait already, nothing is written. Any thread.
-void ks_deliver(int from, int to);
+// Gets rid of a descriptor that a client handed over, without ever waiting for its owner; -1 is ignored. `uid` is the
+// client's user (ks_io_uid). A plain close can wait for as long as the owner likes: for a connection that lingers, for
+// a file in user space. A memory file is closed at once. Anything else is closed by a closer: a process that shares
+// this one's descriptor table, is an orphan and is called "ks-close". It ends when its closes have returned, and can
+// outlive this process; one that is process 1, or adopts orphans, has to wait for closers, too.
+//
+// 256 closers live at a time, 8 of them for one user; while all of them wait, a further descriptor stays open. A user
+// of whom 16 descriptors are open in this way is not asked for requests: its clients are hung up on. Any thread.
+void ks_discard(int fd, uint32_t uid);
+// Writes what the file `from` holds to `to`, a descriptor of a client of user `uid`, and closes both. A closer does all
+// of it. When there can be no more closers, nothing is written. Any thread.
+void ks_deliver(int from, int to, uint32_t uid);
 
 // ---- Services ---------------------------------------------------------------------------------------------
 //

@@ -47,8 +47,11 @@ bool set_fd_cloexec(int fd) {
   return flags != -1 && fcntl(fd, F_SETFL, flags | kFlagBit) != -1;
 }
 
-void unique_fd::reset(int fd) {
-  ks_discard(std::exchange(fd_, fd));
+ucred ks_peer(int sockfd) {
+  ucred peer{};
+  socklen_t size = sizeof(peer);
+  getsockopt(sockfd, SOL_SOCKET, SO_PEERCRED, &peer, &size);
+  return peer;
 }
 
 int ks_nonzero(int fd) {

@@ -3,6 +3,7 @@
 
 #include <pthread.h>
 #include <sys/epoll.h>
+#include <sys/socket.h>
 #include <sys/types.h>
 #include <sys/un.h>
 
@@ -35,25 +36,29 @@ bool ks_has_magic(const void* record, std::uint32_t magic);
 // descriptor inheritable: programs that the process starts see the framework's sockets, and always have.
 bool set_fd_cloexec(int fd);
 
-// Owner of a descriptor that a client handed over, until it is released; discards it.
-class unique_fd {
+// Owner of a descriptor that user `uid` handed over, until it is released; discards it.
+class handed_fd {
  public:
-  explicit unique_fd(int fd = -1) : fd_(fd) {}
-  unique_fd(unique_fd&& other) noexcept : fd_(other.release()) {}
-  unique_fd& operator=(unique_fd&& other) noexcept {
-    reset(other.release());
-    return *this;
-  }
-  ~unique_fd() { reset(); }
+  explicit handed_fd(std::uint32_t uid, int fd = -1) : uid_(uid), fd_(fd) {}
+  handed_fd(const handed_fd&) = delete;
+  handed_fd& operator=(const handed_fd&) = delete;
+  ~handed_fd() { ks_discard(fd_, uid_); }
 
   int get() const { return fd_; }
   explicit operator bool() const { return fd_ >= 0; }
   int release() { return std::exchange(fd_, -1); }
-  void reset(int fd = -1);
+  void reset(int fd = -1) { ks_discard(std::exchange(fd_, fd), uid_); }
 
  private:
+  const std::uint32_t uid_;
   int fd_;
 };
+
+// The other side of a connection, as it was when it connected; all zero for what is no connection.
+ucred ks_peer(int sockfd);
+
+// Whether this user has handed over more than can be closed for now. Such a client is not asked for its request.
+bool ks_has_too_many_open(std::uint32_t uid);
 
 // The same descriptor under a number other than 0, which in a queue entry means none; `fd` itself unless it is 0,
 // which then is closed.
@@ -67,6 +72,9 @@ void close_shut_down(int fd);
 // The same, and *fd = -1, after shutting it down: the conversation ends even if another process holds a copy. No effect
 // on -1.
 void hang_up_and_forget(int* fd);
+// Closes a copy of a connection that goes on elsewhere, and *fd = -1. Does not wait even if it is the last one: a
+// consumer that was short of descriptors has none.
+void close_copy_and_forget(int* fd);
 
 // ---- Names ------------------------------------------------------------------------------------------------
 
@@ -148,6 +156,7 @@ struct ks_worker {
   // Bookkeeping for stopping and restarting without a leak.
   std::int32_t transfer_fd;  // consumer: the client handed over and not yet echoed, -1 when none
   std::int32_t client_fd;    // consumer: the client that has been asked for its request, -1 when none
+  ucred client;              // consumer: whose that is
   const ks_handle* handle;   // consumer: the service it works for
   ks_silence_fn on_silence;  // consumer: what it does about a silent client, null for nothing
   void* silence_arg;

@@ -201,7 +201,7 @@ void ks_io_free(ks_io* io) {
   if (record_of(io)->shut) {
     close_shut_down(io->sockfd);
   } else {
-    ks_discard(io->sockfd);  // another process may go on with a copy
+    ks_discard(io->sockfd, ks_peer(io->sockfd).uid);  // another process may go on with a copy
   }
   ks_io_drop_shm(io);
   io->magic = 0;  // a second release is caught instead of closing somebody else's descriptors

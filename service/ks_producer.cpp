@@ -210,8 +210,7 @@ void finish_transfer(ks_worker* worker, const directive& echo) {
   // Only the number handed over is ours to close, whatever a consumer process may claim.
   if (sockfd != worker->transfer_fd) return;
   if (has_ended(worker)) return hang_up_and_forget(&worker->transfer_fd);
-  // The consumer has the other copy, or has closed it with nothing unread: this close does not wait.
-  close_and_forget(&worker->transfer_fd);
+  close_copy_and_forget(&worker->transfer_fd);
 }
 
 void serve_worker(Producer& p, ks_queue* entry) {

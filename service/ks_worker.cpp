@@ -89,9 +89,9 @@ void take_over_environment(pid_t peer) {
 }
 
 // Receives what belongs to the request record and makes the request. Null when that fails; the client is then dropped.
-ks_io* receive_request(ks_worker* worker, const directive& record, unique_fd* extra) {
+ks_io* receive_request(ks_worker* worker, const directive& record, handed_fd* extra) {
   const auto deadline = Clock::now() + kHandoverTimeout;
-  unique_fd memfd(receive_descriptor(worker->client_fd, deadline));
+  handed_fd memfd(worker->client.uid, receive_descriptor(worker->client_fd, deadline));
   if (!memfd) return nullptr;
   if ((record.flag & 1) != 0) {
     extra->reset(receive_descriptor(worker->client_fd, deadline));
@@ -104,23 +104,15 @@ ks_io* receive_request(ks_worker* worker, const directive& record, unique_fd* ex
   return io;
 }
 
-// Fails only on what is no connection.
-bool get_peer(int sockfd, ucred* peer) {
-  socklen_t size = sizeof(*peer);
-  return getsockopt(sockfd, SOL_SOCKET, SO_PEERCRED, peer, &size) == 0;
-}
-
-void read_credentials(ks_worker* worker, ks_io* io) {
-  ucred peer{};
-  if (!get_peer(io->sockfd, &peer)) return;
-  io->peer_pid = peer.pid;
-  io->peer_uid = peer.uid;
-  io->peer_gid = peer.gid;
-  if ((worker->type & KS_PROCESS_MODE) != 0) take_over_environment(peer.pid);
+void set_credentials(const ks_worker* worker, ks_io* io) {
+  io->peer_pid = worker->client.pid;
+  io->peer_uid = worker->client.uid;
+  io->peer_gid = worker->client.gid;
+  if ((worker->type & KS_PROCESS_MODE) != 0) take_over_environment(io->peer_pid);
 }
 
 void serve_request(ks_worker* worker, const directive& record) {
-  unique_fd extra;
+  handed_fd extra(worker->client.uid);
   ks_io* io = receive_request(worker, record, &extra);
   if (io == nullptr) {
     extra.reset();
@@ -128,7 +120,7 @@ void serve_request(ks_worker* worker, const directive& record) {
   }
   epoll_ctl(worker->pollfd, EPOLL_CTL_DEL, worker->client_fd, nullptr);
   worker->client_fd = -1;
-  read_credentials(worker, io);
+  set_credentials(worker, io);
   worker->exec(io->request_name, io, extra.release());
 }
 
@@ -138,6 +130,8 @@ void accept_transfer(ks_worker* worker, const directive& record) {
   // The echo tells the producer that its copy of the client is no longer needed.
   send_directive(worker->sockfd[0], record);
   if (worker->client_fd < 0) return;
+  worker->client = ks_peer(worker->client_fd);
+  if (ks_has_too_many_open(worker->client.uid)) return hang_up_and_forget(&worker->client_fd);
   // An urgent byte is read like any other. Otherwise the kernel drops it, and what came with it, in this thread.
   const int on = 1;
   setsockopt(worker->client_fd, SOL_SOCKET, SO_OOBINLINE, &on, sizeof(on));
@@ -171,9 +165,7 @@ void serve_client(ks_worker* worker, std::uint32_t events) {
 }
 
 void tell_silence(const ks_worker* worker) {
-  ucred peer{};
-  if (worker->on_silence != nullptr && get_peer(worker->client_fd, &peer))
-    worker->on_silence(worker->silence_arg, peer.pid);
+  if (worker->on_silence != nullptr) worker->on_silence(worker->silence_arg, worker->client.pid);
 }
 
 // How long the consumer may wait for its next event, in milliseconds.

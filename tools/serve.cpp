@@ -48,8 +48,8 @@ void show_and_reply(const char* request_name, ks_io* io, int extra_fd) {
     ks_io_write(io, reply_text.data(), reply_text.size());
     ks_reply(io);
   }
+  ks_discard(extra_fd, ks_io_uid(io));
   ks_io_free(io);
-  ks_discard(extra_fd);
   // An output that the caller left closed (EBADF) was not wanted; one that fails has lost its reader.
   const bool lost_reader = !shown && output_error != EBADF;
   if (lost_reader || (requests_left > 0 && --requests_left == 0)) kill(getpid(), end_signal);

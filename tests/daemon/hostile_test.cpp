@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 
 #include <csignal>
@@ -32,6 +33,8 @@ const struct Target {
     {kMain, kMainSocket, 2, main_commands, "exec_cli", R"({"command":["/bin/sleep","0.4"]})"},
     {kMail, kMailSocket, 5, mail_commands, "sendmail", R"({"user":"","pwd":"","config_file":"c","content_file":"m"})"},
 };
+
+constexpr uid_t kOtherUser = 65534;
 
 const Fd kBody = memory_file("body"), kSealable = memory_file("body", MFD_ALLOW_SEALING);
 const std::string kBodyPath = "/proc/self/fd/" + std::to_string(kBody);
@@ -68,7 +71,7 @@ class Lingering {
   }
   Lingering(const Lingering&) = delete;
   Lingering& operator=(const Lingering&) = delete;
-  ~Lingering() { ks_discard(ours_); }  // where the daemon was faster, this is the last close
+  ~Lingering() { ks_discard(ours_, getuid()); }  // where the daemon was faster, this is the last close
   operator int() const { return ours_; }
 
  private:
@@ -231,6 +234,26 @@ TEST_F(Hostile, AFileThatNeverAnswersHoldsUpItsOwnClientOnly) {
     expect_end(holding, End::refused);
     EXPECT_EQ(call(at.name, "test").status, KS_STATUS_OK);
   }
+}
+
+// Every descriptor of such a message is a close that waits.
+TEST_F(Hostile, AUserWhoseDescriptorsCannotBeClosedIsNotAskedForMore) {
+  const StuckFile file("/tmp/stuck");
+  if (!file.valid()) GTEST_SKIP() << "no file systems in user space here";
+  const std::vector<int> many(emulated() ? 4 : 100, file.fd());
+  std::thread([&] {
+    ASSERT_EQ(syscall(SYS_setresuid, kOtherUser, kOtherUser, kOtherUser), 0);  // this thread's ids
+    for (const Target& at : kTargets) {
+      for (int i = 0; i < 3; ++i) {
+        Peer peer(at.path);
+        peer.message(test_record(), many).fds({kBody});
+        expect_end(peer, End::either);
+      }
+      EXPECT_EQ(Peer(at.path).next(), 0);
+    }
+  }).join();
+  EXPECT_LT(open_descriptors(daemon_->pid()).size(), 300);
+  for (const Target& at : kTargets) EXPECT_EQ(call(at.name, "test").status, KS_STATUS_OK) << "another user";
 }
 
 TEST_F(Hostile, AClientMayBeKilledAtEveryStep) {

@@ -45,7 +45,7 @@ Peer& Peer::record(int type, int flag, std::string_view data) {
 
 Peer& Peer::message(std::string_view bytes, const std::vector<int>& fds, int flags) {
   const std::size_t size = fds.size() * sizeof(int);
-  alignas(cmsghdr) char control[256] = {};
+  alignas(cmsghdr) char control[CMSG_SPACE(253 * sizeof(int))] = {};  // no message can carry more
   iovec payload{.iov_base = const_cast<char*>(bytes.data()), .iov_len = bytes.size()};
   msghdr message{};
   message.msg_iov = &payload;

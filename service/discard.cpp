@@ -38,6 +38,13 @@
 
 namespace {
 
+#ifdef __SANITIZE_THREAD__
+// The sanitizer takes the clone for a fork and loses track of all threads: closers are threads.
+constexpr bool kProcessesWork = false;
+#else
+constexpr bool kProcessesWork = true;
+#endif
+
 constexpr int kMostClosers = 256;
 constexpr int kMostClosersOfAUser = 8;
 constexpr int kMostOpenOfAUser = 16;  // a conforming client has two, for the moment that a closer takes
@@ -161,7 +168,11 @@ struct Plan {
 // may have held a lock of the C library or of a sanitizer.
 
 void close_bare(int fd) {
-  syscall(SYS_close, fd);
+  if (kProcessesWork) {
+    syscall(SYS_close, fd);
+  } else {
+    close(fd);
+  }
 }
 
 // The producer may hold a copy of the connection a moment longer. Once it is empty, no close of it can wait.
@@ -235,12 +246,6 @@ int make_orphan(void* arg) {
   plan->started = closer > 0;
   return 0;
 }
-
-#ifdef __SANITIZE_THREAD__
-constexpr bool kProcessesWork = false;  // the sanitizer takes the clone for a fork, and loses track of all threads
-#else
-constexpr bool kProcessesWork = true;
-#endif
 
 // No signal handler of the program may run in a process that shares its memory, nor in the closer.
 bool start_process(Plan* plan) {

@@ -51,6 +51,20 @@ TEST(StartUp, ASecondInstanceIsRefusedAndAZombieIsNone) {
   EXPECT_EQ(run("vistalprod -t"), 0);
 }
 
+// In the foreground and in the background: exactly one goes on.
+TEST(StartUp, OfInstancesThatStartAtTheSameTimeOneServes) {
+  const std::string running = "vistalprod -x --runstates RSD";  // those that have ended are zombies of this test
+  for (int i = 0; i < 10; ++i) {
+    const std::string options = i % 2 == 0 ? "" : " -d";
+    std::vector<std::unique_ptr<Process>> instances;
+    for (int n = 0; n < 3; ++n) instances.push_back(std::make_unique<Process>("vistalprod" + options));
+    ASSERT_TRUE(eventually([] { return call(kMain, "test").status == KS_STATUS_OK; })) << "none, round " << i;
+    EXPECT_TRUE(eventually([&] { return run("test $(pgrep -c " + running + ") = 1") == 0; })) << "round " << i;
+    // Until none is left: one that still waited for the others is the next to serve.
+    ASSERT_TRUE(eventually([&] { return run("pkill -INT " + running) == 1; })) << "round " << i;
+  }
+}
+
 TEST(StartUp, AProcessOfAnotherUserIsNoInstance) {
   std::filesystem::copy_file("/bin/sleep", "/tmp/vistalprod");
   Process stranger("setpriv --reuid 65534 --clear-groups /tmp/vistalprod 60");

@@ -1,9 +1,10 @@
-// The client's side. A pending request is a ks_io whose socket is registered in a poll set. The service
-// speaks first (ask, or busy, or paused); the client answers an ask with its request name and its memory
-// file, and then waits for done. A request that fails leaves its record empty: no socket, no memory file, no
-// mapping.
+// The client's side. A pending request is a ks_io whose socket is registered in a poll set, or the one that ks_call
+// waits for without a set. The service speaks first (ask, or busy, or paused); the client answers an ask with its
+// request name and its memory file, and then waits for done. A request that fails leaves its record empty: no socket,
+// no memory file, no mapping.
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -33,6 +34,12 @@ constexpr std::int64_t kMillisecondsPerSecond = 1000;
     }                                                                    \
   } while (false)
 
+void verify_request(const ks_io* io) {
+  if (!ks_has_magic(io, KS_IO_MAGIC)) {
+    ks_abort("ks_epoll_call", kIoCondition, "cannot make incorrect ks_io %p request", static_cast<const void*>(io));
+  }
+}
+
 bool fits(const char* text, std::size_t limit) {
   return text != nullptr && strnlen(text, limit + 1) <= limit;
 }
@@ -48,8 +55,20 @@ void store(int* status, int code) {
   if (status != nullptr) *status = code;
 }
 
-ks_io* tear_down(ks_epoll* epoll, ks_io* io, int code, int* status) {
-  ks_epoll_cancel(epoll, io);
+// The requests that a client waits for: those of a poll set, or a single one without a set, which is cheaper.
+struct Waiting {
+  int pollfd;
+  ks_io* single;  // null: those of the set
+};
+
+void cancel(const Waiting& waiting, ks_io* io) {
+  if (io->sockfd == -1) return;
+  if (waiting.single == nullptr) epoll_ctl(waiting.pollfd, EPOLL_CTL_DEL, io->sockfd, nullptr);
+  hang_up_and_forget(&io->sockfd);
+}
+
+ks_io* tear_down(const Waiting& waiting, ks_io* io, int code, int* status) {
+  cancel(waiting, io);
   empty_record(io);
   store(status, code);
   return io;
@@ -76,14 +95,83 @@ int milliseconds_until(Clock::time_point deadline) {
   return static_cast<int>(std::clamp<std::int64_t>(left, 0, INT_MAX));
 }
 
+int wait_once(const Waiting& waiting, int timeout_ms, epoll_event* event) {
+  if (waiting.single == nullptr) return epoll_wait(waiting.pollfd, event, 1, timeout_ms);
+  static_assert(POLLIN == EPOLLIN && POLLERR == EPOLLERR && POLLHUP == EPOLLHUP && POLLRDHUP == EPOLLRDHUP);
+  pollfd watched{.fd = waiting.single->sockfd, .events = POLLIN | POLLRDHUP, .revents = 0};
+  const int ready = poll(&watched, 1, timeout_ms);
+  *event = {.events = static_cast<std::uint32_t>(watched.revents), .data = {.ptr = waiting.single}};
+  return ready;
+}
+
 // Waits for one event until the deadline; null when there was none.
-ks_io* wait_for_event(ks_epoll* epoll, Clock::time_point deadline, std::uint32_t* events) {
+ks_io* wait_for_event(const Waiting& waiting, Clock::time_point deadline, std::uint32_t* events) {
   epoll_event event{};
   int ready;
-  while ((ready = epoll_wait(epoll->fd, &event, 1, milliseconds_until(deadline))) < 0 && errno == EINTR) errno = 0;
+  while ((ready = wait_once(waiting, milliseconds_until(deadline), &event)) < 0 && errno == EINTR) errno = 0;
   if (ready < 1) return nullptr;
   *events = event.events;
   return static_cast<ks_io*>(event.data.ptr);
+}
+
+// Connects and fills the record of one request; returns a status.
+int start(const char* name, const char* request_name, ks_io* io, int extra_fd) {
+  if (!fits(name, MAXIMUM_NAME_SIZE) || !fits(request_name, KS_REQUEST_NAME_SIZE)) return KS_STATUS_ARGS;
+  char path[kSockFileSize];
+  ks_socket_path(name, path, "ks_epoll_call", "request ");
+  ks_io_connect(io, socket(AF_UNIX, SOCK_STREAM, 0));
+  if (io->sockfd < 0 || !set_fd_cloexec(io->sockfd)) {
+    ks_abort("ks_epoll_call", "(io->sockfd = socket(AF_UNIX, SOCK_STREAM, 0)) >= 0 && set_fd_cloexec(io->sockfd)",
+             "create request socket fail");
+  }
+  // A service that accepts no client fills its backlog, and connect would then wait for ever.
+  const timeval patience{.tv_sec = kLeastTimeoutSeconds, .tv_usec = 0};
+  setsockopt(io->sockfd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
+  const sockaddr_un address = ks_socket_address(path);
+  if (connect(io->sockfd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    return KS_STATUS_CONNECT;
+  }
+  ks_io_shm(io);
+  io->extra_fd = extra_fd;
+  ks_copy_text(io->request_name, sizeof(io->request_name), request_name);
+  return KS_STATUS_OK;
+}
+
+// Advances the requests by one event: see ks_epoll_perform.
+ks_io* perform(const Waiting& waiting, std::uint32_t timeout_ms, int* status) {
+  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  ks_io* skipped = nullptr;
+  while (true) {
+    std::uint32_t events = 0;
+    ks_io* io = wait_for_event(waiting, deadline, &events);
+    if (io == nullptr) {
+      if (skipped != nullptr) return tear_down(waiting, skipped, KS_STATUS_OK, status);
+      store(status, KS_STATUS_TIMEOUT);
+      return nullptr;
+    }
+    const bool lost = (events & (EPOLLERR | EPOLLHUP)) != 0 && (events & EPOLLRDHUP) == 0;
+    directive record;
+    if (lost || !read_directive(io->sockfd, &record)) return tear_down(waiting, io, KS_STATUS_BROKEN, status);
+    switch (record.type) {
+      case KS_DIR_BUSY:
+        return tear_down(waiting, io, KS_STATUS_BUSY, status);
+      case KS_DIR_PAUSED:
+        return tear_down(waiting, io, KS_STATUS_PAUSED, status);
+      case KS_DIR_REFUSED:
+        return tear_down(waiting, io, KS_STATUS_REFUSED, status);
+      case KS_DIR_DONE:
+        cancel(waiting, io);
+        if (!ks_io_sync_reply(io)) return tear_down(waiting, io, KS_STATUS_BROKEN, status);
+        store(status, KS_STATUS_OK);
+        return io;
+      case KS_DIR_ASK:
+        send_request(io);
+        store(status, KS_STATUS_OK);
+        return nullptr;
+      default:
+        skipped = io;
+    }
+  }
 }
 
 std::int64_t now_ms() {
@@ -92,14 +180,14 @@ std::int64_t now_ms() {
   return std::int64_t{now.tv_sec} * kMillisecondsPerSecond + now.tv_usec / 1000;
 }
 
-// Repeats ks_epoll_perform until the request has finished (true) or its time is over (false, with the status
-// of the last step). What is subtracted is each time the whole time since the start, so the budget shrinks
-// faster than the clock runs; callers know it so.
-bool perform_within(ks_epoll* epoll, std::int64_t start, std::int64_t budget, int* status) {
+// Repeats perform until the request has finished (true) or its time is over (false, with the status of the last step).
+// What is subtracted is each time the whole time since the beginning, so the budget shrinks faster than the clock runs;
+// callers know it so.
+bool perform_within(const Waiting& waiting, std::int64_t begin, std::int64_t budget, int* status) {
   while (true) {
     const auto limit = static_cast<std::uint32_t>(std::min<std::int64_t>(budget, UINT32_MAX));
-    if (ks_epoll_perform(epoll, limit, status) != nullptr) return true;
-    const std::int64_t elapsed = now_ms() - start;
+    if (perform(waiting, limit, status) != nullptr) return true;
+    const std::int64_t elapsed = now_ms() - begin;
     if (elapsed >= budget) return false;
     budget -= elapsed;
   }
@@ -123,69 +211,18 @@ ks_epoll* ks_epoll_create(void) {
 
 int ks_epoll_call(ks_epoll* epoll, const char* name, const char* request_name, ks_io* io, int extra_fd) {
   VERIFY_EPOLL(epoll, "ks_epoll_call", "cannot call incorrect ks_epoll %p");
-  if (!ks_has_magic(io, KS_IO_MAGIC)) {
-    ks_abort("ks_epoll_call", kIoCondition, "cannot make incorrect ks_io %p request", static_cast<void*>(io));
-  }
-  if (!fits(name, MAXIMUM_NAME_SIZE) || !fits(request_name, KS_REQUEST_NAME_SIZE)) return KS_STATUS_ARGS;
-  char path[kSockFileSize];
-  ks_socket_path(name, path, "ks_epoll_call", "request ");
-  ks_io_connect(io, socket(AF_UNIX, SOCK_STREAM, 0));
-  if (io->sockfd < 0 || !set_fd_cloexec(io->sockfd)) {
-    ks_abort("ks_epoll_call", "(io->sockfd = socket(AF_UNIX, SOCK_STREAM, 0)) >= 0 && set_fd_cloexec(io->sockfd)",
-             "create request socket fail");
-  }
-  // A service that accepts no client fills its backlog, and connect would then wait for ever.
-  const timeval patience{.tv_sec = kLeastTimeoutSeconds, .tv_usec = 0};
-  setsockopt(io->sockfd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
-  const sockaddr_un address = ks_socket_address(path);
-  if (connect(io->sockfd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-    return KS_STATUS_CONNECT;
-  }
-  if (!ks_poll_add(epoll->fd, io->sockfd, kWatchEvents, {.ptr = io})) {
+  verify_request(io);
+  const int status = start(name, request_name, io, extra_fd);
+  if (status == KS_STATUS_OK && !ks_poll_add(epoll->fd, io->sockfd, kWatchEvents, {.ptr = io})) {
     ks_abort("ks_epoll_call", "epoll_ctl(epoll->fd, EPOLL_CTL_ADD, io->sockfd, ev) == 0",
              "epoll add request sockfd fail");
   }
-  ks_io_shm(io);
-  io->extra_fd = extra_fd;
-  ks_copy_text(io->request_name, sizeof(io->request_name), request_name);
-  return KS_STATUS_OK;
+  return status;
 }
 
 ks_io* ks_epoll_perform(ks_epoll* epoll, uint32_t timeout_ms, int* status) {
   VERIFY_EPOLL(epoll, "ks_epoll_perform", "cannot perform incorrect ks_epoll %p");
-  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
-  ks_io* skipped = nullptr;
-  while (true) {
-    std::uint32_t events = 0;
-    ks_io* io = wait_for_event(epoll, deadline, &events);
-    if (io == nullptr) {
-      if (skipped != nullptr) return tear_down(epoll, skipped, KS_STATUS_OK, status);
-      store(status, KS_STATUS_TIMEOUT);
-      return nullptr;
-    }
-    const bool lost = (events & (EPOLLERR | EPOLLHUP)) != 0 && (events & EPOLLRDHUP) == 0;
-    directive record;
-    if (lost || !read_directive(io->sockfd, &record)) return tear_down(epoll, io, KS_STATUS_BROKEN, status);
-    switch (record.type) {
-      case KS_DIR_BUSY:
-        return tear_down(epoll, io, KS_STATUS_BUSY, status);
-      case KS_DIR_PAUSED:
-        return tear_down(epoll, io, KS_STATUS_PAUSED, status);
-      case KS_DIR_REFUSED:
-        return tear_down(epoll, io, KS_STATUS_REFUSED, status);
-      case KS_DIR_DONE:
-        ks_epoll_cancel(epoll, io);
-        if (!ks_io_sync_reply(io)) return tear_down(epoll, io, KS_STATUS_BROKEN, status);
-        store(status, KS_STATUS_OK);
-        return io;
-      case KS_DIR_ASK:
-        send_request(io);
-        store(status, KS_STATUS_OK);
-        return nullptr;
-      default:
-        skipped = io;
-    }
-  }
+  return perform({.pollfd = epoll->fd, .single = nullptr}, timeout_ms, status);
 }
 
 void ks_epoll_cancel(ks_epoll* epoll, ks_io* io) {
@@ -193,9 +230,7 @@ void ks_epoll_cancel(ks_epoll* epoll, ks_io* io) {
   if (!ks_has_magic(io, KS_IO_MAGIC)) {
     ks_abort("ks_epoll_cancel", kIoCondition, "cannot cancel incorrect ks_io %p", static_cast<void*>(io));
   }
-  if (io->sockfd == -1) return;
-  epoll_ctl(epoll->fd, EPOLL_CTL_DEL, io->sockfd, nullptr);
-  hang_up_and_forget(&io->sockfd);
+  cancel({.pollfd = epoll->fd, .single = nullptr}, io);
 }
 
 void ks_epoll_free(ks_epoll* epoll) {
@@ -206,17 +241,16 @@ void ks_epoll_free(ks_epoll* epoll) {
 }
 
 int ks_call(const char* name, const char* request_name, ks_io* io, uint32_t timeout_s, int extra_fd) {
-  ks_epoll* epoll = ks_epoll_create();
-  const std::int64_t start = now_ms();
-  int status = ks_epoll_call(epoll, name, request_name, io, extra_fd);
+  verify_request(io);
+  const std::int64_t begin = now_ms();
+  int status = start(name, request_name, io, extra_fd);
   bool finished = false;
   if (status == KS_STATUS_OK) {
     const std::int64_t budget = std::max(timeout_s, kLeastTimeoutSeconds) * kMillisecondsPerSecond;
-    finished = perform_within(epoll, start, budget, &status);
+    finished = perform_within({.pollfd = -1, .single = io}, begin, budget, &status);
   }
   // Without a reply nothing may be left that looks like one, the request's own mapping least of all.
   if (!finished || status != KS_STATUS_OK) empty_record(io);
-  ks_epoll_free(epoll);
   return status;
 }
 

@@ -214,13 +214,10 @@ TEST(FaultsAtStart, WhatElseIsMissingIsDoneWithoutOrEndsTheStart) {
   }
 }
 
-// A record on its way to the notification service needs a memory file, a poll set and a mapped reply.
+// A record on its way to the notification service needs a memory file and a mapped reply.
 TEST(FaultsOfTheRelay, AnEventThatCannotBeForwardedAborts) {
   const std::tuple<fault_kind, int, std::string> rows[] = {
       {FAULT_MEMFD, ENFILE, "ks_io_shm() create share memory file fail: `io->memfd != -1 && set_fd_cloexec(io->memfd)"},
-      {FAULT_EPOLL_ADD, ENOSPC,
-       "ks_epoll_call() epoll add request sockfd fail: `epoll_ctl(epoll->fd, EPOLL_CTL_ADD, io->sockfd, ev) "
-       "== 0"},
       {FAULT_MMAP, ENOMEM, "ks_io_sync() create memory map fail: `io->shared_data != MAP_FAILED"}};
   const auto reply = [](const char*, ks_io* io, int) { ks_reply(io), ks_io_free(io); };
   for (const auto& [kind, error, line] : rows) {

@@ -51,10 +51,6 @@ void empty_record(ks_io* io) {
   io->extra_fd = -1;
 }
 
-void store(int* status, int code) {
-  if (status != nullptr) *status = code;
-}
-
 // The requests that a client waits for: those of a poll set, or a single one without a set, which is cheaper.
 struct Waiting {
   int pollfd;
@@ -70,7 +66,7 @@ void cancel(const Waiting& waiting, ks_io* io) {
 ks_io* tear_down(const Waiting& waiting, ks_io* io, int code, int* status) {
   cancel(waiting, io);
   empty_record(io);
-  store(status, code);
+  *status = code;
   return io;
 }
 
@@ -137,7 +133,7 @@ int start(const char* name, const char* request_name, ks_io* io, int extra_fd) {
   return KS_STATUS_OK;
 }
 
-// Advances the requests by one event: see ks_epoll_perform.
+// Advances the requests by one event: ks_epoll_perform, but for the mapping of a reply.
 ks_io* perform(const Waiting& waiting, std::uint32_t timeout_ms, int* status) {
   const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   ks_io* skipped = nullptr;
@@ -146,7 +142,7 @@ ks_io* perform(const Waiting& waiting, std::uint32_t timeout_ms, int* status) {
     ks_io* io = wait_for_event(waiting, deadline, &events);
     if (io == nullptr) {
       if (skipped != nullptr) return tear_down(waiting, skipped, KS_STATUS_OK, status);
-      store(status, KS_STATUS_TIMEOUT);
+      *status = KS_STATUS_TIMEOUT;
       return nullptr;
     }
     const bool lost = (events & (EPOLLERR | EPOLLHUP)) != 0 && (events & EPOLLRDHUP) == 0;
@@ -161,12 +157,11 @@ ks_io* perform(const Waiting& waiting, std::uint32_t timeout_ms, int* status) {
         return tear_down(waiting, io, KS_STATUS_REFUSED, status);
       case KS_DIR_DONE:
         cancel(waiting, io);
-        if (!ks_io_sync_reply(io)) return tear_down(waiting, io, KS_STATUS_BROKEN, status);
-        store(status, KS_STATUS_OK);
+        *status = KS_STATUS_OK;
         return io;
       case KS_DIR_ASK:
         send_request(io);
-        store(status, KS_STATUS_OK);
+        *status = KS_STATUS_OK;
         return nullptr;
       default:
         skipped = io;
@@ -191,6 +186,39 @@ bool perform_within(const Waiting& waiting, std::int64_t begin, std::int64_t bud
     if (elapsed >= budget) return false;
     budget -= elapsed;
   }
+}
+
+// Maps the reply that a record has, if it has one; returns a status.
+int map_reply(ks_io* io) {
+  if (io->memfd < 0 || ks_io_sync_reply(io)) return KS_STATUS_OK;
+  empty_record(io);
+  return KS_STATUS_BROKEN;
+}
+
+// Copies the reply out of its file: a mapping would cost page faults besides, and SIGBUS where the service cuts the
+// file short. Returns how much of it there was.
+std::uint64_t read_reply(const ks_io* io, char* buffer, std::uint64_t size) {
+  std::uint64_t read = 0;
+  ssize_t got;
+  while (read < size && (got = pread(io->memfd, buffer + read, size - read, static_cast<off_t>(read))) > 0) {
+    read += static_cast<std::uint64_t>(got);
+  }
+  return read;
+}
+
+// One complete request: ks_call, but for the mapping of the reply.
+int call(const char* name, const char* request_name, ks_io* io, std::uint32_t timeout_s, int extra_fd) {
+  verify_request(io);
+  const std::int64_t begin = now_ms();
+  int status = start(name, request_name, io, extra_fd);
+  bool finished = false;
+  if (status == KS_STATUS_OK) {
+    const std::int64_t budget = std::max(timeout_s, kLeastTimeoutSeconds) * kMillisecondsPerSecond;
+    finished = perform_within({.pollfd = -1, .single = io}, begin, budget, &status);
+  }
+  // Without a reply nothing may be left that looks like one, the request's own mapping least of all.
+  if (!finished || status != KS_STATUS_OK) empty_record(io);
+  return status;
 }
 
 }  // namespace
@@ -222,7 +250,11 @@ int ks_epoll_call(ks_epoll* epoll, const char* name, const char* request_name, k
 
 ks_io* ks_epoll_perform(ks_epoll* epoll, uint32_t timeout_ms, int* status) {
   VERIFY_EPOLL(epoll, "ks_epoll_perform", "cannot perform incorrect ks_epoll %p");
-  return perform({.pollfd = epoll->fd, .single = nullptr}, timeout_ms, status);
+  int code;
+  ks_io* io = perform({.pollfd = epoll->fd, .single = nullptr}, timeout_ms, &code);
+  if (io != nullptr && code == KS_STATUS_OK) code = map_reply(io);
+  if (status != nullptr) *status = code;
+  return io;
 }
 
 void ks_epoll_cancel(ks_epoll* epoll, ks_io* io) {
@@ -241,17 +273,8 @@ void ks_epoll_free(ks_epoll* epoll) {
 }
 
 int ks_call(const char* name, const char* request_name, ks_io* io, uint32_t timeout_s, int extra_fd) {
-  verify_request(io);
-  const std::int64_t begin = now_ms();
-  int status = start(name, request_name, io, extra_fd);
-  bool finished = false;
-  if (status == KS_STATUS_OK) {
-    const std::int64_t budget = std::max(timeout_s, kLeastTimeoutSeconds) * kMillisecondsPerSecond;
-    finished = perform_within({.pollfd = -1, .single = io}, begin, budget, &status);
-  }
-  // Without a reply nothing may be left that looks like one, the request's own mapping least of all.
-  if (!finished || status != KS_STATUS_OK) empty_record(io);
-  return status;
+  const int status = call(name, request_name, io, timeout_s, extra_fd);
+  return status == KS_STATUS_OK ? map_reply(io) : status;
 }
 
 int ks_ez_call(const char* name, const char* request_name, const void* data, uint64_t dsize, void** recv,
@@ -265,15 +288,17 @@ int ks_ez_call(const char* name, const char* request_name, const void* data, uin
   }
   ks_io* io = ks_io_create();
   if (data != nullptr && dsize > 0) ks_io_write(io, data, dsize);
-  const int status = ks_call(name, request_name, io, timeout_s, extra_fd);
+  int status = call(name, request_name, io, timeout_s, extra_fd);
+  std::uint64_t size;
+  if (status == KS_STATUS_OK && !ks_io_reply_size(io, &size)) status = KS_STATUS_BROKEN;
   if (recv != nullptr && status == KS_STATUS_OK) {
     // At least one byte, so that an empty reply is not mistaken for a failed allocation.
-    *recv = std::malloc(std::max<std::uint64_t>(io->shared_size, 1));
+    *recv = std::malloc(std::max<std::uint64_t>(size, 1));
     if (*recv == nullptr) {
       ks_abort("ks_ez_call", "(*recv = realloc(*recv, io->shared_size))", "cannot realloc recv memory");
     }
-    if (io->shared_size > 0) std::memcpy(*recv, io->shared_data, io->shared_size);
-    if (rsize != nullptr) *rsize = io->shared_size;
+    size = read_reply(io, static_cast<char*>(*recv), size);
+    if (rsize != nullptr) *rsize = size;
   }
   ks_io_free(io);
   return status;

@@ -112,6 +112,8 @@ void ks_io_sync(ks_io* io);
 // The same for a reply, which is as long as the service says: false when it cannot be mapped and is longer than this
 // machine's memory. Nobody can have written that; where it is shorter, it is this process that lacks something.
 bool ks_io_sync_reply(ks_io* io);
+// The length of a reply that is not mapped; false when it is longer than this machine's memory.
+bool ks_io_reply_size(ks_io* io, std::uint64_t* size);
 // Creates the memory file if the record has none.
 void ks_io_shm(ks_io* io);
 // Unmaps, closes the memory file and forgets it.

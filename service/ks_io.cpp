@@ -167,6 +167,11 @@ void ks_io_sync(ks_io* io) {
   if (io->memfd >= 0 && !sync(io, &size) && !replace_clients_file(io)) abort_unmapped();
 }
 
+bool ks_io_reply_size(ks_io* io, std::uint64_t* size) {
+  *size = ks_io_size(io);
+  return *size <= physical_memory();
+}
+
 bool ks_io_sync_reply(ks_io* io) {
   std::uint64_t size;
   if (sync(io, &size)) return true;

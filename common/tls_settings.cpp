@@ -1,6 +1,6 @@
 #include "common/tls_settings.h"
 
-#include <sys/stat.h>
+#include <unistd.h>
 
 int get_ssl_protocols(std::string* protocols) {
   *protocols = "All -SSLv2 -SSLv3 -TLSv1 -TLSv1.1";
@@ -13,6 +13,5 @@ int get_ssl_cipher_suite(std::string* ciphers) {
 }
 
 int has_ssl_chain_file() {
-  struct stat found {};
-  return stat(kChainFile, &found) == 0 ? 1 : 0;
+  return access(kChainFile, F_OK) == 0 ? 1 : 0;
 }

@@ -16,6 +16,7 @@
 #include "common/json_cost.h"
 #include "common/json_param.h"
 #include "common/log.h"
+#include "common/memory.h"
 #include "common/package_config.h"
 
 namespace {
@@ -115,7 +116,8 @@ void carry_out(const CommandRow& row, ks_io* io) {
   const Outcome outcome = read_body(request) ? request.command.action.run(request) : Outcome::own;
   // A client that has its reply finds the memory given back.
   request.body = Json::Value();
-  request.values = {};
+  decltype(request.values)().swap(request.values);  // assigning would keep the texts' blocks
+  memory_give_back();
   conclude(request, outcome);
   if (request.afterwards) request.afterwards();
 }

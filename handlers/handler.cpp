@@ -67,8 +67,9 @@ bool Request::parse_body() {
   std::string errors;
   const bool members = command.action.reads == Reads::members;
   if (members ? json_parse_builder(text, &body, &errors) : json_parse(text, &body, &errors)) return true;
-  if (errors.empty()) return refuse("input error");  // it would cost too much, which is logged
-  if (members) {
+  if (errors.empty()) {
+    // The body would cost too much, which is logged.
+  } else if (members) {
     LOG_AT(log_name.c_str(), "parse strInputArg failed, error=[%s]", errors.c_str());
   } else if (command.logs_bad_body) {
     LOG_AT(log_name.c_str(), "ks_io input fail. [%s]", text.c_str());

@@ -72,19 +72,19 @@ std::int32_t call_function(const Command& command, Arguments... arguments) {
 // The two numbers and the null select all local names. The list is the caller's to free, on errors too.
 using NameListFunction = std::int32_t(char** list, std::int32_t, std::int32_t, void*, std::int32_t* count);
 
-Outcome list_names(Request& request) {
+MemberValue list_names(Request& request) {
   char* entries = nullptr;
   NameList names;
   const bool listed = call_function<NameListFunction>(request.command, &entries, 0, 0, nullptr, &names.count) >= 0;
   names.entries.reset(entries);
-  if (!listed || !names.holds_all()) return Outcome::failure;
+  if (!listed || !names.holds_all()) return std::nullopt;
   Json::Value list;
   const char* entry = entries;
   for (std::int32_t i = 0; i < names.count; ++i, entry += kNameEntrySize) {
     list.append(std::string(entry, strnlen(entry, kMaxName)));
   }
   request.reply["local_count"] = names.count;
-  return success_with(request, list);
+  return list;
 }
 
 // ---- Members
@@ -94,17 +94,17 @@ Outcome list_names(Request& request) {
 // daemon's end. So it is read while the library is open, and neither it nor what it leads to is released.
 using MemberListFunction = std::int32_t(const char* group_name, void*** list);
 
-Outcome list_members(Request& request, const std::string& group_name) {
+MemberValue list_members(Request& request, const std::string& group_name) {
   const PlatformLibrary library(request.command.library);
   auto* const list_members = library.function<MemberListFunction>(request.command.function);
-  if (list_members == nullptr) return Outcome::failure;
+  if (list_members == nullptr) return std::nullopt;
   void** entries = nullptr;
   const std::int32_t count = list_members(group_name.c_str(), &entries);
-  if (count < 0 || count > kMaxMembers || (count > 0 && entries == nullptr)) return Outcome::failure;
+  if (count < 0 || count > kMaxMembers || (count > 0 && entries == nullptr)) return std::nullopt;
   Json::Value list;
   for (std::int32_t i = 0; i < count; ++i) list.append(entries[i] != nullptr);
   request.reply["user_count"] = count;
-  return success_with(request, list);
+  return list;
 }
 
 // ---- Text messages
@@ -163,10 +163,10 @@ Outcome add_session(Request& request, std::int32_t type, const std::string& user
   return success_if(call_function<AddSessionFunction>(request.command, sid.c_str(), user.c_str(), type, "") == 0);
 }
 
-Outcome get_session(Request& request, std::int32_t type, std::int32_t /*length*/, const std::string& sid) {
+MemberValue get_session(Request& request, std::int32_t type, std::int32_t /*length*/, const std::string& sid) {
   SessionRecord session{};
-  if (call_function<GetSessionFunction>(request.command, sid.c_str(), type, &session) != 0) return Outcome::failure;
-  return success_with(request, text_of(session.user));
+  if (call_function<GetSessionFunction>(request.command, sid.c_str(), type, &session) != 0) return std::nullopt;
+  return text_of(session.user);
 }
 
 // ---- Logging in
@@ -204,20 +204,20 @@ constexpr Command main_service::get_all_users = Row{.library = kAccountLibrary,
                                                     .function = "Get_Local_User_List_V2",
                                                     .member = "user_list",
                                                     .answers = "local_count, result, user_list",
-                                                    .action = list_names};
+                                                    .action = calls<list_names>};
 
 constexpr Command main_service::get_all_groups = Row{.library = kAccountLibrary,
                                                      .function = "Get_Local_Group_List_V2",
                                                      .member = "group_list",
                                                      .answers = "group_list, local_count, result",
-                                                     .action = list_names};
+                                                     .action = calls<list_names>};
 
 constexpr Command main_service::get_group_members = Row{.params = {text("group_name")},
                                                         .library = kAccountLibrary,
                                                         .function = "Get_NAS_User_List_Of_Group_Ex",
                                                         .member = "user_list",
                                                         .answers = "result, user_count, user_list",
-                                                        .action = with_params<list_members>};
+                                                        .action = calls<list_members>};
 
 constexpr Command main_service::get_sms_config =
     Row{.library = "/usr/lib/libuCore_config.so.0.0",
@@ -228,15 +228,15 @@ constexpr Command main_service::get_sms_config =
 constexpr Command main_service::vistal_auth_add_session = Row{.params = {number("type"), text("user"), text("sid")},
                                                               .library = kSessionLibrary,
                                                               .function = "auth_add_session",
-                                                              .action = with_params<add_session>};
+                                                              .action = calls<add_session>};
 
 constexpr Command main_service::vistal_auth_get_session = Row{.params = {number("type"), number("length"), text("sid")},
                                                               .library = kSessionLibrary,
                                                               .function = "auth_get_session",
                                                               .member = "user",
-                                                              .action = with_params<get_session>};
+                                                              .action = calls<get_session>};
 
 constexpr Command main_service::get_sess_id = Row{.params = {text("user"), text("pwd")},
                                                   .runs = "/sbin/kcli -l user=USER pw=PWD",
                                                   .answers = "error_code, sid",
-                                                  .action = with_params<get_session_id>};
+                                                  .action = calls<get_session_id>};

@@ -72,7 +72,7 @@ Outcome relay_status(Request& request) {
   const CapturedRun run(program, argument_vector(rootless_path(program), request.arguments()), Streams::both);
   if (run.status() != 0) request.reply["error_msg"] = request.log_name + " fail";
   request.reply["result"] = run.status();
-  request.reply[request.command.member] = base64_text(run.output());
+  request.reply["device_status"] = base64_text(run.output());
   return Outcome::own;
 }
 
@@ -128,7 +128,7 @@ constexpr Command main_service::system_call_cloud_kcm_tunnel_agent =
             "/usr/local/bin/kcloud_tunnel_agent_tool register_kcm -m MODE -p PACKAGE_NAME -c CALLBACK_PATH, "
             "unregister_kcm -r REG_ID or get_url",
         .answers = kCliRetAnswers,
-        .action = with_params<relay_tunnel_agent>};
+        .action = calls<relay_tunnel_agent>};
 
 constexpr Command main_service::system_call_cloud_get_user_token =
     Row{.program = "/usr/bin/kcloud_cli", .args = {"-t"}, .answers = kCliRetAnswers, .action = relay<kRemovedLate>};
@@ -139,8 +139,8 @@ constexpr Command main_service::system_call_cloud_get_host_site =
 constexpr Command main_service::system_call_cloud_get_host_endpoint =
     Row{.program = kHostTool, .args = {"-n", "k2_api"}, .answers = kCliRetAnswers, .action = relay<kRemovedLate>};
 
-constexpr Command main_service::system_call_cloud_get_device_status =
-    Row{.program = kDeviceTool, .args = {"get_device_status"}, .member = "device_status", .action = relay_status};
+constexpr Command main_service::system_call_cloud_get_device_status = Row{
+    .program = kDeviceTool, .args = {"get_device_status"}, .answers = "device_status, result", .action = relay_status};
 
 constexpr Command main_service::system_call_cloud_get_device_info =
     Row{.program = kDeviceTool, .args = {"get_device_info"}, .member = "device_info", .action = relay<Relay{}>};

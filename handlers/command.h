@@ -70,11 +70,13 @@ Outcome run_program(Request& request);
 
 struct Action {
   constexpr Action() = default;
-  constexpr Action(Outcome (*function)(Request&), Reads how = Reads::params, std::span<const Type> picked = {})
-      : run(function), reads(how), takes(picked), only_runs(false) {}  // NOLINT: as above
+  constexpr Action(Outcome (*function)(Request&), Reads how = Reads::params, std::span<const Type> picked = {},
+                   bool adds = false)
+      : run(function), reads(how), takes(picked), adds_member(adds), only_runs(false) {}  // NOLINT: as above
   Outcome (*run)(Request& request) = run_program;
   Reads reads = Reads::params;
   std::span<const Type> takes;  // the parameters that `run` picks from the request, in their order
+  bool adds_member = false;     // the row's, to the reply
   bool only_runs = true;        // the row's program; function pointers cannot always be compared by the compiler
 };
 
@@ -123,6 +125,7 @@ class Command : public Row {
     if ((library == nullptr) != (function == nullptr)) throw "a library and a function come together";
     if (!action.takes.empty() && !std::ranges::equal(action.takes, parameters(), {}, {}, &Param::type))
       throw "the action takes other parameters than the row has";
+    if (action.adds_member && member == nullptr) throw "the action adds a member that the row does not name";
   }
 
   constexpr std::span<const Param> parameters() const {

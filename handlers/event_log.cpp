@@ -59,4 +59,4 @@ constexpr Command main_service::system_connrec_tool =
         .program = "/sbin/connrec_tool",
         .args = {"-t", param("log_type"), "-i", param("service_type"), "-n", param("action_type"), "-a",
                  param("log_mseg"), "-u", param("user_name"), "-p", param("IP"), "-m", param("computer_name")},
-        .action = with_params<write_connection>};
+        .action = calls<write_connection>};

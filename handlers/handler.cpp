@@ -127,8 +127,9 @@ Outcome success_if(bool done) {
   return done ? Outcome::success : Outcome::failure;
 }
 
-Outcome success_with(Request& request, const Json::Value& member) {
-  request.reply[request.command.member] = member;
+Outcome success_if_had(Request& request, MemberValue member) {
+  if (!member) return Outcome::failure;
+  request.reply[request.command.member] = std::move(*member);
   return Outcome::success;
 }
 

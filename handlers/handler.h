@@ -10,7 +10,7 @@
 //     constexpr Command main_service::get_something = Row{
 //         .params = {text("user"), number("type")},
 //         .runs = "what a reader of `ksctl list` is told",
-//         .action = with_params<look_up>};
+//         .action = calls<look_up>};
 //
 // and the skeleton sends, on one line of JSON unless the row asks for several:
 //   the body is not JSON                 {"error_code":-1,"error_msg":"input error"}     and one log line
@@ -32,6 +32,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -77,25 +78,37 @@ std::string log_name_of(const CommandRow& row);
 // Runs a command for one request, up to its reply. The request stays the dispatcher's.
 void carry_out(const CommandRow& row, ks_io* io);
 
-// The action of a function that takes the row's parameters, in their order.
+// What a function returns that looks up the row's `member`: its value, or nothing when it could not be had.
+using MemberValue = std::optional<Json::Value>;
+
+// For actions that only tell whether it could be done, and for those that add the row's `member`.
+Outcome success_if(bool done);
+Outcome success_if_had(Request& request, MemberValue member);
+
+// The action of a function that takes the row's parameters, in their order. One that returns a MemberValue needs a row
+// with a `member`.
 template <auto function>
-struct ParamAction;
-template <typename... Taken, Outcome (*function)(Request&, Taken...)>
-struct ParamAction<function> {
-  static constexpr Type kTypes[] = {std::is_same_v<std::remove_cvref_t<Taken>, std::string> ? Type::string
-                                                                                            : Type::integer...};
+struct Call;
+template <typename Result, typename... Taken, Result (*function)(Request&, Taken...)>
+struct Call<function> {
+  static constexpr bool kAddsMember = std::is_same_v<Result, MemberValue>;
+  static constexpr std::array<Type, sizeof...(Taken)> kTypes = {
+      std::is_same_v<std::remove_cvref_t<Taken>, std::string> ? Type::string : Type::integer...};
   template <std::size_t... place>
-  static Outcome pick(Request& request, std::index_sequence<place...>) {
+  static Result pick(Request& request, std::index_sequence<place...>) {
     return function(request, std::get<std::remove_cvref_t<Taken>>(request.values[place])...);
   }
-  static Outcome run(Request& request) { return pick(request, std::index_sequence_for<Taken...>()); }
+  static Outcome run(Request& request) {
+    Result result = pick(request, std::index_sequence_for<Taken...>());
+    if constexpr (kAddsMember) {
+      return success_if_had(request, std::move(result));
+    } else {
+      return result;
+    }
+  }
 };
 template <auto function>
-inline constexpr Action with_params{ParamAction<function>::run, Reads::params, ParamAction<function>::kTypes};
-
-// For actions that only tell whether it could be done, and for those that add just the row's `member`.
-Outcome success_if(bool done);
-Outcome success_with(Request& request, const Json::Value& member);
+inline constexpr Action calls{Call<function>::run, Reads::params, Call<function>::kTypes, Call<function>::kAddsMember};
 
 // A logged run whose output is the answer: "result_out", in base64, and a "cli_ret" of 0. `removal_tells`: -1
 // there when the output file could not be removed. Without a reply when the program failed.

@@ -12,7 +12,7 @@
 //
 // Nothing is kept from one request to the next. A hardware tool that cannot be executed or fails is only
 // known by what it prints: to the fields that is no NAME=VALUE, to the extended area an empty text.
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -50,15 +50,13 @@ std::optional<std::string> field_value(const std::string& output) {
   return std::move(pieces[1]);
 }
 
-Outcome answer_vpd_field(Request& request) {
+MemberValue get_vpd_field(Request& request) {
   const std::optional<std::string> output =
       piped_output(kHardwareTool, argument_vector(base_name(kHardwareTool), request.arguments()), kChunkSize);
-  const std::optional<std::string> value = output ? field_value(*output) : std::nullopt;
-  if (!value) return Outcome::failure;
-  return success_with(request, *value);
+  return output ? field_value(*output) : std::nullopt;
 }
 
-Outcome answer_ext_area(Request& request, std::int32_t offset, std::int32_t length) {
+MemberValue get_ext_area(Request& request, std::int32_t offset, std::int32_t length) {
   constexpr char kReader[] = "system_call_hwctlapp_vpdget_ext_area";  // in the log
   const std::string argument = format_bounded(kExtAreaArgumentSize, "offset=%d,length=%d", offset, length);
   LOG_AT(kReader, "/sbin/hwctl_app --vpd_get_ext_area  %s", argument.c_str());
@@ -66,33 +64,32 @@ Outcome answer_ext_area(Request& request, std::int32_t offset, std::int32_t leng
       piped_output(kHardwareTool, {base_name(kHardwareTool), "--vpd_get_ext_area", argument}, kChunkSize);
   if (!output) {
     LOG_AT(request.log_name.c_str(), "get vpd area failed, ret=%d", kNotStarted);
-    return Outcome::failure;
+    return std::nullopt;
   }
   LOG_AT(kReader, "str_output=%s", output->c_str());
   strip_blanks_newlines(&*output);
-  return success_with(request, *output);
+  return output;
 }
 
-Outcome answer_display_name(Request& request) {
+MemberValue get_display_name(Request&) {
   std::string name;
-  if (!rdconf_value(kPlatformConfig, "MISC", "DISPLAY_NAME", &name)) return Outcome::failure;
-  return success_with(request, name);
+  if (!rdconf_value(kPlatformConfig, "MISC", "DISPLAY_NAME", &name)) return std::nullopt;
+  return name;
 }
 
 Outcome answer_generic_model(Request& request) {
-  struct stat marker {};
-  const bool generic = stat(kGenericMarker, &marker) == 0;
+  const bool generic = access(kGenericMarker, F_OK) == 0;
   LOG_AT(request.log_name.c_str(), "%s", generic ? "is generic." : "normal.");
-  request.reply[request.command.member] = generic ? 1 : 0;
+  request.reply["is_generic"] = generic ? 1 : 0;
   // A normal model is no failure and has no message; but clients know it by this -1.
   request.reply["result"] = generic ? 0 : -1;
   return Outcome::own;
 }
 
 // There is no such model on the platforms of this build; clients may still ask.
-Outcome answer_trn_model(Request& request) {
+MemberValue get_trn_model(Request& request) {
   LOG_AT(request.log_name.c_str(), "normal.");
-  return success_with(request, 0);
+  return 0;
 }
 
 Outcome answer_dispdeck_status(Request& request) {
@@ -108,36 +105,36 @@ Outcome answer_dispdeck_status(Request& request) {
 constexpr Command main_service::get_vpd_productnamed = Row{.program = kHardwareTool,
                                                            .args = {"--vpd_get_field", "enc_sys_id=root,obj_index=0:7"},
                                                            .member = "vpd_productnamed",
-                                                           .action = answer_vpd_field};
+                                                           .action = calls<get_vpd_field>};
 
 constexpr Command main_service::get_vpd_eepkey = Row{.program = kHardwareTool,
                                                      .args = {"--vpd_get_field", "enc_sys_id=root,obj_index=0:8"},
                                                      .member = "vpd_eepkey",
-                                                     .action = answer_vpd_field};
+                                                     .action = calls<get_vpd_field>};
 
 constexpr Command main_service::get_vpd_channel = Row{.program = kHardwareTool,
                                                       .args = {"--vpd_get_field", "enc_sys_id=root,obj_index=0:9"},
                                                       .member = "vpd_channel",
-                                                      .action = answer_vpd_field};
+                                                      .action = calls<get_vpd_field>};
 
 constexpr Command main_service::get_vpd_ext_area =
     Row{.params = {number("offest"), number("length")},
         .runs = "/sbin/hwctl_app --vpd_get_ext_area offset=OFFEST,length=LENGTH",
         .member = "vpd_ext_area",
-        .action = with_params<answer_ext_area>};
+        .action = calls<get_ext_area>};
 
 constexpr Command main_service::get_platform_display_name =
     Row{.runs = "reads DISPLAY_NAME of section MISC in /etc/platform.conf",
         .member = "platform_display_name",
-        .action = answer_display_name};
+        .action = calls<get_display_name>};
 
 constexpr Command main_service::is_generic_model =
-    Row{.runs = "looks for /etc/IS_G", .member = "is_generic", .action = answer_generic_model};
+    Row{.runs = "looks for /etc/IS_G", .answers = "is_generic, result", .action = answer_generic_model};
 
 constexpr Command main_service::is_trn_model = Row{.log_name = "nos_system_is_TRN_model_handler",
                                                    .runs = "nothing",
                                                    .member = "is_TRN_model",
-                                                   .action = answer_trn_model};
+                                                   .action = calls<get_trn_model>};
 
 constexpr Command main_service::get_dispdeck_status =
     Row{.runs = "reads dispDeck of section CP_APP in /etc/kos.ui.cp.conf",

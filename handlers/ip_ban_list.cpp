@@ -72,4 +72,4 @@ constexpr Command main_service::update_ip_ban_list =
         .runs =
             "/usr/local/apache/bin/httpd_proxy -k graceful -f /etc/httpd-sys-proxy.conf; "
             "/etc/init.d/stunnel.sh reload",
-        .action = with_params<update_ban_list>};
+        .action = calls<update_ban_list>};

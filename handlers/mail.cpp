@@ -206,7 +206,7 @@ constexpr Command mail_service::sendmail =
     Row{.params = {text("user"), text("pwd"), text("config_file"), text("content_file")},
         .runs = "/usr/sbin/sendmail [-auUSER -auPWD] -C CONFIG_FILE -t",
         .answers = "result: the exit status",
-        .action = with_params<send_mail>};
+        .action = calls<send_mail>};
 
 constexpr Command main_service::test = Row{.log_name = "test_handler",
                                            .runs = "nothing",

@@ -101,15 +101,15 @@ constexpr char kAttribute[] = "trusted.tm.cloud_usage";
 constexpr std::size_t kEncodedSize = 2048;                     // bytes of a "size_info", terminator included
 constexpr std::size_t kMaxUsage = (kEncodedSize - 1) / 4 * 3;  // bytes whose encoding still fits
 
-Outcome get_cloud_usage(Request& request, const std::string& encoded_path) {
+MemberValue get_cloud_usage(Request&, const std::string& encoded_path) {
   std::string path;
   base64_decode(encoded_path, &path);
   const std::optional<std::string> usage =
       piped_bytes(kAttributeReader,
                   {base_name(kAttributeReader), "--only-values", "--absolute-names", "-n", kAttribute, path.c_str()},
                   kMaxUsage + 1);
-  if (!usage || usage->empty() || usage->size() > kMaxUsage) return Outcome::failure;
-  return success_with(request, base64_text(*usage));
+  if (!usage || usage->empty() || usage->size() > kMaxUsage) return std::nullopt;
+  return base64_text(*usage);
 }
 
 }  // namespace
@@ -142,7 +142,7 @@ constexpr Command main_service::system_call_cloud_analysis_register =
     Row{.params = {text("provide_id"), text("command")},
         .program = kAnalyticsTool,
         .args = {param("command"), "-p", param("provide_id"), "-c", kDataDir},
-        .action = with_params<register_provider>};
+        .action = calls<register_provider>};
 
 constexpr Command main_service::system_call_cloud_analysis_send =
     Row{.params = {text("provide_id"), text("command"), text("record_type"), text("record_text")},
@@ -162,13 +162,13 @@ constexpr Command main_service::system_call_cloud_analysis_unregister =
 constexpr Command main_service::system_call_nc_notify =
     Row{.params = {text("nc_notify")},
         .runs = "/bin/sh -c \"INSTALL_PATH/script/nc_wrapper.sh ARGUMENTS\", NC_NOTIFY being base64 of the arguments",
-        .action = with_params<pass_notification>};
+        .action = calls<pass_notification>};
 
 constexpr Command main_service::notify_return =
     Row{.log_name = "nos_return_handler",
         .params = {number("cmd"), number("type"), number("acy")},
         .runs = "INSTALL_PATH/vistalpro_notify.sh NOTIFY_CMD TYPE ACY, when CMD is 3",
-        .action = with_params<return_notification>};
+        .action = calls<return_notification>};
 
 constexpr Command main_service::system_get_tiermount_cloud_usage =
     Row{.params = {text("full_path")},
@@ -176,4 +176,4 @@ constexpr Command main_service::system_get_tiermount_cloud_usage =
             "/usr/bin/getfattr --only-values --absolute-names -n trusted.tm.cloud_usage PATH, "
             "FULL_PATH being base64 of it",
         .member = "size_info",
-        .action = with_params<get_cloud_usage>};
+        .action = calls<get_cloud_usage>};

@@ -33,6 +33,13 @@ fail() { # STATUS TEXT...
 }
 nap() { sleep 0.1 2>/dev/null || sleep 1; }
 
+is_of_root() { # PID
+  while read -r key user effective_user _; do
+    if [ "$key" = Uid: ]; then [ "$user $effective_user" = '0 0' ] && return 0; fi
+  done 2>/dev/null <"/proc/$1/status"
+  return 1
+}
+
 # Whether process $1 is a root process that runs the installed executable, or did before that was replaced. What it is
 # called proves nothing: a process of any user may bear the daemon's name.
 is_daemon() {
@@ -43,10 +50,7 @@ is_daemon() {
   elif ! [ "/proc/$1/exe" -ef "$program" ]; then
     return 1
   fi
-  while read -r key user effective_user _; do
-    if [ "$key" = Uid: ]; then [ "$user $effective_user" = '0 0' ] && return 0; fi
-  done 2>/dev/null <"/proc/$1/status"
-  return 1
+  is_of_root "$1"
 }
 
 # Sets `pid` to the daemon's, and `other` to that of another process beside which the daemon would not run.
@@ -56,7 +60,7 @@ find_daemon() {
     { read -r candidate name state parent _ <"$stat"; } 2>/dev/null || continue
     if [ "$name" != '(vistalprod)' ] || [ "$state" = Z ]; then continue; fi
     if ! is_daemon "$candidate"; then
-      other=$candidate
+      if is_of_root "$candidate"; then other=$candidate; fi # no other user's process keeps it from running
     elif ! is_daemon "$parent"; then # else it is about to become a program that the daemon runs
       pid=$candidate
       return 0

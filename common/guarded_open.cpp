@@ -1,6 +1,7 @@
 #include "common/guarded_open.h"
 
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -30,13 +31,20 @@ UniqueFd reopen(const UniqueFd& found, int flags) {
   return fd && fcntl(fd.get(), F_SETFL, 0) == 0 ? std::move(fd) : UniqueFd();
 }
 
-bool can_be_output(const struct stat& info) {
-  if (info.st_uid != geteuid()) return false;  // any user can make a character device, the one of number 0:0
-  return S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode) || (S_ISREG(info.st_mode) && info.st_nlink == 1);
+// Does not ask the file system, which may be one in user space that does not answer. Such a file is known by being a
+// mount of its own.
+bool can_be_output(const UniqueFd& found) {
+  struct statx info {};
+  const int how = AT_EMPTY_PATH | AT_STATX_DONT_SYNC;
+  if (statx(found.get(), "", how, STATX_TYPE | STATX_UID | STATX_NLINK, &info) != 0) return false;
+  if (info.stx_uid != geteuid()) return false;  // any user can make a character device, the one of number 0:0
+  if (S_ISCHR(info.stx_mode) || S_ISBLK(info.stx_mode)) return true;
+  return S_ISREG(info.stx_mode) && info.stx_nlink == 1 && (info.stx_attributes & STATX_ATTR_MOUNT_ROOT) == 0;
 }
 
 // Frees the name. A directory that is not empty gets another one.
 bool clear_away(const char* path) {
+  umount2(path, MNT_DETACH | UMOUNT_NOFOLLOW);  // any user may mount something on a file or folder of his own
   if (unlink(path) == 0 || errno == ENOENT) return true;
   if (errno != EISDIR) return false;
   timespec now{};
@@ -59,9 +67,7 @@ UniqueFd open_output_file(const char* path, mode_t mode) {
   for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
     const UniqueFd found(open(path, O_PATH | O_CLOEXEC | O_NOFOLLOW));
     if (found) {
-      struct stat info {};
-      if (fstat(found.get(), &info) != 0) return {};
-      if (can_be_output(info)) return reopen(found, O_RDWR | O_TRUNC);
+      if (can_be_output(found)) return reopen(found, O_RDWR | O_TRUNC);
       if (!clear_away(path)) return {};
     } else if (errno != ENOENT) {
       return {};

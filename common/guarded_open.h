@@ -14,9 +14,9 @@
 UniqueFd open_input_file(const char* path);
 
 // Opens `path` for reading and writing, as an empty file of our own: one that is there is emptied, and is made with
-// `mode` otherwise. Whatever else stands at the path, such as a link, a pipe, or a file that another user owns or
-// that has a second name, is removed first, or renamed if it is a folder with files in it. Only a device is used as
-// it is. Nothing, with errno set, when that cannot be done.
+// `mode` otherwise. Whatever else stands at the path, such as a link, a pipe, a file that another user owns or that has
+// a second name, or one that something is mounted on, is removed first, or renamed if it is a folder with files in it.
+// Only a device is used as it is. Nothing, with errno set, when that cannot be done.
 UniqueFd open_output_file(const char* path, mode_t mode);
 
 // A folder, held so that a link that is put in its place does not lead its user elsewhere. Who owns it does not

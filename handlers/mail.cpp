@@ -73,11 +73,11 @@ std::string staged(const std::string& name) {
   return format_bounded(kPathSize, "%s/%s", kStagingDir, name.c_str());
 }
 
-// The mail program opens its configuration by itself, and would wait for ever on a pipe. One that is missing is its
-// own affair.
+// The mail program opens its configuration by itself, and would wait for ever on a pipe or a terminal. One that is
+// missing is its own affair, and so is a folder.
 bool can_be_configuration(const char* path) {
   struct stat info {};
-  return stat(path, &info) != 0 || !(S_ISFIFO(info.st_mode) || S_ISSOCK(info.st_mode));
+  return stat(path, &info) != 0 || S_ISREG(info.st_mode) || S_ISDIR(info.st_mode);
 }
 
 // Returns the raw wait status, or -1 when nothing was run.

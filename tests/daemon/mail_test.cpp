@@ -1,6 +1,7 @@
 // `sendmail`: request -> what the mail program was given -> reply, files, log. First with a stand-in that can
 // do anything, then with a real mail program that talks to a mail server.
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -111,6 +112,13 @@ TEST_F(Mail, WhatIsPlantedInPlaceOfOutputAndRecordIsReplaced) {
        [](const std::string& path) {
          if (mknod(path.c_str(), S_IFCHR | 0666, 0) == 0 && chown(path.c_str(), 65534, 65534) != 0) fs::remove(path);
        }},
+      {"file system in user space that does not answer",
+       [](const std::string& path) {
+         write_file(path, "");
+         static const int device = open("/dev/fuse", O_RDWR | O_CLOEXEC);
+         const std::string options = "fd=" + std::to_string(device) + ",rootmode=100666,user_id=0,group_id=0";
+         mount("none", path.c_str(), "fuse", 0, options.c_str());  // where that is allowed
+       }},
       {"readable", [](const std::string& path) { write_file(path, std::string(1000, 'x')); }},
   };
   for (const auto& [what, plant] : rows) {
@@ -145,7 +153,8 @@ TEST_F(Mail, InputsThatAreNoFilesAreNotOpened) {
     const char *user, *config, *content;
     int result;
   } rows[] = {{"", "m.conf", "pipe", -1}, {"a", "pipe", "m.mail", -1},         {"", "pipe", "m.mail", -1},
-              {"", "m.conf", "", -1},     {"", "m.conf", "../../dev/tty", -1}, {"", "", "m.mail", 0}};
+              {"", "m.conf", "", -1},     {"", "m.conf", "../../dev/tty", -1}, {"", "../../dev/tty", "m.mail", -1},
+              {"", "", "m.mail", 0}};
   ASSERT_EQ(mkfifo((kStaging + "/pipe").c_str(), 0666), 0);
   for (const auto& row : rows) {
     SCOPED_TRACE(std::string(row.config) + " and " + row.content);

@@ -1,7 +1,7 @@
 // mail_sink PORT FILE: a mail server on 127.0.0.1 that accepts mail and delivers none.
 //
-// PORT 0 takes any free port. Once it accepts connections it prints its port on a line of its own, so whoever
-// starts it reads that line and needs no further waiting. It serves one client after the other until it is
+// PORT 0 takes any free port. Once it accepts connections it prints its port on a line of its own, so its
+// starter reads that line and need not wait further. It serves one client after the other until it is
 // killed. Every line that a client sends is added to FILE, without its line end, before it is answered: a
 // client that has been told that its mail is accepted is a client whose mail is in FILE.
 //

@@ -20,8 +20,8 @@ std::string rootless_path(const std::string& path);
 // A whole argument vector: `name`, then `arguments`.
 std::vector<std::string> argument_vector(std::string name, std::vector<std::string> arguments);
 
-// What is told of a program whose raw wait status is `status`: its exit status, 128 + the number of the
-// signal that killed it, as shells count, or -1 when nothing was run.
+// What replies and records say of a program with this raw wait status: its exit status, 128 + the number of the signal
+// that killed it, as in shells, or -1 when nothing was run.
 int exit_status(int status);
 
 // Run the program at `path`, input left alone, and wait for its end. `arguments` is the whole argument
@@ -62,6 +62,6 @@ class CapturedRun {
 std::optional<std::string> piped_output(const std::string& path, std::vector<std::string> arguments,
                                         std::size_t chunk_size, int* status = nullptr);
 
-// The same, but the end of the program is not looked at, and every byte counts, NULs included, and at most
-// `limit` bytes are kept: the rest is read, so that the program can end, and dropped.
+// The same for bytes of any value. At most `limit` bytes are kept; the rest is read, so that the program can end, and
+// dropped. Its wait status is not looked at.
 std::optional<std::string> piped_bytes(const std::string& path, std::vector<std::string> arguments, std::size_t limit);

@@ -12,7 +12,7 @@
 
 namespace {
 
-// Each needs another user to have been faster once more.
+// Another user can spoil one by making the name again in time.
 constexpr int kMaxAttempts = 100;
 
 std::string path_of_descriptor(const UniqueFd& fd) {

@@ -1,8 +1,8 @@
-// Parameters of a request, and the one door to the JSON library's readers and writers.
+// Parameters of a request, and all calls of the JSON library's readers and writers.
 //
 // The library throws (std::exception) where a text is nested beyond its limit, a member is asked of something
-// that is no object, or a conversion cannot be made. Nothing in here catches, but for json_parse_builder. All
-// of it is safe on any thread as long as nobody changes the values meanwhile.
+// that is no object, or a conversion cannot be made. Only json_parse_builder catches. All of it is safe on
+// any thread as long as no other thread changes the values.
 #pragma once
 
 #include <json/value.h>

@@ -4,8 +4,8 @@
 #include <string>
 
 // An empty file of its own in /tmp, named "/tmp/file" and six random characters, mode 0600. It is created
-// exclusively, so that nobody can put a link or a file of his own under a guessed name, and no descriptor
-// stays open: programs and readers open it by path. Removed with the object. One thread at a time per object.
+// exclusively, so that no other user can put a link or a file under a guessed name. No descriptor stays open: programs
+// and readers open it by path. Removed with the object. One thread at a time per object.
 class TempFile {
  public:
   TempFile();

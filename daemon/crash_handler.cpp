@@ -21,8 +21,8 @@ struct Free {
   void operator()(void* block) const { std::free(block); }
 };
 
-// The dump allocates and writes, which a crash inside the allocator turns into a wait without end. The kernel
-// then delivers what the dump would have ended with.
+// The dump allocates and writes, which can wait for ever after a crash inside the allocator. The kernel then
+// sends the signal that the dump would have ended with.
 void kill_when_stuck() {
   sigevent event{};
   event.sigev_notify = SIGEV_SIGNAL;

@@ -101,7 +101,7 @@ int notify_handler(void* message) {
   event["kbus_extra_info"] = text_at(message, offsetof(NotifyMessage, extra_info));
   event["method"] = "notify";
   const std::string text = json_write(event);
-  // The number has always been the text's address; whoever greps for the line does not look at it.
+  // The number has always been the text's address. Readers of the line do not look at it.
   std::fprintf(stderr, "str_publish_buf=[%d]  \n", static_cast<int>(reinterpret_cast<std::intptr_t>(text.c_str())));
   forward("notify_event", text, "notify_handler", kEventFailLine);
   return 0;

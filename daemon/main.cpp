@@ -98,7 +98,7 @@ void terminate_handler(int) {
   the_daemon.terminate();
 }
 
-// A number below 3 that is free would be given to the first socket, and then be closed as somebody's output.
+// The first socket would get a free number below 3, and then be closed as standard output.
 void occupy_standard_descriptors() {
   int fd;
   do {
@@ -152,7 +152,7 @@ void set_up_log() {
 void Daemon::parse_options(int argc, char** argv) {
   opterr = 0;  // the lines below are all that is said about an unknown option
   int option;
-  // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody else reads options
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): there is no other thread yet
   while ((option = getopt(argc, argv, "dt")) != -1) {
     switch (option) {
       case 'd':
@@ -175,7 +175,7 @@ void Daemon::start() {
   raise_descriptor_limit(kWantedDescriptors);
   prepare_dispatch();
   if (!start_detached(receive_stop_signals, nullptr)) {
-    LOG_AT("main", "cannot receive signals.");  // better not to run than not to stop
+    LOG_AT("main", "cannot receive signals.");  // refuse to run if we could not be stopped
     std::exit(kExitNoService);
   }
 

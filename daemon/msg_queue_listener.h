@@ -11,7 +11,7 @@
 //
 // The queue is created or opened by the constructor and removed by Stop(), with whatever it still holds. A
 // queue that another user made first, or that others may write to, is replaced by an empty one of our own, after a
-// line in the log. A queue that somebody else removes ends the thread in silence. Any other failure to receive (among
+// line in the log. A queue that another process removes ends the thread in silence. Any other failure to receive (among
 // them a message longer than `msg_size`, which stays in the queue) is one line on standard error and another try at
 // once.
 //

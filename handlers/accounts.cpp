@@ -10,8 +10,8 @@
 //   get_sess_id                     takes "user", "pwd"; answers the session id as "sid". Its replies have an
 //                                   "error_code" where others have "result"
 //
-// Each request loads its library, makes one call and unloads the library, whatever comes of it: a library
-// that is missing, lacks the function or reports an error fails the command. What a call returns is copied or
+// Each request loads its library, makes one call and unloads the library. A library that is missing, lacks the function
+// or reports an error fails the command. What a call returns is copied or
 // owned here before the library goes. The count of a name list is held against the size of its block, which
 // is ours; a count beyond it fails the command as well.
 //
@@ -90,8 +90,8 @@ MemberValue list_names(Request& request) {
 // ---- Members
 
 // Returns the number of members, and in *list where as many pointers stand, one per member. Whose they are is
-// not known: the list may lie inside the library or inside a larger block, and freeing it would then be the
-// daemon's end. So it is read while the library is open, and neither it nor what it leads to is released.
+// not known: the list may lie inside the library or inside a larger block, and freeing it could
+// crash the daemon. So it is read while the library is open, and neither it nor what it leads to is released.
 using MemberListFunction = std::int32_t(const char* group_name, void*** list);
 
 MemberValue list_members(Request& request, const std::string& group_name) {

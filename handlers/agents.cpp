@@ -11,8 +11,8 @@
 //   request  {"opt": [argument, ...]}
 //   runs     INSTALL_PATH/ext_service/ExtVistalCloudAgent/vistal_agent_cli OPT...
 //   reply    {"cli_ret": raw wait status, "result": 0, "result_out": base64 of the output}, however the program
-//            ended; "error_msg" and a negative "result" without a program or a request; none for an option that
-//            is no text.
+//            ended; "error_msg" and a negative "result" without a program or a request; no reply for an option
+//            that is not a text.
 #include <unistd.h>
 
 #include <cerrno>

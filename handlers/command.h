@@ -27,7 +27,7 @@ constexpr const char* type_name(Type type) {
 struct Param {
   const char* name = nullptr;
   Type type = Type::string;
-  bool optional = false;  // for people: the action gives it a default
+  bool optional = false;  // shown by `ksctl list`; the action gives it a default
 };
 
 consteval Param text(const char* name) {
@@ -94,15 +94,15 @@ struct Row {
   std::array<Argument, kMostArguments> args = {};
   const char* library = nullptr;
   const char* function = nullptr;
-  const char* runs = nullptr;     // for people, where the fields above do not tell
+  const char* runs = nullptr;     // shown by `ksctl list`, where the fields above do not tell
   const char* member = nullptr;   // of the reply: what the action adds to it
-  const char* answers = nullptr;  // for people: the reply's members, where they are not `member` and "result"
+  const char* answers = nullptr;  // shown likewise: the reply's members, where they are not `member` and "result"
   Action action = {};
   bool indented = false;       // the reply, on several lines
   bool logs_bad_body = false;  // a body that is not JSON stands in the log
 };
 
-// A row that can work: any other does not compile.
+// A row that has been checked: one that cannot work does not compile.
 class Command : public Row {
  public:
   consteval Command(const Row& row) : Row(row) {  // NOLINT: as above

@@ -10,8 +10,8 @@
 //   is_trn_model                 answers 0
 //   get_dispdeck_status          answers a number of the platform's configuration, or 0
 //
-// Nothing is kept from one request to the next. A hardware tool that cannot be executed or fails is only
-// known by what it prints: to the fields that is no NAME=VALUE, to the extended area an empty text.
+// Nothing is kept from one request to the next. The hardware tool's exit status is not looked at. One that cannot be
+// executed has printed nothing: that is a failure for a field, and an empty text for the extended area.
 #include <unistd.h>
 
 #include <cstddef>

@@ -73,8 +73,8 @@ std::string staged(const std::string& name) {
   return format_bounded(kPathSize, "%s/%s", kStagingDir, name.c_str());
 }
 
-// The mail program opens its configuration by itself, and would wait for ever on a pipe or a terminal. One that is
-// missing is its own affair, and so is a folder.
+// The mail program opens its configuration by itself, and would wait for ever on a pipe or a terminal. It reports a
+// missing file, or a folder, itself.
 bool can_be_configuration(const char* path) {
   struct stat info {};
   return stat(path, &info) != 0 || S_ISREG(info.st_mode) || S_ISDIR(info.st_mode);
@@ -103,8 +103,7 @@ void keep_file(const std::string& path, const std::string& kept) {
   if (lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode)) std::rename(path.c_str(), kept.c_str());
 }
 
-// Empties the staging directory of this mail. A file that is not there to be moved has been missed before,
-// by the mail program.
+// Empties the staging directory of this mail. A missing file is no error here: the mail program has missed it before.
 void keep_files(const Mail& mail, const HeldFolder& scratch) {
   keep_file(mail.config_path, scratch.path_of(kLastConfig));
   keep_file(mail.content_path, scratch.path_of(kLastContent));

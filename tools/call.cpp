@@ -187,7 +187,7 @@ std::string read_reply(ks_io* io) {
   return text;
 }
 
-// Whether the terminal's user is known to like colours.
+// Whether the terminal shows colours and its user has not refused them.
 bool colours_wanted() {
   // NOLINTBEGIN(concurrency-mt-unsafe): there is one thread
   const char* refused = std::getenv("NO_COLOR");

@@ -40,7 +40,7 @@ bool can_name_socket(std::string_view name) {
 }
 
 std::string socket_path(const char* name) {
-  // The framework tells the path to nobody but the owner of a service, so own one that is never started.
+  // The framework tells the path to the owner of a service only, so own one that is never started.
   ks_handle* handle = ks_create(name, KS_PTHREAD_MODE, 1, never_run);
   std::string path = handle->sockfile;
   ks_free(handle);

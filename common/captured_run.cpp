@@ -17,6 +17,7 @@
 namespace {
 
 constexpr std::size_t kReadSize = 16 * 1024;
+constexpr std::size_t kPieceSize = 1023;
 
 // The texts as the runner wants them: pointers into `arguments`, ending with a null.
 std::vector<char*> pointers_to(std::vector<std::string>& arguments) {
@@ -82,16 +83,14 @@ std::string CapturedRun::output(std::size_t limit) const {
   return text;
 }
 
-std::optional<std::string> piped_output(const std::string& path, std::vector<std::string> arguments,
-                                        std::size_t chunk_size, int* status) {
+std::optional<std::string> piped_output(const std::string& path, std::vector<std::string> arguments, int* status) {
   UniqueProgram program = start_piped(path, arguments);
   if (!program) return std::nullopt;
   std::string text;
-  std::string chunk(chunk_size, '\0');
-  for (;;) {
-    const std::size_t got = std::fread(chunk.data(), 1, chunk_size, program.get());
-    text.append(chunk, 0, strnlen(chunk.data(), got));
-    if (got < chunk_size) break;
+  char piece[kPieceSize];
+  for (std::size_t got = sizeof piece; got == sizeof piece;) {
+    got = std::fread(piece, 1, sizeof piece, program.get());
+    text.append(piece, strnlen(piece, got));
   }
   const int ended = pclose_cmd(program.release());
   if (status != nullptr) *status = ended;

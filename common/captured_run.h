@@ -54,13 +54,13 @@ class CapturedRun {
   int status_ = -1;
 };
 
-// Its standard output comes through a pipe, all of it, in pieces of `chunk_size` bytes (the last one may be
-// shorter); of each piece only what stands before its first NUL is kept, as tools print texts. Standard error
+// Its standard output comes through a pipe, all of it, in pieces of 1023 bytes (the last one may be shorter); of each
+// piece only what stands before its first NUL is kept, as tools print texts. Standard error
 // is discarded and the environment is the daemon's. A program that cannot be executed has printed nothing.
 // The raw wait status goes to `*status`, when given. Nothing, with errno set, when no program can be started
 // at all.
 std::optional<std::string> piped_output(const std::string& path, std::vector<std::string> arguments,
-                                        std::size_t chunk_size, int* status = nullptr);
+                                        int* status = nullptr);
 
 // The same for bytes of any value. At most `limit` bytes are kept; the rest is read, so that the program can end, and
 // dropped. Its wait status is not looked at.

@@ -5,10 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 
 #include "common/unique_fd.h"
+#include "common/write_all.h"
 
 namespace {
 
@@ -37,24 +37,13 @@ std::string target_of(std::string path) {
   return {};
 }
 
-bool write_all(const UniqueFd& file, const std::string& text) {
-  std::size_t done = 0;
-  while (file && done < text.size()) {
-    const ssize_t written = write(file.get(), text.data() + done, text.size() - done);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return false;
-    done += static_cast<std::size_t>(written);
-  }
-  return static_cast<bool>(file);
-}
-
 // `like`: the file that is replaced, or null.
 bool replace_file(const std::string& path, const std::string& text, const struct stat* like) {
   const std::string fresh = aside(path);
   unlink(fresh.c_str());  // left by a process that was killed
   const UniqueFd file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kMode));
   if (!file) return false;
-  bool done = write_all(file, text);
+  bool done = write_all(file.get(), text.data(), text.size());
   if (like != nullptr) {
     done = fchown(file.get(), like->st_uid, like->st_gid) == 0 && fchmod(file.get(), like->st_mode & ALLPERMS) == 0 &&
            done;
@@ -81,5 +70,6 @@ bool write_fragment_through_links(const std::string& path, const std::string& te
   struct stat old {};
   if (lstat(target.c_str(), &old) != 0) return replace_file(target, text, nullptr);
   if (S_ISREG(old.st_mode)) return replace_file(target, text, &old);
-  return write_all(UniqueFd(open(target.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK)), text);
+  const UniqueFd device(open(target.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK));
+  return device && write_all(device.get(), text.data(), text.size());
 }

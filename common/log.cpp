@@ -17,6 +17,7 @@
 
 #include "common/process.h"
 #include "common/unique_fd.h"
+#include "common/write_all.h"
 
 namespace {
 
@@ -81,14 +82,7 @@ void append(const char* path, const char* lines, std::size_t size) {
   log_rotate_check(path);
   // Close-on-exec: a program that another thread starts right now has no business with the log.
   const UniqueFd file(open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666));
-  if (!file) return;
-  while (size > 0) {
-    const ssize_t written = write(file.get(), lines, size);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return;
-    lines += written;
-    size -= static_cast<std::size_t>(written);
-  }
+  if (file) write_all(file.get(), lines, size);
 }
 
 void append_line(const char* path, const char* fmt, va_list arguments) __attribute__((format(printf, 2, 0)));

@@ -173,7 +173,6 @@ MemberValue get_session(Request& request, std::int32_t type, std::int32_t /*leng
 
 constexpr char kLoginTool[] = "/sbin/kcli";
 constexpr std::size_t kLoginArgumentSize = 32;  // bytes, NUL included
-constexpr std::size_t kChunkSize = 1023;        // bytes of the tool's output that are taken at a time
 constexpr int kLoginFailed = -2;
 
 // The third word of the second line, where there are two lines and three words in it; empty lines do not
@@ -187,11 +186,9 @@ std::optional<std::string> session_id_in(const std::string& output) {
 }
 
 Outcome get_session_id(Request& request, const std::string& user, const std::string& password) {
-  const std::optional<std::string> output =
-      piped_output(kLoginTool,
-                   {base_name(kLoginTool), "-l", format_bounded(kLoginArgumentSize, "user=%s", user.c_str()),
-                    format_bounded(kLoginArgumentSize, "pw=%s", password.c_str())},
-                   kChunkSize);
+  const std::optional<std::string> output = piped_output(
+      kLoginTool, {base_name(kLoginTool), "-l", format_bounded(kLoginArgumentSize, "user=%s", user.c_str()),
+                   format_bounded(kLoginArgumentSize, "pw=%s", password.c_str())});
   const std::optional<std::string> sid = output ? session_id_in(*output) : std::nullopt;
   request.reply[sid ? "sid" : "error_msg"] = sid ? *sid : "get_sess_id fail";
   request.reply["error_code"] = sid ? 0 : kLoginFailed;

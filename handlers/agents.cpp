@@ -43,7 +43,6 @@ constexpr std::size_t kMissingMessageSize = 256;
 constexpr std::size_t kStartMessageSize = 512;
 
 constexpr std::size_t kListedSize = 2048;  // bytes of the arguments, all that a line of the log can hold
-constexpr std::size_t kChunkSize = 1023;   // bytes; what follows a NUL in one of them is not relayed
 
 bool exists(const std::string& path) {
   return access(path.c_str(), F_OK) == 0;
@@ -69,7 +68,7 @@ Outcome relay_viewer(Request& request) {
   reply["is_installed"] = 1;
   int status = -1;
   const std::optional<std::string> output =
-      piped_output(path, {base_name(path), std::get<std::string>(request.values[0])}, kChunkSize, &status);
+      piped_output(path, {base_name(path), std::get<std::string>(request.values[0])}, &status);
   if (!output) {
     reply["error_msg"] = format_bounded(kStartMessageSize, "popen failed, path=[%s], errno=[%d].", path.c_str(), errno);
     reply["error_code"] = -4;

@@ -32,7 +32,6 @@
 namespace {
 
 constexpr char kHardwareTool[] = "/sbin/hwctl_app";
-constexpr std::size_t kChunkSize = 1023;          // bytes of the tool's output that are taken at a time
 constexpr std::size_t kExtAreaArgumentSize = 32;  // bytes, NUL included
 
 constexpr char kPlatformConfig[] = "/etc/platform.conf";
@@ -52,7 +51,7 @@ std::optional<std::string> field_value(const std::string& output) {
 
 MemberValue get_vpd_field(Request& request) {
   const std::optional<std::string> output =
-      piped_output(kHardwareTool, argument_vector(base_name(kHardwareTool), request.arguments()), kChunkSize);
+      piped_output(kHardwareTool, argument_vector(base_name(kHardwareTool), request.arguments()));
   return output ? field_value(*output) : std::nullopt;
 }
 
@@ -61,7 +60,7 @@ MemberValue get_ext_area(Request& request, std::int32_t offset, std::int32_t len
   const std::string argument = format_bounded(kExtAreaArgumentSize, "offset=%d,length=%d", offset, length);
   LOG_AT(kReader, "/sbin/hwctl_app --vpd_get_ext_area  %s", argument.c_str());
   std::optional<std::string> output =
-      piped_output(kHardwareTool, {base_name(kHardwareTool), "--vpd_get_ext_area", argument}, kChunkSize);
+      piped_output(kHardwareTool, {base_name(kHardwareTool), "--vpd_get_ext_area", argument});
   if (!output) {
     LOG_AT(request.log_name.c_str(), "get vpd area failed, ret=%d", kNotStarted);
     return std::nullopt;

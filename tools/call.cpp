@@ -14,6 +14,7 @@
 #include <string>
 #include <system_error>
 
+#include "common/write_all.h"
 #include "service/ks.h"
 #include "tools/cli.h"
 #include "tools/json_text.h"
@@ -174,19 +175,6 @@ std::string outcome_text(const Call& call, const Outcome& outcome, bool with_bod
   }
 }
 
-// The reply as text, read through the descriptor: the service can still cut its mapping short. Empty for a reply
-// that is too long to be looked into.
-std::string read_reply(ks_io* io) {
-  std::string text(io->shared_size <= kLongestJudged ? io->shared_size : 0, '\0');
-  std::size_t filled = 0;
-  for (ssize_t got; filled < text.size() && (got = pread(ks_io_fd(io), text.data() + filled, text.size() - filled,
-                                                         static_cast<off_t>(filled))) > 0;) {
-    filled += static_cast<std::size_t>(got);
-  }
-  text.resize(filled);
-  return text;
-}
-
 // Whether the terminal shows colours and its user has not refused them.
 bool colours_wanted() {
   // NOLINTBEGIN(concurrency-mt-unsafe): there is one thread
@@ -198,7 +186,8 @@ bool colours_wanted() {
 
 int show_reply(const Call& call, ks_io* io) {
   const bool formatted = !call.raw && isatty(STDOUT_FILENO) == 1;
-  const std::string text = formatted || call.fail ? read_reply(io) : std::string();
+  const bool judged = (formatted || call.fail) && io->shared_size <= kLongestJudged;
+  const std::string text = judged ? read_whole(ks_io_fd(io)) : std::string();
   const std::optional<Json::Value> json = parse_json(text);
   bool written = false;
   if (formatted && json) {

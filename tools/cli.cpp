@@ -9,6 +9,8 @@
 #include <system_error>
 #include <vector>
 
+#include "common/write_all.h"
+
 namespace {
 
 constexpr int kFirstLongOption = UCHAR_MAX + 1;
@@ -114,6 +116,15 @@ int local_trouble(const Subcommand& command, std::string_view what) {
   return kExitLocal;
 }
 
+std::string read_whole(int fd) {
+  std::string bytes;
+  char chunk[64 * 1024];
+  for (ssize_t got; (got = pread(fd, chunk, sizeof chunk, static_cast<off_t>(bytes.size()))) > 0;) {
+    bytes.append(chunk, static_cast<std::size_t>(got));
+  }
+  return bytes;
+}
+
 bool parse_number(std::string_view text, unsigned max, unsigned* value) {
   unsigned number = 0;
   const char* end = text.data() + text.size();
@@ -129,17 +140,5 @@ bool parse_signed(std::string_view text, std::int64_t min, std::int64_t max, std
   const auto [stop, error] = std::from_chars(text.data(), end, number);
   if (error != std::errc() || stop != end || number < min || number > max) return false;
   *value = number;
-  return true;
-}
-
-bool write_all(int fd, const void* data, std::size_t size) {
-  const char* next = static_cast<const char*>(data);
-  while (size > 0) {
-    const ssize_t written = write(fd, next, size);
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) return false;
-    next += written;
-    size -= static_cast<std::size_t>(written);
-  }
   return true;
 }

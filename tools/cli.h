@@ -94,6 +94,10 @@ struct Service {
 // a complaint. Touches no file.
 std::optional<int> find_service(const Subcommand& command, const char* operand, Service* service);
 
+// Reads the arguments of a subcommand whose one operand is a service. Nullopt when it is found; else the exit status.
+std::optional<int> read_service(const Subcommand& command, std::span<const Option> options, int argc, char** argv,
+                                Service* service);
+
 // Whether the framework can work on a service: over each of these conditions it would end the process, or give a
 // reason that is not the true one. Nullopt when it can; else the exit status, after a complaint that is the same
 // for every subcommand. A socket that does not exist is no reason. `descriptors` are to be free. The standard
@@ -108,6 +112,6 @@ int try_connect(const std::string& path);
 // Whether the daemon has a command of this name; true for services that are not the daemon's.
 bool known_command(std::string_view service, std::string_view request);
 
-// Writes all bytes to a descriptor; false with errno set. Memory that vanishes meanwhile (a mapped file that
-// is cut short) is an error (EFAULT), not a signal.
-bool write_all(int fd, const void* data, std::size_t size);
+// What a memory file holds, as far as it can be read. Through the descriptor: the other process can cut a mapping
+// short.
+std::string read_whole(int fd);

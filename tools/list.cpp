@@ -9,6 +9,7 @@
 #include <string>
 
 #include "common/json_param.h"
+#include "common/write_all.h"
 #include "daemon/command_tables.h"
 #include "handlers/handler.h"
 #include "tools/cli.h"

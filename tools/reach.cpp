@@ -7,6 +7,7 @@
 #include <system_error>
 #include <thread>
 
+#include "common/write_all.h"
 #include "service/ks.h"
 #include "tools/cli.h"
 
@@ -25,15 +26,6 @@ int wait_for_accept(const std::string& path, std::chrono::seconds limit) {
     if (error == 0 || left <= Clock::duration::zero()) return error;
     std::this_thread::sleep_for(std::min<Clock::duration>(left, kPollPeriod));
   }
-}
-
-// The one operand of both subcommands.
-std::optional<int> read_service(const Subcommand& command, std::span<const Option> options, int argc, char** argv,
-                                Service* service) {
-  std::span<char*> operands;
-  if (const auto over = read_arguments(command, options, 1, argc, argv, &operands)) return over;
-  if (operands.empty()) return wrong_usage(command, "a service is needed");
-  return find_service(command, operands[0], service);
 }
 
 int run_wait(int argc, char** argv) {

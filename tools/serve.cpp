@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "common/unique_fd.h"
+#include "common/write_all.h"
 #include "service/ks.h"
 #include "tools/cli.h"
 
@@ -29,11 +30,7 @@ int end_signal = SIGTERM;
 
 // The request's body with line feeds shown as "\n", less a last one, so that it stays on its line.
 std::string body_on_a_line(ks_io* io) {
-  std::string body;
-  char chunk[4096];
-  for (ssize_t got; (got = pread(ks_io_fd(io), chunk, sizeof chunk, static_cast<off_t>(body.size()))) > 0;) {
-    body.append(chunk, static_cast<std::size_t>(got));
-  }
+  std::string body = read_whole(ks_io_fd(io));
   if (body.ends_with('\n')) body.pop_back();
   for (std::size_t at = 0; (at = body.find('\n', at)) != std::string::npos; at += 2) body.replace(at, 1, "\\n");
   return body;
@@ -143,11 +140,8 @@ int run_serve(int argc, char** argv) {
        .help = "end after so many, 0: never",
        .store = store_number(&requests_left, kMaxSeconds)},
       {.name = "replace", .help = "take the socket from the process that serves it", .store = store_flag(&replace)}};
-  std::span<char*> operands;
-  if (const auto over = read_arguments(kServeCommand, options, 1, argc, argv, &operands)) return *over;
-  if (operands.empty()) return wrong_usage(kServeCommand, "a service is needed");
   Service service;
-  if (const auto over = find_service(kServeCommand, operands[0], &service)) return *over;
+  if (const auto over = read_service(kServeCommand, options, argc, argv, &service)) return *over;
   if (const auto over = take_over(service, replace)) return *over;
   return serve(service);
 }

@@ -86,6 +86,14 @@ std::optional<int> find_service(const Subcommand& command, const char* operand, 
   return kExitStatusBase + KS_STATUS_ARGS;
 }
 
+std::optional<int> read_service(const Subcommand& command, std::span<const Option> options, int argc, char** argv,
+                                Service* service) {
+  std::span<char*> operands;
+  if (const auto over = read_arguments(command, options, 1, argc, argv, &operands)) return over;
+  if (operands.empty()) return wrong_usage(command, "a service is needed");
+  return find_service(command, operands[0], service);
+}
+
 std::optional<int> check_service(const Subcommand& command, const Service& service, int descriptors) {
   occupy_standard_descriptors();
   if (!can_open(descriptors)) return local_trouble(command, "cannot open a descriptor");

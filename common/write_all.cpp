@@ -1,0 +1,17 @@
+#include "common/write_all.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+
+bool write_all(int fd, const void* data, std::size_t size) {
+  const char* next = static_cast<const char*>(data);
+  while (size > 0) {
+    const ssize_t written = write(fd, next, size);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return false;
+    next += written;
+    size -= static_cast<std::size_t>(written);
+  }
+  return true;
+}

@@ -32,7 +32,7 @@ std::string target_of(std::string path) {
     const ssize_t size = readlink(path.c_str(), link, sizeof link);
     if (size < 0) return path;
     const std::string text(link, static_cast<std::size_t>(size));
-    path = text.starts_with('/') ? text : folder_of(path) + text;
+    path = text.starts_with('/') ? text : folder_of(path).append(text);
   }
   return {};
 }

@@ -16,13 +16,14 @@
 namespace {
 
 constexpr int kQueueMode = 0644;
-constexpr int kAllModeBits = 0777;
+constexpr unsigned kAllModeBits = 0777;
+constexpr unsigned kTooOpen = kAllModeBits - kQueueMode;
 constexpr int kMaxAttempts = 1000;  // another user who keeps making the queue may be faster many times in a row
 
 // The creator counts as well as the owner: both may receive, change the mode and remove the queue.
 bool is_ours(const ipc_perm& permissions) {
   const uid_t self = geteuid();
-  return permissions.uid == self && permissions.cuid == self && (permissions.mode & kAllModeBits & ~kQueueMode) == 0;
+  return permissions.uid == self && permissions.cuid == self && (permissions.mode & kTooOpen) == 0;
 }
 
 // Opens or makes the queue. One that another user has made before us, or that more users may write to than
@@ -38,8 +39,7 @@ int open_own_queue(key_t key) {
     if (is_ours(permissions)) return queue;
     if (!std::exchange(logged, true)) {
       LOG_AT("MsgQueueListener", "queue %d of user %d, made by %d, mode %o: removed.", key,
-             static_cast<int>(permissions.uid), static_cast<int>(permissions.cuid),
-             static_cast<unsigned>(permissions.mode & kAllModeBits));
+             static_cast<int>(permissions.uid), static_cast<int>(permissions.cuid), permissions.mode & kAllModeBits);
     }
     msgctl(queue, IPC_RMID, nullptr);
   }

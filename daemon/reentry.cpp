@@ -4,8 +4,8 @@
 //   - every one that has passed this check, whenever it started: it may have been executed, and so have got its
 //     name, before one that was forked earlier, and a process that has gone to the background is a later fork of
 //     one that has passed.
-// What is left started later and has not passed: it sees this process and will give way, unless it looked before
-// this one had its name. So its end or its passing is waited for. A process that has passed is known by its
+// Every other process started later and has not passed. It sees this one and will give way, unless it looked before
+// this one had its name; so this one waits until it ends or has passed. A process that has passed is known by its
 // handler for SIGTERM, which is installed next.
 #include "daemon/reentry.h"
 
@@ -68,10 +68,8 @@ std::string read_line(const char* pid, const char* file_name, const std::string&
 // Any user can give a process any name. Both the real and the effective user count: a program that is set-user-ID
 // runs as root under the name of a link to it.
 bool is_of_our_user(const char* pid) {
-  unsigned real = 0;
-  unsigned effective = 0;
-  const std::string line = read_line(pid, "status", "Uid:");
-  return std::sscanf(line.c_str(), "Uid: %u %u", &real, &effective) == 2 && real == getuid() && effective == geteuid();
+  const std::vector<std::string> fields = split_string(read_line(pid, "status", "Uid:"), "\t", true);
+  return fields.size() > 2 && fields[1] == std::to_string(getuid()) && fields[2] == std::to_string(geteuid());
 }
 
 // Nothing for a process that has ended, a zombie included.

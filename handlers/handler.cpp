@@ -181,6 +181,7 @@ std::chrono::steady_clock::duration ReplyClock::elapsed() const {
 
 void reply_json_string(const std::string& text, ks_io* io) {
   if (!ks_io_alive(io)) return;
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): the dispatcher has put a pointer there, or nothing
   auto* const clock = reinterpret_cast<ReplyClock*>(ks_io_get(io));
   if (clock != nullptr) clock->start();
   ks_io_realloc(io, 0);

@@ -214,6 +214,7 @@ struct KeptThread {
 void run(const CommandRow& row, const Client& client, UniqueIo io) {
   thread_local KeptThread kept;
   std::unique_ptr<HandlerCall> call(
+      // cppcheck-suppress accessMoved ; it takes the field for the parameter
       new HandlerCall{.io = std::move(io), .row = &row, .request = RunningRequest(row.name, client.pid, client.uid)});
   ks_io_set(call->io.get(), reinterpret_cast<std::uintptr_t>(&call->reply_clock));
   auto thread = kept.thread ? std::move(kept.thread) : HandlerThread::start();

@@ -135,8 +135,8 @@ void log_write_to(const char* path, const char* fmt, ...) {
 void log_rotate_check(const char* path) {
   const ErrnoKeeper keeper;
   if (!is_full(path)) return;
-  // One move at a time: a second one would put the few lines of the new file in place of the whole history. Nobody
-  // waits for it; the lines of others go into the file while it is being moved, or into the next one.
+  // One move at a time: a second one would put the few lines of the new file in place of the whole history. No
+  // thread waits for it; the lines of others go into the file while it is being moved, or into the next one.
   static std::mutex moving;
   const std::unique_lock lock(moving, std::try_to_lock);
   if (!lock || !is_full(path)) return;

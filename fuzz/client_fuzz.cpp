@@ -1,11 +1,8 @@
 // Clients of a hostile service: the input is what it does to them, step by step, in turn with their own steps. A
 // request that is over has left nothing behind but its reply, and nobody waits or aborts.
 #include <fcntl.h>
-#include <poll.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <array>
 #include <chrono>
@@ -14,13 +11,10 @@
 
 #include "common/unique_fd.h"
 #include "fuzz/input.h"
-#include "service/directive.h"
-#include "service/ks.h"
-#include "service/ks_internal.h"
+#include "support/peer.h"
 
 namespace {
 
-constexpr int kCloseMilliseconds = 10'000;
 constexpr int kMaxSteps = 32;
 constexpr int kMomentMs = 5;
 const std::string name = "@/tmp/client_fuzz." + std::to_string(getpid());
@@ -31,14 +25,6 @@ struct Client {
   UniqueFd memory;   // its memory file, once the service has received it
 };
 using Clients = std::array<Client, 3>;
-
-int make_listener() {
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const sockaddr_un address = ks_socket_address(name.c_str() + 1);
-  require(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 && listen(fd, 9) == 0, "listen");
-  std::atexit([] { unlink(name.c_str() + 1); });
-  return fd;
-}
 
 void check_finished(const ks_io* io, int status) {
   require(io->sockfd == -1 && status >= KS_STATUS_OK && status <= KS_STATUS_BUSY, "finished");
@@ -65,7 +51,6 @@ bool perform(ks_epoll* epoll) {
 
 void attack(Input& input, Client& client, ks_epoll* epoll) {
   const int fd = client.service.get();
-  pollfd watched{.fd = fd, .events = POLLIN, .revents = 0};
   directive record = make_directive(static_cast<ks_directive_type>(input.below(9) + 1));
   switch (input.below(8)) {
     case 0:
@@ -80,7 +65,7 @@ void attack(Input& input, Client& client, ks_epoll* epoll) {
       break;
     }
     case 3:  // its request, for which a ks_call needs a moment
-      if (epoll == nullptr) poll(&watched, 1, kMomentMs);
+      if (epoll == nullptr) readable(fd, kMomentMs);
       if (read_directive(fd, &record)) client.memory.reset(receive_descriptor(fd, {}));
       break;
     case 4:
@@ -100,7 +85,7 @@ void attack(Input& input, Client& client, ks_epoll* epoll) {
 }
 
 // ks_call, its service on another thread. That one hangs up in the end, so nobody has to wait for a limit.
-void call(Input& input, int listener) {
+void call_once(Input& input, int listener) {
   ks_io* const io = ks_io_create();
   std::jthread service([&] {
     Client client;
@@ -140,12 +125,15 @@ void perform_all(Input& input, int listener) {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const int listener = make_listener();
+  static const UniqueFd listener = [] {
+    std::atexit([] { unlink(name.c_str() + 1); });
+    return listen_at(name.substr(1));
+  }();
+  GTEST_FLAG_SET(break_on_failure, true);
   const int lowest = lowest_free();
   Input input(data, size);
-  input.flag() ? call(input, listener) : perform_all(input, listener);
+  input.flag() ? call_once(input, listener.get()) : perform_all(input, listener.get());
   // A connection with something unread is closed beside us.
-  for (int i = 0; i < kCloseMilliseconds && lowest_free() != lowest; ++i) usleep(1000);
-  require(lowest_free() == lowest, "a descriptor is left");
+  require(eventually([lowest] { return lowest_free() == lowest; }), "a descriptor is left");
   return 0;
 }

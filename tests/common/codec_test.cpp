@@ -1,12 +1,13 @@
-// What clients send: base64 and typed request parameters.
+// Small readers: base64, typed request parameters, and what the configuration reader prints.
 #include "common/base64.h"
 #include "common/json_param.h"
 #include "common/log.h"
-#include "fixture.h"
+#include "common/rdconf.h"
+#include "support/guard.h"
 
 namespace {
 
-TEST(Base64, DecodesWhatStandsBeforeTheFirstForeignCharacter) {
+TEST(Base64, DecodesUpToTheFirstForeignCharacter) {
   const char* const rows[][2] = {
       {"Zm8", "fo"}, {"Y", ""}, {"=YQ=", ""}, {"Zm9v\nYmFy", "foo"}, {"+/+/", "\xfb\xff\xbf"}};
   for (const auto& [text, bytes] : rows) {
@@ -16,7 +17,42 @@ TEST(Base64, DecodesWhatStandsBeforeTheFirstForeignCharacter) {
   }
 }
 
-using JsonParamTest = CommonTest;
+TEST(Base64, DecodesWhatItEncodes) {
+  std::string bytes;
+  for (std::size_t length = 0; length <= 64; ++length) {
+    std::string text, decoded;
+    EXPECT_EQ(base64_encode(bytes, &text), static_cast<int>((length + 2) / 3 * 4));
+    EXPECT_EQ(base64_decode(text, &decoded), length);
+    EXPECT_EQ(decoded, bytes);
+    bytes += static_cast<char>(length * 37);
+  }
+}
+
+TEST(ConfigurationReader, OnlyTheBeginningOfTheFirstLineIsAValue) {
+  const std::string x127(127, 'x');
+  const struct {
+    std::string printed;
+    const char* value;  // null: none is found
+  } rows[] = {
+      {"a b\nc\n", "a b"},
+      {"no line's end", "no line's end"},
+      {x127 + "y\n", x127.c_str()},
+      {"", nullptr},
+      {"\n", nullptr},
+      {"\nvalue\n", nullptr},
+      {"RDCONF_FAILD\n", nullptr},
+      {"a RDCONF_FAILD\n", "a RDCONF_FAILD"},
+      {std::string("a\0b\n", 4), "a"},
+  };
+  for (const auto& row : rows) {
+    std::string printed = row.printed + std::string(1, '\0'), value = "before";
+    const UniqueStream output(fmemopen(printed.data(), std::max<std::size_t>(row.printed.size(), 1), "r"));
+    EXPECT_EQ(rdconf_read_value(output.get(), &value), row.value != nullptr) << row.printed;
+    EXPECT_EQ(value, row.value != nullptr ? row.value : "before");
+  }
+}
+
+using JsonParamTest = GuardedTest;
 
 TEST_F(JsonParamTest, TakesExactlyTheNamedType) {
   log_set_dir(in_dir("log").c_str());
@@ -24,9 +60,9 @@ TEST_F(JsonParamTest, TakesExactlyTheNamedType) {
     const char *value, *type;
     bool taken;
   } rows[] = {
-      {"5", "string", false}, {"null", "string", false},    {"2147483647", "int", true},
-      {"5.5", "int", false},  {"2147483648", "int", false}, {"4294967296", "long", true},
-      {"true", "bool", true}, {"true", "int", false},       {"4294967296", "bool", false},
+      {"5", "string", false},        {"null", "string", false},    {"2147483647", "int", true}, {"5.5", "int", false},
+      {"2147483648", "int", false},  {"4294967296", "long", true}, {"true", "bool", true},      {"true", "int", false},
+      {"4294967296", "bool", false}, {"5", "long", true},          {"0.5", "double", false},    {"\"5\"", "int", false},
   };
   for (const auto& row : rows) {
     Json::Value root;
@@ -37,7 +73,7 @@ TEST_F(JsonParamTest, TakesExactlyTheNamedType) {
     EXPECT_EQ(error, !row.taken) << row.value << " " << row.type;
     EXPECT_EQ(out[0], row.taken ? root["k"].asInt64() : 0);
   }
-  EXPECT_THAT(contents(in_dir("log/.nxe_ks_vistalprod.log")),
+  EXPECT_THAT(read_file(in_dir("log/.nxe_ks_vistalprod.log")),
               ::testing::ContainsRegex("\\] k Type fail, this input value type is long\\.\n$"));
 }
 

@@ -8,11 +8,11 @@
 #include <thread>
 #include <vector>
 
-#include "fixture.h"
+#include "support/guard.h"
 
 namespace {
 
-using LogTest = CommonTest;
+using LogTest = GuardedTest;
 
 TEST_F(LogTest, ComposesLinesAndCutsLongOnes) {
   EXPECT_EQ(log_set_dir(in_dir("log").c_str()), 0);
@@ -21,7 +21,7 @@ TEST_F(LogTest, ComposesLinesAndCutsLongOnes) {
   const std::string line = std::to_string(__LINE__ - 1);
   EXPECT_EQ(errno, ENOTTY) << "logging changed it";
   const std::string path = in_dir("log/.nxe_ks_vistalprod.log");
-  const std::string first = contents(path);
+  const std::string first = read_file(path);
   const std::string head = R"(\[0*)" + std::to_string(getpid()) +
                            R"(\] \[[A-Z][a-z]{2} [A-Z][a-z]{2} [ 1-3][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2} \] )";
   EXPECT_THAT(first, ::testing::MatchesRegex(head + R"(\[caller\]\[)" + line + "\\] 3 users\n"));
@@ -30,9 +30,9 @@ TEST_F(LogTest, ComposesLinesAndCutsLongOnes) {
   const std::size_t room = 2047 - (first.find(" ] ") + 3);
   for (const std::size_t length : {room - 1, room, std::size_t{5000}}) {
     const std::string message(length, 'm');
-    const std::size_t before = contents(path).size();
+    const std::size_t before = read_file(path).size();
     log_write("%s", message.c_str());
-    EXPECT_EQ(contents(path).substr(before + 2047 - room), (message + "\n").substr(0, room)) << length;
+    EXPECT_EQ(read_file(path).substr(before + 2047 - room), (message + "\n").substr(0, room)) << length;
   }
 }
 
@@ -44,8 +44,8 @@ TEST_F(LogTest, MovesAFullFileAside) {
   EXPECT_NE(access(backup.c_str(), F_OK), 0);
   write_file(backup, "an older one");
   log_write_to(path.c_str(), "fresh");
-  EXPECT_THAT(contents(backup), ::testing::EndsWith("] fits\n"));
-  EXPECT_THAT(contents(path), ::testing::MatchesRegex("\\[.*\\] fresh\n"));
+  EXPECT_THAT(read_file(backup), ::testing::EndsWith("] fits\n"));
+  EXPECT_THAT(read_file(path), ::testing::MatchesRegex("\\[.*\\] fresh\n"));
 }
 
 // Two moves of the same file would leave the few lines between them in place of the history.
@@ -60,7 +60,7 @@ TEST_F(LogTest, ThreadsThatMeetAFullFileMoveItOnce) {
       });
     }
     for (std::thread& thread : threads) thread.join();
-    const std::string all = contents(path + ".bak") + contents(path);
+    const std::string all = read_file(path + ".bak") + read_file(path);
     ASSERT_TRUE(all.starts_with(std::string(524288, 'x'))) << "round " << round;
     EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 160);
   }
@@ -72,9 +72,9 @@ TEST_F(LogTest, ABatchWritesManyLinesAtATime) {
   {
     LogBatch batch;
     for (int i = 0; i < 3000; ++i) batch.write("[caller][1] %d", i);
-    EXPECT_EQ(contents(path).find("[caller][1] 2999"), std::string::npos);
+    EXPECT_EQ(read_file(path).find("[caller][1] 2999"), std::string::npos);
   }
-  std::istringstream lines(contents(path));
+  std::istringstream lines(read_file(path));
   int count = 0;
   for (std::string line; std::getline(lines, line); ++count)
     ASSERT_TRUE(line.ends_with("] [caller][1] " + std::to_string(count))) << line;

@@ -9,11 +9,11 @@
 #include <thread>
 #include <vector>
 
-#include "fixture.h"
+#include "support/guard.h"
 
 namespace {
 
-class ProcessTest : public CommonTest {
+class ProcessTest : public GuardedTest {
  protected:
   const std::string in_ = in_dir("in");
   const std::string out_ = in_dir("out");
@@ -34,8 +34,8 @@ TEST_F(ProcessTest, ConnectsStreamsAndReturnsTheRawStatus) {
     write_file(out_, "older and longer than anything printed");
     const std::string& err = row.err != nullptr ? err_ : out_;
     EXPECT_EQ(exec_cmd_args(out_.c_str(), err.c_str(), nullptr, "/bin/sh", "-c", row.script, nullptr), row.status);
-    EXPECT_EQ(contents(out_), row.out);
-    EXPECT_EQ(contents(err), row.err != nullptr ? row.err : row.out);
+    EXPECT_EQ(read_file(out_), row.out);
+    EXPECT_EQ(read_file(err), row.err != nullptr ? row.err : row.out);
   }
 }
 
@@ -57,8 +57,8 @@ TEST_F(ProcessTest, TracesAndCleansUpWhatCannotBeStarted) {
     EXPECT_EQ(exec_cmd_stdio_args(row.input.c_str(), row.output.c_str(), row.error.c_str(), trace.c_str(),
                                   "/no/such/program", nullptr),
               row.status);
-    EXPECT_EQ(contents(trace), "cmd=/no/such/program\nstdin_file=" + row.input + "\nstdout_file=" + row.output +
-                                   "\nstderr_file=" + row.error + "\n" + row.diagnosis);
+    EXPECT_EQ(read_file(trace), "cmd=/no/such/program\nstdin_file=" + row.input + "\nstdout_file=" + row.output +
+                                    "\nstderr_file=" + row.error + "\n" + row.diagnosis);
     EXPECT_EQ(std::filesystem::exists(out_), row.status != -1);
     for (const std::string& file : {out_, err_, trace}) std::filesystem::remove(file);
   }
@@ -72,7 +72,7 @@ TEST_F(ProcessTest, PipesBothWays) {
   EXPECT_EQ(std::fread(text, 1, sizeof(text), stream), 6u);
   EXPECT_STREQ(text, "input\n");
   EXPECT_EQ(pclose_cmd(stream), W_EXITCODE(5, 0));
-  EXPECT_EQ(contents(err_), "err\n");
+  EXPECT_EQ(read_file(err_), "err\n");
   EXPECT_FALSE(std::filesystem::exists(out_));
 
   // Closed early, the writer gets SIGPIPE however the daemon treats it.
@@ -97,7 +97,7 @@ TEST_F(ProcessTest, KeepsConcurrentPipesApart) {
         FILE* const second = popen_cmd_args(nullptr, nullptr, nullptr, "w", "/bin/cat", nullptr);
         std::fputs(path.c_str(), first);
         ASSERT_EQ(pclose_cmd(first), 0);
-        ASSERT_EQ(contents(path), path);
+        ASSERT_EQ(read_file(path), path);
         ASSERT_EQ(pclose_cmd(second), 0);
       }
     });
@@ -118,8 +118,8 @@ TEST_F(ProcessTest, SortsOutLowDescriptorsAndInheritsAllButTheLibraryPath) {
                                 "cat; echo $LD_LIBRARY_PATH$LD_LIBRARY_PATH_ELSE >&2", nullptr));
     });
     EXPECT_EQ(outcome.status, 0) << outcome.error;
-    EXPECT_EQ(contents(out_), "input\n");
-    EXPECT_EQ(contents(err_), "kept\n");
+    EXPECT_EQ(read_file(out_), "input\n");
+    EXPECT_EQ(read_file(err_), "kept\n");
   }
 }
 

@@ -1,15 +1,11 @@
 #include "harness.h"
 
-#include <json/reader.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <memory>
 #include <sstream>
 
 namespace fs = std::filesystem;
@@ -20,15 +16,6 @@ namespace {
 constexpr std::ptrdiff_t kPollSets = 10;
 
 }  // namespace
-
-std::string read_file(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void write_file(const std::string& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary) << text;
-}
 
 // By hand: in sanitized builds GCC 12 finds fault with its own std::regex.
 std::string without_numbers(const std::string& log) {
@@ -81,21 +68,6 @@ Daemon::Daemon(const std::string& command) : Process(command) {
 int Daemon::stop() {
   kill(pid(), SIGTERM);
   return wait();
-}
-
-Json::Value Reply::json() const {
-  Json::Value value;
-  std::istringstream(text) >> value;
-  return value;
-}
-
-Reply call(const char* service, const std::string& request, const std::optional<std::string>& body, int extra_fd) {
-  void* data = nullptr;
-  uint64_t size = 0;
-  const int status = ks_ez_call(service, request.c_str(), body ? body->data() : nullptr, body ? body->size() : 0, &data,
-                                &size, 10, extra_fd);
-  const std::unique_ptr<void, decltype(&std::free)> owner(data, std::free);
-  return {status, std::string(static_cast<const char*>(data), size)};
 }
 
 StandIn::StandIn(std::string path) : path_(std::move(path)) {

@@ -2,26 +2,20 @@
 // These tests run inside the simulated appliance, so absolute paths are theirs to change.
 #pragma once
 
-#include <json/value.h>
 #include <sys/types.h>
 
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "common/service_names.h"
-#include "service/ks.h"
-#include "support/guard.h"
+#include "support/peer.h"
 
 inline constexpr auto& kMain = kMainServiceName;
 inline constexpr auto& kMail = kMailServiceName;
 inline constexpr char kMainSocket[] = "/var/run/ks/494AC97B.sock";
 inline constexpr char kMailSocket[] = "/var/run/ks/850CD619.sock";
 inline constexpr char kLogFile[] = "/share/VistalServer/.log/.nxe_ks_vistalprod.log";
-
-std::string read_file(const std::string& path);  // empty when there is none
-void write_file(const std::string& path, const std::string& text);
 
 // What a log says, line by line, without the process, the time and the line numbers of the source.
 std::string without_numbers(const std::string& log);
@@ -51,16 +45,6 @@ class Daemon : public Process {
   // SIGTERM; the raw wait status.
   int stop();
 };
-
-struct Reply {
-  int status;        // of the call
-  std::string text;  // exactly as it came
-  Json::Value json() const;
-};
-
-// One request to a service, as any client sends it; nullopt: no body at all.
-Reply call(const char* service, const std::string& request, const std::optional<std::string>& body = std::nullopt,
-           int extra_fd = -1);
 
 // How a stand-in was called. In its record a newline is "\n", two characters, and so it is here.
 struct StandInCall {

@@ -32,35 +32,88 @@ class Interruptions {
   timer_t timer_{};
 };
 
-TEST_F(GuardedTest, RequestsAreAppendedToAndKnowTheirClient) {
+std::string mapped(ks_io* io) {
+  std::uint64_t size = 99;
+  const void* data = ks_io_read(io, &size);
+  return {static_cast<const char*>(data), size};
+}
+
+UniqueFd pipe_holding(const std::string& text) {
+  int ends[2];
+  EXPECT_EQ(pipe(ends), 0);
+  const UniqueFd writing(ends[1]);
+  EXPECT_EQ(write(ends[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  return UniqueFd(ends[0]);
+}
+
+TEST_F(GuardedTest, EachWayIntoAMemoryFileAppendsToIt) {
   ks_io* io = ks_io_create();
-  const auto mapped = [io] {
-    std::uint64_t size = 99;
-    const void* data = ks_io_read(io, &size);
-    return std::string(static_cast<const char*>(data), size);
-  };
-  EXPECT_EQ(mapped(), "");
+  EXPECT_EQ(mapped(io), "");
   EXPECT_EQ(io->memfd, -1);  // reading alone makes no file
-  ks_io_printf(io, "%s %d", "printed", 7);
-  EXPECT_EQ(mapped(), "printed 7");
-  EXPECT_EQ(ks_io_fwrite("!", 1, io), 0);  // behind what has been mapped
-  EXPECT_EQ(mapped(), "printed 7!");
+  const auto append = [](int fd) { return write(fd, "x", 1) == 1; };
+  const UniqueFd spare(dup(STDERR_FILENO));
+  const struct {
+    const char* operation;
+    std::function<bool()> perform;
+    const char* appended;
+  } rows[] = {
+      {"ks_io_printf", [&] { return ks_io_printf(io, "%s %d", "printed", 7), true; }, "printed 7"},
+      {"ks_io_fwrite", [&] { return ks_io_fwrite("!", 1, io) == 0; }, "!"},
+      {"ks_io_write", [&] { return ks_io_write(io, "a\nb", 3) == 3; }, "a\nb"},
+      {"ks_io_splice", [&] { return ks_io_splice(io, pipe_holding("spliced").get(), 6) == 6; }, "splice"},
+      {"ks_io_splice of nothing", [&] { return ks_io_splice(io, spare.get(), 1) == -1; }, ""},
+      {"ks_io_dup", [&] { return append(UniqueFd(ks_io_dup(io)).get()); }, "x"},
+      {"ks_io_dup2", [&] { return ks_io_dup2(io, spare.get()) == spare.get() && append(spare.get()); }, "x"},
+      {"ks_io_dup3", [&] { return ks_io_dup3(io, spare.get(), O_CLOEXEC) == spare.get() && append(spare.get()); }, "x"},
+      {"ks_io_dup3 keeps its flags", [&] { return fcntl(spare.get(), F_GETFD) == FD_CLOEXEC; }, ""},
+      {"ks_io_fopen", [&] { return std::fputc('f', UniqueStream(ks_io_fopen(io, "a")).get()) == 'f'; }, "f"},
+      {"ks_io_freopen",
+       [&] {
+         FILE* const stream = std::fopen("/dev/null", "r");
+         return std::fputc('r', UniqueStream(ks_io_freopen(io, "a", stream)).get()) == 'r';
+       },
+       "r"},
+      {"ks_io_fopen in no mode", [&] { return ks_io_fopen(io, "no mode") == nullptr; }, ""},
+  };
+  std::string expected;
+  for (const auto& row : rows) {
+    EXPECT_TRUE(row.perform()) << row.operation;
+    EXPECT_EQ(mapped(io), expected += row.appended) << row.operation;
+  }
   std::memcpy(ks_io_realloc(io, 7), "PRINTED", 7);
   ks_io_write(io, "|", 1);
-  EXPECT_EQ(mapped(), "PRINTED|");
+  EXPECT_EQ(mapped(io), "PRINTED|");
+  ks_io_free(io);
+}
+
+TEST_F(GuardedTest, ARecordKnowsItsClientAndItsOwnersWord) {
+  ks_io* io = ks_io_create();
+  io->peer_pid = 1;
+  io->peer_uid = 2;
+  io->peer_gid = 3;
+  ks_io_set(io, ~0ull);
+  EXPECT_EQ(ks_io_pid(io), 1);
+  EXPECT_EQ(ks_io_uid(io), 2u);
+  EXPECT_EQ(ks_io_gid(io), 3u);
+  EXPECT_EQ(ks_io_get(io), ~0ull);
+  ks_io_free(io);
+}
+
+TEST_F(GuardedTest, AClientIsAliveUntilItSendsMore) {
+  ks_io* io = ks_io_create();
   const Line line = make_line();
   limit_descriptors(4096);
-  io->sockfd = fcntl(line.theirs, F_DUPFD, 2500);  // more than fits into a select set
+  io->sockfd = fcntl(line.theirs.get(), F_DUPFD, 2500);  // more than fits into a select set
   io->peer_pid = 1;
   const Interruptions often;
   for (int i = 0; i < 100'000; ++i) ASSERT_TRUE(ks_io_alive(io)) << i;
-  EXPECT_EQ(write(line.ours, "?", 1), 1);
-  EXPECT_FALSE(ks_io_alive(io)) << "it has more to say, so it does not wait";
+  EXPECT_EQ(write(line.ours.get(), "?", 1), 1);
+  EXPECT_FALSE(ks_io_alive(io));
   ks_io_free(io);
 }
 
 // By the first word of their SHA-1, without leading zeros.
-TEST(Names, BecomeSocketFiles) {
+TEST(ServiceNames, AreHashedIntoSocketPaths) {
   const std::pair<std::size_t, const char*> rows[] = {
       {0, "DA39A3EE"}, {1, "86F7E437"}, {55, "C1C8BBDC"}, {56, "C2DB330F"}, {63, "3F09F5B"}, {64, "98BA82"},
   };
@@ -73,7 +126,7 @@ TEST(Names, BecomeSocketFiles) {
 
 volatile sig_atomic_t last_signal = 0;
 
-TEST_F(GuardedTest, SignalsReachTheirHandlersAndCrashesEndTheProcess) {
+TEST_F(GuardedTest, SignalsReachTheirHandlersAndACrashEndsTheProcess) {
   const ChildOutcome outcome = in_child([] {
     for (const int signum : {SIGUSR1, SIGHUP}) ks_signal(signum, [](int got) { last_signal = got; });
     ks_signal(SIGHUP, nullptr);
@@ -86,13 +139,13 @@ TEST_F(GuardedTest, SignalsReachTheirHandlersAndCrashesEndTheProcess) {
   EXPECT_EQ(outcome.error, "Segmentation fault\n");
 }
 
-TEST_F(ServiceTest, ErrorsThatEndTheProcessSayWhatWasWrong) {
+TEST_F(ServiceTest, AWrongCallAbortsWithOneLineOfWhatWasWrong) {
   const auto start = [&](const std::string& where) {
     ks_handle* service = ks_create(("@" + in_dir(where)).c_str(), kThreads, 1, kExec);
     ks_start(service);
     ks_start(service);
   };
-  const Fd file(open(in_dir("file").c_str(), O_CREAT, 0600));
+  write_file(in_dir("file"), "");
   const struct {
     std::string line;  // without "[ABORT] @" in front
     std::function<void()> call;

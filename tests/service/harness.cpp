@@ -4,9 +4,7 @@
 
 #include <atomic>
 #include <csignal>
-#include <cstring>
 #include <fstream>
-#include <memory>
 
 #include "service/ks_internal.h"
 
@@ -27,9 +25,9 @@ std::string perform(const std::string& request, ks_io* io, int extra) {
 }
 
 void answer(const char* request_name, ks_io* io, int extra_fd) {
-  const Fd extra(extra_fd);
+  const UniqueFd extra(extra_fd);
   const std::string request = request_name;
-  const std::string reply = perform(request, io, extra);
+  const std::string reply = perform(request, io, extra.get());
   if (request != "leave" && ks_io_alive(io)) {
     ks_io_realloc(io, 0);
     ks_io_write(io, reply.data(), reply.size());
@@ -41,15 +39,6 @@ void answer(const char* request_name, ks_io* io, int extra_fd) {
 INSTANTIATE_TEST_SUITE_P(Service, EveryMode, ::testing::Values(2u, 3u, 4u, 5u));
 
 }  // namespace
-
-Reply call(const std::string& name, const std::string& request, const std::string& body, int extra_fd) {
-  void* text = nullptr;
-  std::uint64_t size = 0;
-  const int status = ks_ez_call(name.c_str(), request.c_str(), body.empty() ? nullptr : body.data(), body.size(), &text,
-                                &size, 20, extra_fd);
-  const std::unique_ptr<void, decltype(&std::free)> owner(text, std::free);
-  return {status, std::string(static_cast<char*>(text), size)};
-}
 
 Service::Service(const std::string& path, std::uint32_t mode, std::uint64_t workers)
     : path_(path), name_("@" + path), handle_(ks_create(name_.c_str(), mode, workers, answer)) {}
@@ -83,13 +72,5 @@ bool Service::comes_to_hold(int connections) const {
 Line make_line() {
   int ends[2];
   EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-  return {.ours = Fd(ends[0]), .theirs = Fd(ends[1])};
-}
-
-Fd listen_at(const std::string& path) {
-  Fd listening(socket(AF_UNIX, SOCK_STREAM, 0));
-  const sockaddr_un address = ks_socket_address(path.c_str());
-  EXPECT_EQ(bind(listening, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-  EXPECT_EQ(listen(listening, 8), 0);
-  return listening;
+  return {.ours = UniqueFd(ends[0]), .theirs = UniqueFd(ends[1])};
 }

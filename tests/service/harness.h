@@ -5,14 +5,7 @@
 #include <string>
 #include <thread>
 
-#include "service/directive.h"
-#include "service/ks.h"
 #include "support/peer.h"
-
-using Reply = std::pair<int, std::string>;  // the status and what came
-
-// One request through ks_ez_call. An empty body is none at all.
-Reply call(const std::string& name, const std::string& request, const std::string& body = "", int extra_fd = -1);
 
 // A service that runs from start() to stop() or destruction, in whichever way its mode asks for. Its exec
 // callback does what the request's name says:
@@ -44,13 +37,10 @@ class Service {
 
 // Two sockets connected to one another.
 struct Line {
-  Fd ours;
-  Fd theirs;
+  UniqueFd ours;
+  UniqueFd theirs;
 };
 Line make_line();
-
-// A listening socket and nothing behind it.
-Fd listen_at(const std::string& path);
 
 constexpr std::uint32_t kThreads = KS_STANDALONE | KS_PTHREAD_MODE;
 

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <future>
 
 #include "harness.h"
@@ -16,11 +17,11 @@ namespace {
 
 using std::chrono::milliseconds, std::chrono::steady_clock;
 
-TEST_P(EveryMode, RequestsCarryBodiesNamesDescriptorsAndTheirSender) {
+TEST_P(EveryMode, ARequestCarriesItsNameBodyDescriptorAndSender) {
   Service service(path(), GetParam(), 2);
   service.start();
   const std::string longest(256, 'n'), large(1 << 20, 'm'), binary("a\0b\0", 4);
-  const Fd extra = memory_file(" and more");
+  const UniqueFd extra = memory_file(" and more");
   const struct {
     std::string request, body;
     int extra_fd;
@@ -29,7 +30,7 @@ TEST_P(EveryMode, RequestsCarryBodiesNamesDescriptorsAndTheirSender) {
       {"echo", "", -1, {0, ""}},
       {"echo", binary, -1, {0, binary}},
       {"echo", large, -1, {0, large}},
-      {"echo", "body", extra, {0, "body and more"}},
+      {"echo", "body", extra.get(), {0, "body and more"}},
       {"echo", "a number that is no descriptor", 100'000, {0, "a number that is no descriptor"}},
       {longest, "longer than its reply" + large, -1, {0, longest}},
       {longest + "n", "", -1, {KS_STATUS_ARGS, ""}},
@@ -41,7 +42,7 @@ TEST_P(EveryMode, RequestsCarryBodiesNamesDescriptorsAndTheirSender) {
   }
 }
 
-TEST_F(ServiceTest, PausedAndFullServicesTellNewClientsAndServeInOrderWhoWaits) {
+TEST_F(ServiceTest, APausedOrFullServiceRefusesNewClientsAndServesTheWaitingInOrder) {
   Service service(path(), kThreads, 1);
   ks_pause(service.handle());
   ks_resume(service.handle());
@@ -51,13 +52,13 @@ TEST_F(ServiceTest, PausedAndFullServicesTellNewClientsAndServeInOrderWhoWaits) 
   limit_descriptors(4096);
   std::vector<Peer> waiting;
   for (int i = 0; i < 1000; ++i) waiting.emplace_back(path());
-  EXPECT_EQ(call(service.name(), "echo").first, KS_STATUS_BUSY);
+  EXPECT_EQ(call(service.name(), "echo").status, KS_STATUS_BUSY);
   waiting[500].leave();
   ASSERT_TRUE(service.comes_to_hold(1000));
   waiting.emplace_back(path());  // the one place is free again, and only that
-  EXPECT_EQ(call(service.name(), "echo").first, KS_STATUS_BUSY);
+  EXPECT_EQ(call(service.name(), "echo").status, KS_STATUS_BUSY);
   ks_pause(service.handle());
-  EXPECT_EQ(call(service.name(), "echo").first, KS_STATUS_PAUSED);
+  EXPECT_EQ(call(service.name(), "echo").status, KS_STATUS_PAUSED);
   // In order, past those who have left.
   Peer* served = &working;
   for (Peer& next : waiting) {
@@ -69,8 +70,25 @@ TEST_F(ServiceTest, PausedAndFullServicesTellNewClientsAndServeInOrderWhoWaits) 
   }
 }
 
-TEST_P(EveryMode, StopAndFreeMeetClientsInEveryStage) {
-  const Fd stale = listen_at(path());
+// A process has its own descriptors: a path is what it shares with its parent.
+template <char what>
+void append_to(void* path) {
+  std::ofstream(*static_cast<const std::string*>(path), std::ios::app) << what;
+}
+
+TEST_P(EveryMode, EachWorkerRunsItsHooksBeforeItsFirstAndAfterItsLastRequest) {
+  Service service(path(), GetParam(), 2);
+  std::string file = in_dir("called");
+  ks_worker_init(service.handle(), append_to<'i'>, &file);
+  ks_worker_fini(service.handle(), append_to<'f'>, &file);
+  service.start();
+  EXPECT_TRUE(eventually([&] { return read_file(file) == "ii"; }));
+  service.stop();
+  EXPECT_EQ(read_file(file), "iiff");
+}
+
+TEST_P(EveryMode, StopAndFreeLeaveNoClientWithoutAnEnd) {
+  const UniqueFd stale = listen_at(path());
   for (int run = 0; run < 100; ++run) {
     Service service(path(), GetParam(), 2);
     for (int again = 0; again < 2; ++again) {
@@ -80,13 +98,13 @@ TEST_P(EveryMode, StopAndFreeMeetClientsInEveryStage) {
       for (const char* body : {"one", "two", "three"}) {
         clients.emplace_back([&, body] {
           Reply reply;
-          while ((reply = call(service.name(), "echo", body)).first == KS_STATUS_OK) {
-            EXPECT_EQ(reply.second, body);
+          while ((reply = call(service.name(), "echo", body)).status == KS_STATUS_OK) {
+            EXPECT_EQ(reply.text, body);
           }
-          EXPECT_THAT(reply.first, ::testing::AnyOf(KS_STATUS_CONNECT, KS_STATUS_BROKEN, KS_STATUS_PAUSED));
+          EXPECT_THAT(reply.status, ::testing::AnyOf(KS_STATUS_CONNECT, KS_STATUS_BROKEN, KS_STATUS_PAUSED));
         });
       }
-      EXPECT_TRUE(run % 2 == 0 || call(service.name(), "echo").first == KS_STATUS_OK);
+      EXPECT_TRUE(run % 2 == 0 || call(service.name(), "echo").status == KS_STATUS_OK);
       std::jthread other(ks_stop, service.handle());
       service.stop();
       EXPECT_EQ(std::atomic_ref(service.handle()->worker).load(), nullptr);  // whoever of the two came first
@@ -96,13 +114,13 @@ TEST_P(EveryMode, StopAndFreeMeetClientsInEveryStage) {
   }
 }
 
-TEST_P(EveryMode, AKilledWorkerIsReplacedAndStopWaitsForWhoWorks) {
+TEST_P(EveryMode, AKilledWorkerIsReplacedAndStopWaitsForRequestsInWork) {
   const StderrCapture error;
   Service service(path(), GetParam(), 2);
   service.start();
   std::string warning;
   if ((GetParam() & KS_PROCESS_MODE) != 0) {
-    EXPECT_EQ(call(service.name(), "die").first, KS_STATUS_BROKEN);
+    EXPECT_EQ(call(service.name(), "die").status, KS_STATUS_BROKEN);
     siginfo_t dead;
     ASSERT_EQ(waitid(P_ALL, 0, &dead, WEXITED | WNOWAIT), 0);
     warning = "[KService] [WARN] [" + service.name() + "] consumer-worker[0].pid=" + std::to_string(dead.si_pid) +
@@ -111,8 +129,8 @@ TEST_P(EveryMode, AKilledWorkerIsReplacedAndStopWaitsForWhoWorks) {
   const Line lines[] = {make_line(), make_line()};
   Peer peers[] = {Peer(path()), Peer(path())};
   for (int i : {0, 1}) {
-    peers[i].request("hold", 1).fds({memory_file("")}).fds({lines[i].theirs});
-    EXPECT_TRUE(readable(peers[i].fd()) && readable(lines[i].ours));
+    peers[i].request("hold", 1).fds({memory_file("").get()}).fds({lines[i].theirs.get()});
+    EXPECT_TRUE(readable(peers[i].fd()) && readable(lines[i].ours.get()));
   }
   EXPECT_EQ(error.text(), warning);
   // A connection of a worker that was killed may be there until now.
@@ -121,19 +139,19 @@ TEST_P(EveryMode, AKilledWorkerIsReplacedAndStopWaitsForWhoWorks) {
   ASSERT_TRUE(service.comes_to_hold(3));
   auto stopped = std::async(std::launch::async, [&] { service.stop(); });
   EXPECT_EQ(queued.next(), 0);
-  EXPECT_EQ(call(service.name(), "echo").first, KS_STATUS_CONNECT);
+  EXPECT_EQ(call(service.name(), "echo").status, KS_STATUS_CONNECT);
   for (int i : {0, 1}) {
     EXPECT_EQ(peers[i].next(), KS_DIR_ASK);
     // A replacement must outlive the producer's thread as well, which has forked it.
     EXPECT_FALSE(readable(peers[i].fd(), 50)) << "ended in the middle of its request";
     EXPECT_EQ(stopped.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
     char byte;
-    EXPECT_EQ(read(lines[i].ours, &byte, 1) + write(lines[i].ours, "r", 1), 2);
+    EXPECT_EQ(read(lines[i].ours.get(), &byte, 1) + write(lines[i].ours.get(), "r", 1), 2);
     EXPECT_EQ(peers[i].rest(), (std::vector<int>{KS_DIR_DONE, 0}));
   }
 }
 
-TEST_F(ServiceTest, AProcessRunsWithTheEnvironmentOfItsClient) {
+TEST_F(ServiceTest, AWorkerProcessRunsWithTheEnvironmentOfItsClient) {
   Service service(path(), KS_PROCESS_MODE, 1);
   service.start();
   const Line line = make_line();
@@ -142,18 +160,18 @@ TEST_F(ServiceTest, AProcessRunsWithTheEnvironmentOfItsClient) {
   const pid_t client = fork();
   if (client == 0) {
     const char* const environment[] = {"A=x=y", "EMPTY=", "B=1", "nothing", "C=2\n3", "LATER=4", nullptr};
-    dup2(line.theirs, STDIN_FILENO);
-    dup2(line.theirs, STDOUT_FILENO);
+    dup2(line.theirs.get(), STDIN_FILENO);
+    dup2(line.theirs.get(), STDOUT_FILENO);
     peer.connect_to(path());
     execle("/bin/sh", "sh", "-c", "echo; read end", nullptr, environment);
     _exit(1);
   }
-  ASSERT_TRUE(readable(line.ours));
-  const Fd file = memory_file("");
-  peer.request("environ").fds({file});
+  ASSERT_TRUE(readable(line.ours.get()));
+  const UniqueFd file = memory_file("");
+  peer.request("environ").fds({file.get()});
   EXPECT_EQ(peer.rest(), (std::vector<int>{KS_DIR_ASK, KS_DIR_DONE, 0}));
-  EXPECT_EQ(content_of(file), "A=x=y\nEMPTY=\nB=1\nnothing=2\n\n");
-  EXPECT_EQ(write(line.ours, "\n", 1), 1);
+  EXPECT_EQ(content_of(file.get()), "A=x=y\nEMPTY=\nB=1\nnothing=2\n\n");
+  EXPECT_EQ(write(line.ours.get(), "\n", 1), 1);
   EXPECT_EQ(waitpid(client, nullptr, 0), client);
 }
 
@@ -161,17 +179,17 @@ TEST_P(EveryMode, AFileThatIsSealedWhileItIsServedCostsItsClientOnly) {
   Service service(path(), GetParam(), 1);
   service.start();
   const Line line = make_line();
-  const Fd file = memory_file("body", MFD_ALLOW_SEALING);
+  const UniqueFd file = memory_file("body", MFD_ALLOW_SEALING);
   Peer peer(path());
-  peer.request("hold", 1).fds({file}).fds({line.theirs});
-  ASSERT_TRUE(readable(line.ours));
-  EXPECT_EQ(fcntl(file, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW), 0);
-  EXPECT_EQ(write(line.ours, "r", 1), 1);
+  peer.request("hold", 1).fds({file.get()}).fds({line.theirs.get()});
+  ASSERT_TRUE(readable(line.ours.get()));
+  EXPECT_EQ(fcntl(file.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW), 0);
+  EXPECT_EQ(write(line.ours.get(), "r", 1), 1);
   EXPECT_EQ(peer.rest(), (std::vector<int>{KS_DIR_ASK, 0}));
   EXPECT_EQ(call(service.name(), "echo", "on"), (Reply{0, "on"}));
 }
 
-TEST_F(ServiceTest, AClientThatIsAskedAndSilentIsHungUpOnAfterAMinute) {
+TEST_F(ServiceTest, AnAskedClientThatStaysSilentIsHungUpOnAfterAMinute) {
   Service service(path(), kThreads, 1);
   service.start();
   const Peer silent(path());
@@ -182,22 +200,20 @@ TEST_F(ServiceTest, AClientThatIsAskedAndSilentIsHungUpOnAfterAMinute) {
 }
 
 // The producer, played by hand, is stopped between its record and the descriptor, or cannot send one.
-TEST_F(ServiceTest, AConsumerWaitsForTheDescriptorOfItsNextClient) {
-  const Line client = make_line();
+TEST_F(ServiceTest, AWorkerWaitsForTheDescriptorOfItsNextClient) {
+  Line client = make_line();
   Line line = make_line();
-  Peer producer(dup(line.ours));
-  line.ours.reset();
+  Peer producer(line.ours.release());
   ks_worker worker{};
-  worker.sockfd[0] = dup(line.theirs);
-  line.theirs.reset();
+  worker.sockfd[0] = line.theirs.release();
   worker.client_fd = -1;
   worker.type = KS_PTHREAD_MODE;
   const std::jthread consumer(ks_consumer_worker, &worker);
   producer.record(KS_DIR_TRANSFER);
   EXPECT_FALSE(readable(producer.fd(), 5500)) << "it takes the byte that comes late for a record";
-  producer.fds({client.theirs});
+  producer.fds({client.theirs.get()});
   EXPECT_EQ(producer.next(), KS_DIR_TRANSFER);
-  Peer asked(dup(client.ours));
+  Peer asked(client.ours.release());
   EXPECT_EQ(asked.next(), KS_DIR_ASK);
   EXPECT_FALSE(readable(producer.fd(), 50)) << "it is ready for another one";
   asked.bytes("no request");
@@ -209,8 +225,8 @@ TEST_F(ServiceTest, AConsumerWaitsForTheDescriptorOfItsNextClient) {
 
 // Played by hand. A step that brings no reply takes from the time limit all that has passed since the start, so
 // asking again and again uses it up at once.
-TEST_F(ServiceTest, ClientsTellHowTheirRequestsFailedAndLeaveAnEmptyRecord) {
-  const Fd service = listen_at(path());
+TEST_F(ServiceTest, AFailedCallReturnsItsStatusAndAnEmptyRecord) {
+  const UniqueFd service = listen_at(path());
   const struct {
     std::function<void(Peer&)> does;
     int status;
@@ -219,7 +235,7 @@ TEST_F(ServiceTest, ClientsTellHowTheirRequestsFailedAndLeaveAnEmptyRecord) {
       {[](Peer& p) { p.bytes("\x09..."); }, KS_STATUS_BROKEN, false},
       {[](Peer& p) {
          while (p.record(KS_DIR_ASK).next() > 0)
-           Fd(receive_descriptor(p.fd(), steady_clock::now() + std::chrono::seconds(1)));
+           UniqueFd(receive_descriptor(p.fd(), steady_clock::now() + std::chrono::seconds(1)));
        },
        KS_STATUS_OK, false},
       {[](Peer& p) {
@@ -232,7 +248,7 @@ TEST_F(ServiceTest, ClientsTellHowTheirRequestsFailedAndLeaveAnEmptyRecord) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.status);
     std::jthread hand([&] {
-      Peer peer(accept(service, nullptr, nullptr));
+      Peer peer(accept(service.get(), nullptr, nullptr));
       row.does(peer);
       peer.rest();
     });

@@ -9,6 +9,8 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <thread>
 
 // No test takes half of it, even under a sanitizer; the alarm ends the process and names no culprit but the
@@ -32,6 +34,15 @@ std::string content_of(int fd) {
   const ssize_t got = pread(fd, text.data(), text.size(), 0);
   text.resize(got < 0 ? 0 : static_cast<std::size_t>(got));
   return text;
+}
+
+std::string read_file(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void write_file(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary) << text;
 }
 
 std::map<int, std::string> open_descriptors(pid_t process) {
@@ -67,7 +78,7 @@ ChildOutcome in_child(const std::function<void()>& body) {
 }
 
 StderrCapture::StderrCapture() : saved_(dup(STDERR_FILENO)), memory_(memfd_create("stderr", MFD_CLOEXEC)) {
-  dup2(memory_, STDERR_FILENO);
+  dup2(memory_.get(), STDERR_FILENO);
 }
 
 GuardedTest::GuardedTest() : dir_(mkdtemp(std::string("/tmp/guardXXXXXX").data())), descriptors_(open_descriptors()) {

@@ -9,30 +9,16 @@
 #include <functional>
 #include <map>
 #include <string>
-#include <utility>
+
+#include "common/unique_fd.h"
 
 // Repeats `condition` until it holds; false when it still does not after ten seconds.
 bool eventually(const std::function<bool()>& condition);
 
-// A descriptor that closes itself.
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  Fd& operator=(Fd&& other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-  }
-  ~Fd() { reset(); }
-  operator int() const { return fd_; }
-  void reset() { close(std::exchange(fd_, -1)); }
-
- private:
-  int fd_;
-};
-
 // The whole file behind the descriptor, but at most 16 MiB of it. Leaves the file's offset alone.
 std::string content_of(int fd);
+std::string read_file(const std::string& path);  // empty when there is none
+void write_file(const std::string& path, const std::string& text);
 
 // The open descriptors of a process and what they refer to.
 std::map<int, std::string> open_descriptors(pid_t process = getpid());
@@ -54,12 +40,12 @@ ChildOutcome in_child(const std::function<void()>& body);
 class StderrCapture {
  public:
   StderrCapture();
-  ~StderrCapture() { dup2(saved_, STDERR_FILENO); }
-  std::string text() const { return content_of(memory_); }
+  ~StderrCapture() { dup2(saved_.get(), STDERR_FILENO); }
+  std::string text() const { return content_of(memory_.get()); }
 
  private:
-  const Fd saved_;
-  const Fd memory_;
+  const UniqueFd saved_;
+  const UniqueFd memory_;
 };
 
 // Fails a test that leaves descriptors open or children unwaited for; kills one that hangs.

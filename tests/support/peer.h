@@ -1,14 +1,33 @@
 // Talking to a service byte by byte, as a client that keeps what rules it likes.
 #pragma once
 
+#include <json/value.h>
+
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "service/directive.h"
+#include "service/ks.h"
 #include "support/guard.h"
 
-Fd memory_file(std::string_view content, unsigned flags = 0);
+struct Reply {
+  int status;        // of the call
+  std::string text;  // exactly as it came
+  bool operator==(const Reply&) const = default;
+  Json::Value json() const;
+};
+
+// One request to a service, as any client sends it; nullopt: no body at all.
+Reply call(const std::string& service, const std::string& request,
+           const std::optional<std::string>& body = std::nullopt, int extra_fd = -1);
+
+// A listening socket and nothing behind it.
+UniqueFd listen_at(const std::string& path);
+
+UniqueFd memory_file(std::string_view content, unsigned flags = 0);
 
 // From now on this process opens descriptors below this number only.
 void limit_descriptors(int number);
@@ -22,7 +41,7 @@ class Peer {
   explicit Peer(const std::string& path);  // connects
   explicit Peer(int fd) : fd_(fd) {}       // takes over
 
-  int fd() const { return fd_; }
+  int fd() const { return fd_.get(); }
   void connect_to(const std::string& path) const;
   void leave() { fd_.reset(); }
   Peer& bytes(std::string_view bytes);
@@ -36,5 +55,5 @@ class Peer {
   std::vector<int> rest() const;
 
  private:
-  Fd fd_;
+  UniqueFd fd_;
 };

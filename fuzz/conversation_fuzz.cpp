@@ -20,7 +20,7 @@ constexpr int kMaxOpen = 48;  // the service's own descriptors, and clients that
 const std::string name = "@/tmp/conversation_fuzz." + std::to_string(getpid());
 
 void echo(const char*, ks_io* io, int extra_fd) {
-  const unique_fd extra(extra_fd);
+  const UniqueFd extra(extra_fd);
   char body[64];
   const ssize_t got = std::max<ssize_t>(pread(ks_io_fd(io), body, sizeof(body), 0), 0);
   ks_io_realloc(io, 0);

@@ -14,7 +14,6 @@
 #include "daemon/event_records.h"
 #include "daemon/msg_queue_listener.h"
 #include "harness.h"
-#include "support/peer.h"
 
 namespace {
 
@@ -24,9 +23,9 @@ constexpr char kErrors[] = "/tmp/daemon.errors";
 fault* faults() {
   static fault* const table = [] {
     constexpr std::size_t kSize = sizeof(fault) * FAULT_KINDS;
-    const Fd file(open(FAULTS_FILE, O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    EXPECT_EQ(ftruncate(file, kSize), 0);
-    return static_cast<fault*>(mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
+    const UniqueFd file(open(FAULTS_FILE, O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    EXPECT_EQ(ftruncate(file.get(), kSize), 0);
+    return static_cast<fault*>(mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0));
   }();
   return table;
 }
@@ -111,7 +110,7 @@ const struct {
     {FAULT_EPOLL_ADD, ENOMEM, kMail, "test", "", nullptr},
 };
 
-TEST_F(Faults, ARequestIsAnsweredAsItsProgramsWouldFailOrHungUpOn) {
+TEST_F(Faults, ARequestThatMeetsAFaultGetsItsFailureReplyOrIsHungUpOn) {
   write_file("/tmp/vistalsurveillance_sendmail/m", "");
   for (const auto& row : kRows) {
     SCOPED_TRACE(std::string(row.request) + " under fault " + std::to_string(row.kind));
@@ -145,7 +144,7 @@ TEST_F(Faults, AClientThatCannotBeAcceptedIsServedWhenTheFaultIsOver) {
 }
 
 // One that has to wait is watched meanwhile.
-TEST_F(Faults, AClientThatCannotBeWatchedDoesNotWait) {
+TEST_F(Faults, AClientThatCannotBeWatchedIsHungUpOn) {
   std::vector<Peer> silent;
   for (int i = 0; i < 2; ++i) EXPECT_EQ(silent.emplace_back(kMainSocket).next(), KS_DIR_ASK);
   const Fault fault(FAULT_EPOLL_ADD, ENOSPC);
@@ -154,48 +153,33 @@ TEST_F(Faults, AClientThatCannotBeWatchedDoesNotWait) {
 }
 
 // One line on standard error, a backtrace in the log, and SIGKILL.
-void expect_abort(Process& daemon, const std::vector<std::string>& lines) {
+void expect_abort(Process& daemon, const std::string& operation) {
   const std::string end_of_trace = "\\[0*" + std::to_string(daemon.pid()) + "\\] [^\n]*\\]vistalprod\n";
   const int status = daemon.wait();
   EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
-  const std::string error = read_file(kErrors);
-  ASSERT_TRUE(error.starts_with("[ABORT] @") && error.ends_with("'\n")) << error;
-  EXPECT_THAT(lines, testing::Contains(error.substr(9, error.size() - 11)));
+  EXPECT_THAT(read_file(kErrors),
+              testing::MatchesRegex("\\[ABORT\\] @(" + operation + ")\\(\\) [^\n]+ fail: `[^\n]+'\n"));
   EXPECT_THAT(read_file(kLogFile), testing::ContainsRegex(end_of_trace));  // other threads may log still
 }
 
 TEST(FaultsAtStart, AServiceThatCannotBeSetUpAborts) {
-  const std::vector<std::string> unwatched = {
-      "ks_start() producer-worker epoll add listen sockfd fail: `epoll_ctl(producer_worker->pollfd, "
-      "EPOLL_CTL_ADD, "
-      "producer_worker->queue.sockfd, ev) == 0",
-      "ks_consumer_worker_init() producer-worker epoll add consumer-worker sockfd fail: "
-      "`epoll_ctl(producer_worker->pollfd, EPOLL_CTL_ADD, worker->queue.sockfd, ev) == 0",
-      "ks_consumer_worker() consumer-worker epoll add sockfd fail: `epoll_ctl(consumer_worker->pollfd, "
-      "EPOLL_CTL_ADD, "
-      "consumer_worker->sockfd[0], ev) == 0"};
-  const std::tuple<fault_kind, int, std::vector<std::string>> rows[] = {
-      {FAULT_SOCKETPAIR,
-       0,
-       {"ks_consumer_worker_init() consumer-worker create sockets fail: `socketpair(AF_UNIX, SOCK_STREAM, 0, "
-        "worker->sockfd) >= 0 && set_fd_cloexec(worker->sockfd[0]) && set_fd_cloexec(worker->sockfd[1])"}},
+  const std::string any_poll_set = "ks_start|ks_consumer_worker_init|ks_consumer_worker";
+  const std::tuple<fault_kind, int, std::string> rows[] = {
+      {FAULT_SOCKETPAIR, 0, "ks_consumer_worker_init"},
       // The threads before: for signals, two queues, two services, and whichever is first of the workers.
-      {FAULT_PTHREAD_CREATE,
-       7,
-       {"ks_consumer_worker_init() consumer-worker create thread fail: `pthread_create(&worker->id.tid, "
-        "&attr, "
-        "ks_consumer_worker, (void*) worker) == 0"}},
-      {FAULT_EPOLL_ADD, 0, unwatched},
-      {FAULT_EPOLL_ADD, 2, unwatched},
-      {FAULT_EPOLL_ADD, 5, unwatched}};
-  for (const auto& [kind, skip, lines] : rows) {
+      {FAULT_PTHREAD_CREATE, 7, "ks_consumer_worker_init"},
+      {FAULT_EPOLL_ADD, 0, any_poll_set},
+      {FAULT_EPOLL_ADD, 2, any_poll_set},
+      {FAULT_EPOLL_ADD, 5, any_poll_set},
+  };
+  for (const auto& [kind, skip, operation] : rows) {
     const Fault fault(kind, EAGAIN, 1, skip);
     Process daemon(faulty_daemon());
-    expect_abort(daemon, lines);
+    expect_abort(daemon, operation);
   }
 }
 
-TEST(FaultsAtStart, WhatElseIsMissingIsDoneWithoutOrEndsTheStart) {
+TEST(FaultsAtStart, AFaultThatNeedNotAbortEndsOrOutlastsTheStart) {
   const std::tuple<fault_kind, int, int, int> rows[] = {
       // kind, calls that succeed, that then fail, exit status
       {FAULT_FORK, 0, -1, 255},        {FAULT_OPEN, 0, -1, 255},        {FAULT_PTHREAD_CREATE, 0, 1, 254},
@@ -216,18 +200,21 @@ TEST(FaultsAtStart, WhatElseIsMissingIsDoneWithoutOrEndsTheStart) {
 
 // A record on its way to the notification service needs a memory file and a mapped reply.
 TEST(FaultsOfTheRelay, AnEventThatCannotBeForwardedAborts) {
-  const std::tuple<fault_kind, int, std::string> rows[] = {
-      {FAULT_MEMFD, ENFILE, "ks_io_shm() create share memory file fail: `io->memfd != -1 && set_fd_cloexec(io->memfd)"},
-      {FAULT_MMAP, ENOMEM, "ks_io_sync() create memory map fail: `io->shared_data != MAP_FAILED"}};
-  const auto reply = [](const char*, ks_io* io, int) { ks_reply(io), ks_io_free(io); };
-  for (const auto& [kind, error, line] : rows) {
+  const std::tuple<fault_kind, int, std::string> rows[] = {{FAULT_MEMFD, ENFILE, "ks_io_shm"},
+                                                           {FAULT_EPOLL_ADD, ENOSPC, "ks_epoll_call"},
+                                                           {FAULT_MMAP, ENOMEM, "ks_io_sync"}};
+  const auto reply = [](const char*, ks_io* io, int) {
+    ks_reply(io);
+    ks_io_free(io);
+  };
+  for (const auto& [kind, error, operation] : rows) {
     Daemon daemon(faulty_daemon());
     ks_handle* const service = ks_create(kNotifyServiceName, KS_PTHREAD_MODE | KS_STANDALONE, 1, reply);
     ks_start(service);
     const Fault fault(kind, error);
     const LogMessage message{.type = kEventLogType, .event = {}, .connection = {}};
     EXPECT_EQ(msg_queue_send(kLogQueueKey, &message, kLogMessageSize), 0);
-    expect_abort(daemon, {line});
+    expect_abort(daemon, operation);
     ks_free(service);
   }
 }

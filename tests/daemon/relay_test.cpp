@@ -72,7 +72,7 @@ TEST(Listener, ACallbackThatThrowsCostsItsRecordOnly) {
 
 class Relay : public DaemonTest {};
 
-TEST_F(Relay, BusEventsBecomeNotifyEvents) {
+TEST_F(Relay, ABusEventBecomesANotifyEvent) {
   const auto service = notification_service();
   NotifyMessage message{.type = 77, .bus_type = 3, .bus_action = -4, .return_flag = 1, .extra_info = "a \"b\"\n"};
   post(kEventQueueKey, &message, kNotifyMessageSize);
@@ -90,7 +90,7 @@ TEST_F(Relay, BusEventsBecomeNotifyEvents) {
                           event("0", "", R"(0,"method":"notify","ret_flag":false)")));
 }
 
-TEST_F(Relay, LogRecordsBecomeNotifyLogAndNotifyConn) {
+TEST_F(Relay, ALogRecordBecomesANotifyLogOrNotifyConn) {
   const auto service = notification_service();
   LogMessage message{};
   message.type = kEventLogType;
@@ -115,7 +115,7 @@ TEST_F(Relay, LogRecordsBecomeNotifyLogAndNotifyConn) {
   EXPECT_EQ(new_log(), "");
 }
 
-TEST_F(Relay, TheSequenceCountsWithinASecondAndWraps) {
+TEST_F(Relay, TheMillisecondsCountRecordsAndWrap) {
   const auto service = notification_service();
   for (int i = 0; i <= 1000; ++i) post_log(i % 2 == 0 ? kEventLogType : kConnectionLogType, 1800000000);
   post_log(kEventLogType, -5);

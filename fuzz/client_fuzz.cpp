@@ -5,9 +5,7 @@
 #include <sys/stat.h>
 
 #include <array>
-#include <chrono>
 #include <cstdlib>
-#include <thread>
 
 #include "common/unique_fd.h"
 #include "fuzz/input.h"
@@ -16,7 +14,6 @@
 namespace {
 
 constexpr int kMaxSteps = 32;
-constexpr int kMomentMs = 5;
 const std::string name = "@/tmp/client_fuzz." + std::to_string(getpid());
 
 struct Client {
@@ -54,7 +51,7 @@ void attack(Input& input, Client& client, ks_epoll* epoll) {
   directive record = make_directive(static_cast<ks_directive_type>(input.below(9) + 1));
   switch (input.below(8)) {
     case 0:
-      if (epoll != nullptr) perform(epoll);
+      perform(epoll);
       break;
     case 1:
       send_directive(fd, record);
@@ -64,8 +61,7 @@ void attack(Input& input, Client& client, ks_epoll* epoll) {
       send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT | (input.flag() ? MSG_OOB : 0));
       break;
     }
-    case 3:  // its request, for which a ks_call needs a moment
-      if (epoll == nullptr) readable(fd, kMomentMs);
+    case 3:  // its request
       if (read_directive(fd, &record)) client.memory.reset(receive_descriptor(fd, {}));
       break;
     case 4:
@@ -80,24 +76,8 @@ void attack(Input& input, Client& client, ks_epoll* epoll) {
       if (input.flag()) client.service.reset();
       break;
     default:
-      if (epoll != nullptr) ks_epoll_cancel(epoll, client.io);
+      ks_epoll_cancel(epoll, client.io);
   }
-}
-
-// ks_call, its service on another thread. That one hangs up in the end, so nobody has to wait for a limit.
-void call_once(Input& input, int listener) {
-  ks_io* const io = ks_io_create();
-  std::jthread service([&] {
-    Client client;
-    client.service.reset(accept(listener, nullptr, nullptr));
-    for (int step = 0; step < kMaxSteps && !input.empty(); ++step) attack(input, client, nullptr);
-  });
-  const auto start = std::chrono::steady_clock::now();
-  const int status = ks_call(name.c_str(), "call", io, 5, STDERR_FILENO);
-  require(std::chrono::steady_clock::now() - start < std::chrono::seconds(4), "ends with the service");
-  service.join();
-  io->memfd == -1 ? check_finished(io, status) : require(status == KS_STATUS_OK && io->sockfd == -1, "a reply");
-  ks_io_free(io);
 }
 
 // Requests on one set.
@@ -132,7 +112,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   GTEST_FLAG_SET(break_on_failure, true);
   const int lowest = lowest_free();
   Input input(data, size);
-  input.flag() ? call_once(input, listener.get()) : perform_all(input, listener.get());
+  perform_all(input, listener.get());
   // A connection with something unread is closed beside us.
   require(eventually([lowest] { return lowest_free() == lowest; }), "a descriptor is left");
   return 0;

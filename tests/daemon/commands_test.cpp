@@ -1,9 +1,5 @@
 // The commands: request -> the call that a platform program or library saw -> reply, whatever state that
 // is in.
-#include <sys/xattr.h>
-
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
 
 #include "common/base64.h"
@@ -31,6 +27,8 @@ constexpr char kToken[] = "/usr/bin/kcloud_cli";
 constexpr char kConnections[] = "/sbin/connrec_tool";
 constexpr char kAgent[] = "/share/VistalServer/ext_service/ExtVistalCloudAgent/vistal_agent_cli";
 
+constexpr char kTunnelAgent[] = "system_call_cloud_kcm_tunnel_agent";
+const std::string kTunnelTool = std::string(kTunnel + 1) + "|";
 constexpr char kUsage[] = "system_get_tiermount_cloud_usage";
 constexpr char kLoginFails[] = R"({"error_code":-2,"error_msg":"get_sess_id fail"})";
 
@@ -55,19 +53,6 @@ std::string base64(const std::string& bytes) {
   std::string encoded;
   base64_encode(bytes, &encoded);
   return encoded;
-}
-
-// Before the stand-in takes the real reader's place: what the file system holds.
-class RealReader : public DaemonTest {};
-
-TEST_F(RealReader, TheTieredUsageIsTheAttributeOfTheFile) {
-  const std::string value("1048576\0 of 7", 13), path = "/tmp/tiered folder";
-  write_file(path, "");
-  if (setxattr(path.c_str(), "trusted.tm.cloud_usage", value.data(), value.size(), 0) != 0) {
-    GTEST_SKIP() << "no trusted attributes here: " << std::strerror(errno);
-  }
-  EXPECT_EQ(answer(kUsage, "{\"full_path\":\"" + base64(path) + "\"}"),
-            R"({"result":0,"size_info":")" + base64(value) + "\"}");
 }
 
 class Commands : public DaemonTest {
@@ -105,10 +90,7 @@ TEST_F(Commands, AProgramOrLibraryThatFailsIsAFailureReply) {
       {"get_sess_id", kLogin, kLoginFails},
       {"get_all_users", kAccounts},
       {"get_group_members", kAccounts},
-      {"get_sms_config", kSettings},
-      {"vistal_auth_add_session", kSessions},
       {"vistal_auth_get_session", kSessions},
-      {"system_call_cloud_kcm_tunnel_agent", kTunnel},
       {"system_call_cloud_get_user_token", kToken},
       {"system_call_cloud_get_device_list", kDevices},
       {"read_hwsn", "/sbin/read_hwsn"},
@@ -131,22 +113,21 @@ TEST_F(Commands, AProgramOrLibraryThatFailsIsAFailureReply) {
 }
 
 TEST_F(Commands, LongArgumentsAreCutAndTheRestPassedAsTheyAre) {
-  const std::tuple<const char*, const char*, std::string> rows[] = {
+  const struct {
+    const char *name, *program;
+    std::string line;
+    const char* more = R"("more":[1])";
+  } rows[] = {
       {"get_vpd_ext_area", kHardware, "hwctl_app|--vpd_get_ext_area|offset=-2147483648,length=-2147"},
       {kUsage, kReader, "getfattr|--only-values|--absolute-names|-n|trusted.tm.cloud_usage|/share/Cold 1"},
       {"get_sess_id", kLogin, "kcli|-l|user=" + kX40.substr(14) + "|pw=a b" + kX40.substr(15)},
+      {kTunnelAgent, kTunnel, kTunnelTool + "register_kcm|-m|M|-p|P n|-c|C", R"("command":"register_kcm")"},
+      {kTunnelAgent, kTunnel, kTunnelTool + "unregister_kcm|-r|R", R"("command":"unregister_kcm")"},
   };
-  for (const auto& [name, path, line] : rows) {
-    const StandIn program(path);
-    answer(name, body());
-    EXPECT_EQ(program.calls().at(0).line, line);
-  }
-  const std::pair<const char*, const char*> tunnels[] = {{"register_kcm", "|-m|M|-p|P n|-c|C"},
-                                                         {"unregister_kcm", "|-r|R"}};
-  for (const auto& [command, arguments] : tunnels) {
-    const StandIn program(kTunnel);
-    answer("system_call_cloud_kcm_tunnel_agent", body(R"("command":")" + std::string(command) + "\""));
-    EXPECT_EQ(program.calls().at(0).line, std::string(kTunnel + 1) + "|" + command + arguments);
+  for (const auto& row : rows) {
+    const StandIn program(row.program);
+    answer(row.name, body(row.more));
+    EXPECT_EQ(program.calls().at(0).line, row.line);
   }
 }
 
@@ -195,16 +176,14 @@ TEST_F(Commands, TheOutputOfAProgramBecomesTheReply) {
 }
 
 TEST_F(Commands, ABadRequestIsRefusedAndRunsNothing) {
-  const std::pair<const char*, std::string> rows[] = {
-      {"system_call_share_guard_add", "{}"},
-      {"system_call_share_guard_add", R"({"share_name":5})"},
-      {"get_vpd_ext_area", R"({"offest":2147483648,"length":8})"},
-      {"notify_return", R"({"cmd":2,"type":1,"acy":"5"})"},
-      {"system_call_cloud_kcm_tunnel_agent", R"({"command":"get_url"})"},
-      {"system_connrec_tool", body(R"("computer_name":null)")}};
+  const std::pair<const char*, std::string> rows[] = {{"system_call_share_guard_add", R"({"share_name":5})"},
+                                                      {"get_vpd_ext_area", R"({"offest":2147483648,"length":8})"},
+                                                      {"notify_return", R"({"cmd":2,"type":1,"acy":"5"})"},
+                                                      {kTunnelAgent, R"({"command":"get_url"})"},
+                                                      {"system_connrec_tool", body(R"("computer_name":null)")}};
   for (const auto& [name, refused] : rows)
     EXPECT_EQ(answer(name, refused), R"({"error_code":-1,"error_msg":"paser fail"})") << refused;
-  EXPECT_EQ(answer("system_call_cloud_kcm_tunnel_agent", body(R"("command":"GET_URL")")),
+  EXPECT_EQ(answer(kTunnelAgent, body(R"("command":"GET_URL")")),
             R"({"error_code":-6,"error_msg":"not support command"})");
   EXPECT_EQ(new_log(), "");
   const StandIn tool(kGuard);

@@ -11,8 +11,6 @@
 #include <future>
 #include <sstream>
 
-#include "daemon/event_records.h"
-#include "daemon/msg_queue_listener.h"
 #include "harness.h"
 
 namespace {
@@ -195,27 +193,6 @@ TEST(FaultsAtStart, AFaultThatNeedNotAbortEndsOrOutlastsTheStart) {
     if (status == 0) kill(daemon.pid(), SIGTERM);
     EXPECT_EQ(WEXITSTATUS(daemon.wait()), status);
     EXPECT_THAT(read_file(kErrors), testing::EndsWith(status == 255 ? "] get Install_Path fail." : ""));
-  }
-}
-
-// A record on its way to the notification service needs a memory file and a mapped reply.
-TEST(FaultsOfTheRelay, AnEventThatCannotBeForwardedAborts) {
-  const std::tuple<fault_kind, int, std::string> rows[] = {{FAULT_MEMFD, ENFILE, "ks_io_shm"},
-                                                           {FAULT_EPOLL_ADD, ENOSPC, "ks_epoll_call"},
-                                                           {FAULT_MMAP, ENOMEM, "ks_io_sync"}};
-  const auto reply = [](const char*, ks_io* io, int) {
-    ks_reply(io);
-    ks_io_free(io);
-  };
-  for (const auto& [kind, error, operation] : rows) {
-    Daemon daemon(faulty_daemon());
-    ks_handle* const service = ks_create(kNotifyServiceName, KS_PTHREAD_MODE | KS_STANDALONE, 1, reply);
-    ks_start(service);
-    const Fault fault(kind, error);
-    const LogMessage message{.type = kEventLogType, .event = {}, .connection = {}};
-    EXPECT_EQ(msg_queue_send(kLogQueueKey, &message, kLogMessageSize), 0);
-    expect_abort(daemon, operation);
-    ks_free(service);
   }
 }
 

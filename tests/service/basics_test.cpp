@@ -4,33 +4,12 @@
 
 #include <csignal>
 #include <cstring>
-#include <ctime>
 
 #include "harness.h"
 
 namespace {
 
 constexpr ks_exec_fn kExec = [](const char*, ks_io*, int) {};
-
-// A signal, which is caught, every 100 microseconds.
-class Interruptions {
- public:
-  Interruptions() {
-    signal(SIGUSR2, [](int) {});
-    sigevent event{};
-    event.sigev_notify = SIGEV_SIGNAL;
-    event.sigev_signo = SIGUSR2;
-    EXPECT_EQ(timer_create(CLOCK_MONOTONIC, &event, &timer_), 0);
-    const itimerspec again{.it_interval = {0, 100'000}, .it_value = {0, 100'000}};
-    EXPECT_EQ(timer_settime(timer_, 0, &again, nullptr), 0);
-  }
-  Interruptions(const Interruptions&) = delete;
-  Interruptions& operator=(const Interruptions&) = delete;
-  ~Interruptions() { timer_delete(timer_); }
-
- private:
-  timer_t timer_{};
-};
 
 std::string mapped(ks_io* io) {
   std::uint64_t size = 99;
@@ -105,8 +84,12 @@ TEST_F(GuardedTest, AClientIsAliveUntilItSendsMore) {
   limit_descriptors(4096);
   io->sockfd = fcntl(line.theirs.get(), F_DUPFD, 2500);  // more than fits into a select set
   io->peer_pid = 1;
-  const Interruptions often;
-  for (int i = 0; i < 100'000; ++i) ASSERT_TRUE(ks_io_alive(io)) << i;
+  std::signal(SIGUSR2, [](int) {});
+  std::jthread interrupter([self = pthread_self()](const std::stop_token& done) {
+    while (!done.stop_requested()) pthread_kill(self, SIGUSR2);
+  });
+  for (int i = 0; i < 20'000; ++i) ASSERT_TRUE(ks_io_alive(io)) << i;
+  interrupter = {};
   EXPECT_EQ(write(line.ours.get(), "?", 1), 1);
   EXPECT_FALSE(ks_io_alive(io));
   ks_io_free(io);
@@ -152,6 +135,15 @@ TEST_F(ServiceTest, AWrongCallAbortsWithOneLineOfWhatWasWrong) {
   } rows[] = {
       {"ks_io_free() cannot free incorrect ks_io (nil): `io && (*(u_int32_t*) io == KS_IO_MAGIC)'",
        [] { ks_io_free(nullptr); }},
+      {"ks_io_realloc() ftruncate memory file fail: `ftruncate(io->memfd, size) == 0'",
+       [] { ks_io_realloc(ks_io_create(), ~0ull); }},
+      {"ks_io_realloc() create memory map fail: `io->shared_data != MAP_FAILED'",
+       [] { ks_io_realloc(ks_io_create(), 1ull << 62); }},
+      {"ks_io_shm() create share memory file fail: `io->memfd != -1 && set_fd_cloexec(io->memfd)'",
+       [] {
+         limit_descriptors(0);
+         ks_io_fd(ks_io_create());
+       }},
       {"ks_stop() cannot stop incorrect ks_handle (nil): "
        "`service_handle && (*(u_int32_t*) service_handle == KS_HANDLE_MAGIC)'",
        [] { ks_free(nullptr); }},

@@ -60,7 +60,6 @@ CALL(FAULT_DLOPEN, void*, NULL, dlopen, (const char* path, int mode), (path, mod
 CALL(op == EPOLL_CTL_ADD ? FAULT_EPOLL_ADD : FAULT_KINDS, int, -1, epoll_ctl,
      (int set, int op, int fd, struct epoll_event* event), (set, op, fd, event))
 CALL(FAULT_FORK, pid_t, -1, fork, (void), ())
-CALL(FAULT_MEMFD, int, -1, memfd_create, (const char* name, unsigned flags), (name, flags))
 CALL(IS_MEMORY_FILE ? FAULT_MMAP : FAULT_KINDS, void*, MAP_FAILED, mmap,
      (void* at, size_t size, int protection, int flags, int fd, off_t offset),
      (at, size, protection, flags, fd, offset))

@@ -10,7 +10,6 @@ enum fault_kind { /* opening includes streams and templates; mapping is of memor
                   FAULT_DLOPEN,
                   FAULT_EPOLL_ADD,
                   FAULT_FORK,
-                  FAULT_MEMFD,
                   FAULT_MMAP,
                   FAULT_OPEN,
                   FAULT_PTHREAD_CREATE,

@@ -49,6 +49,13 @@ bool readable(int fd, int timeout_ms) {
   return TEMP_FAILURE_RETRY(poll(&watched, 1, timeout_ms)) > 0;
 }
 
+std::string record_of(int type, int flag, std::string_view data) {
+  std::string record(sizeof(directive), '\0');
+  record[0] = static_cast<char>(type);
+  record[1] = static_cast<char>(flag);
+  return record.replace(2, data.size(), data);
+}
+
 Peer::Peer(const std::string& path) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
   connect_to(path);
 }
@@ -62,14 +69,6 @@ void Peer::connect_to(const std::string& path) const {
 Peer& Peer::bytes(std::string_view bytes) {
   EXPECT_TRUE(send(fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL) >= 0 || errno == EPIPE);
   return *this;
-}
-
-Peer& Peer::record(int type, int flag, std::string_view data) {
-  std::string record(sizeof(directive), '\0');
-  record[0] = static_cast<char>(type);
-  record[1] = static_cast<char>(flag);
-  record.replace(2, data.size(), data);
-  return bytes(record);
 }
 
 Peer& Peer::message(std::string_view bytes, const std::vector<int>& fds, int flags) {

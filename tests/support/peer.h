@@ -35,6 +35,9 @@ void limit_descriptors(int number);
 // Waits until there is something to read, the end included.
 bool readable(int fd, int timeout_ms = 10'000);
 
+// The bytes of a record, which are well-formed as long as `data` fits.
+std::string record_of(int type, int flag, std::string_view data);
+
 // A client, or a service, by hand. Nothing it does waits longer than ten seconds.
 class Peer {
  public:
@@ -45,7 +48,7 @@ class Peer {
   void connect_to(const std::string& path) const;
   void leave() { fd_.reset(); }
   Peer& bytes(std::string_view bytes);
-  Peer& record(int type, int flag = 0, std::string_view data = "");
+  Peer& record(int type, int flag = 0, std::string_view data = "") { return bytes(record_of(type, flag, data)); }
   Peer& request(std::string_view name, int flag = 0) { return record(KS_DIR_REQUEST, flag, name); }
   Peer& fds(const std::vector<int>& fds) { return message("x", fds); }  // one message of one byte with all of these
   Peer& message(std::string_view bytes, const std::vector<int>& fds, int flags = 0);

@@ -167,13 +167,14 @@ std::string traced(std::size_t from) {
 
 // Each line is whole: no argument, body or reply stands in it, and no program has the variable.
 TEST(Trace, TellsHowRequestsAndProgramsEndWithoutTheirValues) {
-  const StandIn guard("/sbin/share_guard"), login("/sbin/kcli");
+  const StandIn guard("/sbin/share_guard"), login("/sbin/kcli"), hardware("/sbin/hwctl_app");
+  hardware.plays("delay 300\n");
   guard.plays("exit 3\n");
   login.plays("stdout a\\nsession id 5e55\\n\nsignal 9\n");
   const Daemon daemon("env VISTALPROD_TRACE=" + std::string(kTraceFile) + " vistalprod");
   EXPECT_THAT(traced(0), testing::StartsWith("program client=- uid=- command=- program=/sbin/rdconf end=exit 0\n"));
   const struct {
-    const char *service, *command, *body;  // an empty body is one of a client that leaves at once
+    const char *service, *command, *body;  // an empty body is that of a client that leaves meanwhile
     const char* program;                   // and its end, if one is run
     const char* end;
   } rows[] = {
@@ -195,7 +196,9 @@ TEST(Trace, TellsHowRequestsAndProgramsEndWithoutTheirValues) {
     if (*row.body != '\0') {
       call(row.service, row.command, row.body);
     } else {
-      silent_client().request(row.command).fds({memory_file("").get()});
+      Peer leaving = silent_client();
+      leaving.request(row.command).fds({memory_file("").get()});
+      EXPECT_TRUE(eventually([&] { return !traced(before).empty() || !hardware.calls().empty(); }));
     }
     EXPECT_TRUE(eventually([&] { return traced(before) == expected; })) << expected << traced(before);
   }

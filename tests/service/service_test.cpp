@@ -264,16 +264,16 @@ TEST_F(ServiceTest, AFailedCallReturnsItsStatusAndAnEmptyRecord) {
 TEST_F(ServiceTest, AReplyThatIsCutShortWhileItIsCopiedIsAShortReply) {
   constexpr off_t kSize = 8 << 20;
   constexpr int kCalls = 20;
-  const Fd service = listen_at(path());
+  const UniqueFd service = listen_at(path());
   std::jthread hand([&] {
     for (int i = 0; i < kCalls; ++i) {
-      Peer peer(accept(service, nullptr, nullptr));
+      Peer peer(accept(service.get(), nullptr, nullptr));
       EXPECT_EQ(peer.record(KS_DIR_ASK).next(), KS_DIR_REQUEST);
-      const Fd file(receive_descriptor(peer.fd(), steady_clock::now() + std::chrono::seconds(1)));
-      EXPECT_EQ(ftruncate(file, kSize), 0);
+      const UniqueFd file(receive_descriptor(peer.fd(), steady_clock::now() + std::chrono::seconds(1)));
+      EXPECT_EQ(ftruncate(file.get(), kSize), 0);
       peer.record(KS_DIR_DONE);
       std::this_thread::sleep_for(std::chrono::microseconds(100 * i));  // somewhere in the copying
-      EXPECT_EQ(ftruncate(file, 1), 0);
+      EXPECT_EQ(ftruncate(file.get(), 1), 0);
     }
   });
   for (int i = 0; i < kCalls; ++i) {

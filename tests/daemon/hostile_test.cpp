@@ -1,21 +1,21 @@
 // Peers that keep no rule, and bodies that mean no good, at both services. Whatever one does costs it its own
 // connection, and costs no other client anything.
 #include <fcntl.h>
-#include <linux/userfaultfd.h>
 #include <netinet/in.h>
-#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <set>
 #include <sstream>
 #include <thread>
 
 #include "daemon/command_tables.h"
 #include "harness.h"
+#include "support/stuck_file.h"
 
 namespace {
 
@@ -77,27 +77,16 @@ auto hands_over(const std::string& path, int flags) {
   return hands_over(open(path.c_str(), flags | O_CLOEXEC, 0600));
 }
 
-// Holds the lock of a memory file, as its owner can: writes to it from a page that does not come while the object
-// lives.
-class LockHolder {
- public:
-  explicit LockHolder(int file) : page_fault_(static_cast<int>(syscall(SYS_userfaultfd, O_CLOEXEC | O_NONBLOCK))) {
-    const auto size = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-    void* const page = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    uffdio_api api{.api = UFFD_API, .features = 0, .ioctls = 0};
-    uffdio_register missing{
-        .range = {reinterpret_cast<std::uintptr_t>(page), size}, .mode = UFFDIO_REGISTER_MODE_MISSING, .ioctls = 0};
-    if (ioctl(page_fault_.get(), UFFDIO_API, &api) != 0) return;
-    EXPECT_EQ(ioctl(page_fault_.get(), UFFDIO_REGISTER, &missing), 0);
-    writer_ = std::jthread([file, page] { EXPECT_EQ(write(file, page, 4), 4); });
-    EXPECT_TRUE(readable(page_fault_.get()));
-  }
-  bool holds() const { return writer_.joinable(); }
-
- private:
-  std::jthread writer_;
-  UniqueFd page_fault_;  // closed first, which lets the writer end
-};
+// Whether the lock of a memory file is taken: then a change of its size waits.
+bool is_locked(int file) {
+  const std::shared_ptr<UniqueFd> copy = std::make_shared<UniqueFd>(dup(file));
+  auto done = std::make_shared<std::promise<void>>();
+  std::thread([copy, done] {
+    EXPECT_EQ(ftruncate(copy->get(), 4), 0);
+    done->set_value();
+  }).detach();
+  return done->get_future().wait_for(std::chrono::milliseconds(50)) == std::future_status::timeout;
+}
 
 // How a connection may end: without a reply, with one, either way (who was faster), or not until the peer leaves.
 enum class End { refused, served, either, open };
@@ -207,13 +196,25 @@ TEST_F(Hostile, AClientThatLeavesDescriptorsUnreadHoldsUpNoOther) {
   }
 }
 
-TEST_F(Hostile, AClientThatHoldsTheLockOfItsFileIsHungUpOnAndHoldsUpNoOther) {
-  const UniqueFd body = memory_file("body");
-  const LockHolder holder(body.get());
-  if (!holder.holds()) GTEST_SKIP() << "no page faults for user space here";
+// As its memory file, as its standard output, unread, and as what holds the lock of a good memory file.
+TEST_F(Hostile, AFileThatNeverAnswersHoldsUpItsOwnClientOnly) {
+  std::jthread holder;  // ends when the file is gone
+  const StuckFile file("/tmp/stuck");
+  if (!file.valid()) GTEST_SKIP() << "no file systems in user space here";
+  const UniqueFd file_of_body = memory_file("body");
+  const int body = file_of_body.get();
+  const int stuck = file.fd();
+  void* const page = mmap(nullptr, 4096, PROT_READ, MAP_SHARED, stuck, 0);
+  holder = std::jthread([&] { EXPECT_EQ(write(body, page, 4096), -1); });
+  EXPECT_TRUE(eventually([&] { return is_locked(body); }));
   for (const Target& at : kTargets) {
+    Peer peers[] = {Peer(at.path), Peer(at.path), Peer(at.path)};
+    peers[0].request("test").fds({stuck});
+    peers[1].request("test", 1).fds({kBody}).fds({stuck});
+    peers[2].request("no such command").fds({kBody}).fds({stuck});
+    EXPECT_EQ(call(at.name, "test").status, KS_STATUS_OK);
     Peer holding(at.path);
-    holding.request("test").fds({body.get()});
+    holding.request("test").fds({body});
     EXPECT_EQ(call(at.name, "test").status, KS_STATUS_OK);
     expect_end(holding, End::refused);
     EXPECT_EQ(call(at.name, "test").status, KS_STATUS_OK);
@@ -230,7 +231,7 @@ TEST_F(Hostile, AUserWhoseDescriptorsCannotBeClosedIsNotAskedForMore) {
     for (const Target& at : kTargets) {
       for (int i = 0; i < 3; ++i) {
         Peer peer(at.path);
-        peer.message(test_record(), many).fds({kBody});
+        peer.message(record_of(KS_DIR_REQUEST, 0, "test"), many).fds({kBody});
         expect_end(peer, End::either);
       }
       EXPECT_EQ(Peer(at.path).next(), 0);

@@ -27,19 +27,6 @@ using Clock = std::chrono::steady_clock;
 constexpr std::uint32_t kLeastTimeoutSeconds = 5;
 constexpr std::int64_t kMillisecondsPerSecond = 1000;
 
-#define VERIFY_EPOLL(epoll, operation, description)                      \
-  do {                                                                   \
-    if (!ks_has_magic(epoll, KS_EPOLL_MAGIC)) {                          \
-      ks_abort(operation, kEpollCondition, description, (void*)(epoll)); \
-    }                                                                    \
-  } while (false)
-
-void verify_request(const ks_io* io) {
-  if (!ks_has_magic(io, KS_IO_MAGIC)) {
-    ks_abort("ks_epoll_call", kIoCondition, "cannot make incorrect ks_io %p request", static_cast<const void*>(io));
-  }
-}
-
 bool fits(const char* text, std::size_t limit) {
   return text != nullptr && strnlen(text, limit + 1) <= limit;
 }
@@ -208,7 +195,7 @@ std::uint64_t read_reply(const ks_io* io, char* buffer, std::uint64_t size) {
 
 // One complete request: ks_call, but for the mapping of the reply.
 int call(const char* name, const char* request_name, ks_io* io, std::uint32_t timeout_s, int extra_fd) {
-  verify_request(io);
+  ks_verify_io(io, "ks_epoll_call", "cannot make incorrect ks_io %p request");
   const std::int64_t begin = now_ms();
   int status = start(name, request_name, io, extra_fd);
   bool finished = false;
@@ -238,8 +225,8 @@ ks_epoll* ks_epoll_create(void) {
 }
 
 int ks_epoll_call(ks_epoll* epoll, const char* name, const char* request_name, ks_io* io, int extra_fd) {
-  VERIFY_EPOLL(epoll, "ks_epoll_call", "cannot call incorrect ks_epoll %p");
-  verify_request(io);
+  ks_verify_epoll(epoll, "ks_epoll_call", "cannot call incorrect ks_epoll %p");
+  ks_verify_io(io, "ks_epoll_call", "cannot make incorrect ks_io %p request");
   const int status = start(name, request_name, io, extra_fd);
   if (status == KS_STATUS_OK && !ks_poll_add(epoll->fd, io->sockfd, kWatchEvents, {.ptr = io})) {
     ks_abort("ks_epoll_call", "epoll_ctl(epoll->fd, EPOLL_CTL_ADD, io->sockfd, ev) == 0",
@@ -249,7 +236,7 @@ int ks_epoll_call(ks_epoll* epoll, const char* name, const char* request_name, k
 }
 
 ks_io* ks_epoll_perform(ks_epoll* epoll, uint32_t timeout_ms, int* status) {
-  VERIFY_EPOLL(epoll, "ks_epoll_perform", "cannot perform incorrect ks_epoll %p");
+  ks_verify_epoll(epoll, "ks_epoll_perform", "cannot perform incorrect ks_epoll %p");
   int code;
   ks_io* io = perform({.pollfd = epoll->fd, .single = nullptr}, timeout_ms, &code);
   if (io != nullptr && code == KS_STATUS_OK) code = map_reply(io);
@@ -258,15 +245,13 @@ ks_io* ks_epoll_perform(ks_epoll* epoll, uint32_t timeout_ms, int* status) {
 }
 
 void ks_epoll_cancel(ks_epoll* epoll, ks_io* io) {
-  VERIFY_EPOLL(epoll, "ks_epoll_cancel", "cannot cancel incorrect ks_epoll %p");
-  if (!ks_has_magic(io, KS_IO_MAGIC)) {
-    ks_abort("ks_epoll_cancel", kIoCondition, "cannot cancel incorrect ks_io %p", static_cast<void*>(io));
-  }
+  ks_verify_epoll(epoll, "ks_epoll_cancel", "cannot cancel incorrect ks_epoll %p");
+  ks_verify_io(io, "ks_epoll_cancel", "cannot cancel incorrect ks_io %p");
   cancel({.pollfd = epoll->fd, .single = nullptr}, io);
 }
 
 void ks_epoll_free(ks_epoll* epoll) {
-  VERIFY_EPOLL(epoll, "ks_epoll_free", "cannot free incorrect ks_epoll %p");
+  ks_verify_epoll(epoll, "ks_epoll_free", "cannot free incorrect ks_epoll %p");
   epoll->magic = 0;
   close_and_forget(&epoll->fd);
   std::free(epoll);

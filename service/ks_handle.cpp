@@ -61,12 +61,6 @@ std::atomic_ref<std::uint32_t> phase_of(ks_worker* producer) {
   return std::atomic_ref(producer->phase);
 }
 
-void verify(const void* handle, const char* operation, const char* verb) {
-  if (!ks_has_magic(handle, KS_HANDLE_MAGIC)) {
-    ks_abort(operation, kHandleCondition, "cannot %s incorrect ks_handle %p", verb, handle);
-  }
-}
-
 void check_create_arguments(const char* name, std::uint32_t mode, std::uint64_t workers, ks_exec_fn exec) {
   constexpr char kOperation[] = "ks_create";
   if (name == nullptr || strnlen(name, MAXIMUM_NAME_SIZE + 1) > MAXIMUM_NAME_SIZE) {
@@ -266,20 +260,20 @@ ks_handle* ks_create(const char* name, uint32_t mode, uint64_t workers, ks_exec_
 }
 
 void ks_worker_init(ks_handle* handle, ks_hook_fn fn, void* arg) {
-  verify(handle, "ks_worker_init", "start");
+  ks_verify_handle(handle, "ks_worker_init", "cannot start incorrect ks_handle %p");
   handle->init_hook = fn;
   handle->init_arg = arg;
 }
 
 void ks_worker_fini(ks_handle* handle, ks_hook_fn fn, void* arg) {
-  verify(handle, "ks_worker_fini", "start");
+  ks_verify_handle(handle, "ks_worker_fini", "cannot start incorrect ks_handle %p");
   handle->fini_hook = fn;
   handle->fini_arg = arg;
 }
 
 void ks_start(ks_handle* handle) {
   std::signal(SIGPIPE, SIG_IGN);
-  verify(handle, "ks_start", "start");
+  ks_verify_handle(handle, "ks_start", "cannot start incorrect ks_handle %p");
   if (worker_of(handle).load() != nullptr) abort_started_twice();
   auto* workers = static_cast<ks_worker*>(std::calloc(handle->service_size + 1, sizeof(ks_worker)));
   if (workers == nullptr) {
@@ -317,17 +311,17 @@ void ks_start(ks_handle* handle) {
 }
 
 void ks_pause(ks_handle* handle) {
-  verify(handle, "ks_pause", "pause");
+  ks_verify_handle(handle, "ks_pause", "cannot pause incorrect ks_handle %p");
   paused_of(handle).store(1);
 }
 
 void ks_resume(ks_handle* handle) {
-  verify(handle, "ks_resume", "resume");
+  ks_verify_handle(handle, "ks_resume", "cannot resume incorrect ks_handle %p");
   paused_of(handle).store(0);
 }
 
 void ks_stop(ks_handle* handle) {
-  verify(handle, "ks_stop", "stop");
+  ks_verify_handle(handle, "ks_stop", "cannot stop incorrect ks_handle %p");
   if (ks_is_consumer_of(handle)) {
     ks_abort("ks_stop", "!ks_is_consumer_of(service_handle)", "a worker cannot stop its own service");
   }

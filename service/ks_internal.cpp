@@ -19,6 +19,13 @@ constexpr int kFlagBit = 1;
 
 constexpr char kHashedSockFile[] = "/var/run/ks/%X.sock";
 
+void verify(const void* record, std::uint32_t magic, const char* operation, const char* condition,
+            const char* description) {
+  std::uint32_t found = 0;
+  if (record != nullptr) std::memcpy(&found, record, sizeof(found));
+  if (found != magic) ks_abort(operation, condition, description, record);
+}
+
 }  // namespace
 
 void ks_abort(const char* operation, const char* condition, const char* description, ...) {
@@ -35,11 +42,17 @@ void ks_abort(const char* operation, const char* condition, const char* descript
   std::abort();
 }
 
-bool ks_has_magic(const void* record, std::uint32_t magic) {
-  if (record == nullptr) return false;
-  std::uint32_t found;
-  std::memcpy(&found, record, sizeof(found));
-  return found == magic;
+void ks_verify_io(const ks_io* record, const char* operation, const char* description) {
+  verify(record, KS_IO_MAGIC, operation, "io && (*(u_int32_t*) io == KS_IO_MAGIC)", description);
+}
+
+void ks_verify_epoll(const ks_epoll* record, const char* operation, const char* description) {
+  verify(record, KS_EPOLL_MAGIC, operation, "epoll && (*(u_int32_t*) epoll == KS_EPOLL_MAGIC)", description);
+}
+
+void ks_verify_handle(const ks_handle* record, const char* operation, const char* description) {
+  verify(record, KS_HANDLE_MAGIC, operation, "service_handle && (*(u_int32_t*) service_handle == KS_HANDLE_MAGIC)",
+         description);
 }
 
 bool set_fd_cloexec(int fd) {

@@ -22,13 +22,11 @@
 [[noreturn]] void ks_abort(const char* operation, const char* condition, const char* description, ...)
     __attribute__((format(printf, 3, 4)));
 
-// The conditions that many operations share, as they are printed.
-inline constexpr char kIoCondition[] = "io && (*(u_int32_t*) io == KS_IO_MAGIC)";
-inline constexpr char kEpollCondition[] = "epoll && (*(u_int32_t*) epoll == KS_EPOLL_MAGIC)";
-inline constexpr char kHandleCondition[] = "service_handle && (*(u_int32_t*) service_handle == KS_HANDLE_MAGIC)";
-
-// Whether `record` is non-null and begins with `magic`. Reads the first four bytes only.
-bool ks_has_magic(const void* record, std::uint32_t magic);
+// Each aborts under `operation` unless `record` is non-null and begins with its magic. Reads the first four bytes only.
+// `description` shows the pointer with one %p.
+void ks_verify_io(const ks_io* record, const char* operation, const char* description);
+void ks_verify_epoll(const ks_epoll* record, const char* operation, const char* description);
+void ks_verify_handle(const ks_handle* record, const char* operation, const char* description);
 
 // ---- Descriptors ------------------------------------------------------------------------------------------
 

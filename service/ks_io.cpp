@@ -24,14 +24,6 @@ namespace {
 
 constexpr char kMemoryFileName[] = "kservice";
 
-// `description` names the bad pointer with one %p.
-#define VERIFY_IO(io, operation, description)                      \
-  do {                                                             \
-    if (!ks_has_magic(io, KS_IO_MAGIC)) {                          \
-      ks_abort(operation, kIoCondition, description, (void*)(io)); \
-    }                                                              \
-  } while (false)
-
 // A record as it is allocated: what callers see, and what they do not.
 struct Record {
   ks_io io;
@@ -202,7 +194,7 @@ ks_io* ks_io_create(void) {
 }
 
 void ks_io_free(ks_io* io) {
-  VERIFY_IO(io, "ks_io_free", "cannot free incorrect ks_io %p");
+  ks_verify_io(io, "ks_io_free", "cannot free incorrect ks_io %p");
   if (record_of(io)->shut) {
     close_shut_down(io->sockfd);
   } else {
@@ -214,7 +206,7 @@ void ks_io_free(ks_io* io) {
 }
 
 void ks_io_hang_up(ks_io* io) {
-  VERIFY_IO(io, "ks_io_hang_up", "cannot hang up incorrect ks_io %p");
+  ks_verify_io(io, "ks_io_hang_up", "cannot hang up incorrect ks_io %p");
   if (io->sockfd >= 0 && !record_of(io)->shut) {
     shutdown(io->sockfd, SHUT_RDWR);
     record_of(io)->shut = true;
@@ -227,19 +219,19 @@ void ks_io_connect(ks_io* io, int sockfd) {
 }
 
 void ks_io_drop(ks_io* io) {
-  VERIFY_IO(io, "ks_io_drop", "cannot drop incorrect ks_io %p");
+  ks_verify_io(io, "ks_io_drop", "cannot drop incorrect ks_io %p");
   ks_io_drop_shm(io);
 }
 
 void* ks_io_read(ks_io* io, uint64_t* size) {
-  VERIFY_IO(io, "ks_io_read", "cannot read incorrect ks_io %p");
+  ks_verify_io(io, "ks_io_read", "cannot read incorrect ks_io %p");
   ks_io_sync(io);
   if (size != nullptr) *size = io->shared_size;
   return io->shared_data;
 }
 
 void* ks_io_realloc(ks_io* io, uint64_t size) {
-  VERIFY_IO(io, "ks_io_realloc", "cannot alloc incorrect ks_io %p");
+  ks_verify_io(io, "ks_io_realloc", "cannot alloc incorrect ks_io %p");
   ks_io_shm(io);
   unmap(io);
   if (ftruncate(io->memfd, static_cast<off_t>(size)) != 0) {
@@ -256,12 +248,12 @@ void* ks_io_realloc(ks_io* io, uint64_t size) {
 }
 
 int64_t ks_io_write(ks_io* io, const void* buf, uint64_t len) {
-  VERIFY_IO(io, "ks_io_write", "cannot read incorrect ks_io %p");
+  ks_verify_io(io, "ks_io_write", "cannot read incorrect ks_io %p");
   return write(file_at_end(io), buf, len);
 }
 
 void ks_io_printf(ks_io* io, const char* fmt, ...) {
-  VERIFY_IO(io, "ks_io_printf", "cannot printf incorrect ks_io %p");
+  ks_verify_io(io, "ks_io_printf", "cannot printf incorrect ks_io %p");
   va_list args;
   va_start(args, fmt);
   vdprintf(file_at_end(io), fmt, args);
@@ -269,7 +261,7 @@ void ks_io_printf(ks_io* io, const char* fmt, ...) {
 }
 
 int64_t ks_io_splice(ks_io* io, int32_t fdin, uint64_t len) {
-  VERIFY_IO(io, "ks_io_splice", "cannot read incorrect ks_io %p");
+  ks_verify_io(io, "ks_io_splice", "cannot read incorrect ks_io %p");
   return splice(fdin, nullptr, file_at_end(io), nullptr, len, SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
 }
 
@@ -284,22 +276,22 @@ uint64_t ks_io_size(ks_io* io) {
 }
 
 int32_t ks_io_pid(ks_io* io) {
-  VERIFY_IO(io, "ks_io_pid", "cannot fetch incorrect ks_io %p pid");
+  ks_verify_io(io, "ks_io_pid", "cannot fetch incorrect ks_io %p pid");
   return io->peer_pid;
 }
 
 uint32_t ks_io_uid(ks_io* io) {
-  VERIFY_IO(io, "ks_io_uid", "cannot fetch incorrect ks_io %p uid");
+  ks_verify_io(io, "ks_io_uid", "cannot fetch incorrect ks_io %p uid");
   return io->peer_uid;
 }
 
 uint32_t ks_io_gid(ks_io* io) {
-  VERIFY_IO(io, "ks_io_gid", "cannot fetch incorrect ks_io %p gid");
+  ks_verify_io(io, "ks_io_gid", "cannot fetch incorrect ks_io %p gid");
   return io->peer_gid;
 }
 
 bool ks_io_alive(ks_io* io) {
-  VERIFY_IO(io, "ks_io_alive", "cannot check incorrect ks_io %p alive");
+  ks_verify_io(io, "ks_io_alive", "cannot check incorrect ks_io %p alive");
   if (io->peer_pid == 0) return true;
   if (io->sockfd < 0) return false;
   // poll, not select: a busy daemon has descriptor numbers that do not fit a select set.
@@ -310,12 +302,12 @@ bool ks_io_alive(ks_io* io) {
 }
 
 void ks_io_set(ks_io* io, uint64_t value) {
-  VERIFY_IO(io, "ks_io_set", "cannot attach incorrect ks_io %p");
+  ks_verify_io(io, "ks_io_set", "cannot attach incorrect ks_io %p");
   io->user_data = value;
 }
 
 uint64_t ks_io_get(ks_io* io) {
-  VERIFY_IO(io, "ks_io_get", "cannot detach incorrect ks_io %p");
+  ks_verify_io(io, "ks_io_get", "cannot detach incorrect ks_io %p");
   return io->user_data;
 }
 
@@ -344,7 +336,7 @@ FILE* ks_io_freopen(ks_io* io, const char* mode, FILE* stream) {
 }
 
 int ks_reply(ks_io* io) {
-  VERIFY_IO(io, "ks_reply", "cannot response incorrect ks_io %p");
+  ks_verify_io(io, "ks_reply", "cannot response incorrect ks_io %p");
   static const directive kDone = make_directive(KS_DIR_DONE);
   send_directive(io->sockfd, kDone);
   ks_io_hang_up(io);

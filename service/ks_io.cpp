@@ -63,11 +63,12 @@ std::uint64_t physical_memory() {
   return bytes;
 }
 
-// Maps all of the file; *size is how long that is.
+// Maps all of the file, unless it is mapped already; *size is how long that is.
 bool sync(ks_io* io, std::uint64_t* size) {
   record_of(io)->seek_due = true;
   if (!record_of(io)->clients) seek_to_end(io);
   *size = ks_io_size(io);
+  if (io->shared_data != nullptr && *size == io->shared_size) return true;
   unmap(io);
   if (record_of(io)->clients && *size > physical_memory()) return false;
   return *size == 0 || map(io, *size);

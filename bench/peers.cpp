@@ -43,7 +43,11 @@ void echo(const char*, ks_io* io, int) {
 }
 
 void serve_echo(const std::string& directory) {
-  ks_start(ks_create(("@" + directory + "/echo").c_str(), KS_STANDALONE | KS_PTHREAD_MODE, kWorkers, echo));
+  ks_handle* const handle =
+      ks_create(("@" + directory + "/echo").c_str(), KS_STANDALONE | KS_PTHREAD_MODE, kWorkers, echo);
+  ks_worker_init(
+      handle, [](void*) { ks_leave_unmapped(); }, nullptr);  // as the daemon does
+  ks_start(handle);
   report_ready();
   while (true) pause();
 }

@@ -129,7 +129,8 @@ void log_silent_client(void* service, int32_t client) {
          static_cast<const char*>(service), static_cast<int>(client));
 }
 
-void watch_clients(void* service) {
+void set_up_worker(void* service) {
+  ks_leave_unmapped();  // read_request_text has no use for a mapping
   ks_on_silence(log_silent_client, service);
 }
 
@@ -180,11 +181,11 @@ void Daemon::start() {
   }
 
   ks_service_handle = ks_create(kMainServiceName, KS_PTHREAD_MODE, kMainWorkers, main_service_exec);
-  ks_worker_init(ks_service_handle, watch_clients, ks_service_handle->name);
+  ks_worker_init(ks_service_handle, set_up_worker, ks_service_handle->name);
   LOG_AT("main", "sock_name:%s.", ks_service_handle->sockfile);
   ks_send_mail_service_handle =
       ks_create(kMailServiceName, KS_PTHREAD_MODE, KS_SEND_MAIL_SERVER_THREAD_NUM, mail_service_exec);
-  ks_worker_init(ks_send_mail_service_handle, watch_clients, ks_send_mail_service_handle->name);
+  ks_worker_init(ks_send_mail_service_handle, set_up_worker, ks_send_mail_service_handle->name);
   LOG_AT("main", "send_mail_sock_name:%s, KS_SEND_MAIL_SERVER_THREAD_NUM:%d.", ks_send_mail_service_handle->sockfile,
          static_cast<int>(KS_SEND_MAIL_SERVER_THREAD_NUM));
 

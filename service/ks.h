@@ -206,6 +206,10 @@ void ks_worker_fini(ks_handle* handle, ks_hook_fn fn, void* arg);
 // Sets what the calling worker does about silent clients; for the hook of ks_worker_init. Aborts in any other thread.
 void ks_on_silence(ks_silence_fn fn, void* arg);
 
+// The requests of the calling worker arrive unmapped: shared_data is null until ks_io_read. Saves a service that reads
+// bodies through ks_io_fd what a mapping costs. For the hook of ks_worker_init. Aborts in any other thread.
+void ks_leave_unmapped(void);
+
 // Publishes the socket and starts the workers. SIGPIPE is ignored in the whole process from here on. With
 // KS_STANDALONE returns at once; otherwise this thread is the producer until the service ends. `worker` is
 // non-null from the first moment until all of the service is gone; a stop meanwhile is not lost. Worker processes are

@@ -99,7 +99,9 @@ sockaddr_un ks_socket_address(const char* path);
 // or writing. It stays its client's all the same: resizing, seeking or writing it can fail for the client's reasons, or
 // wait while the client holds its lock. A failure ends that client's connection, and the record goes on with a file of
 // its own that nobody else sees.
-ks_io* ks_io_accept(int memfd, int sockfd);
+//
+// `is_mapped`: the record arrives with a mapping of the file.
+ks_io* ks_io_accept(int memfd, int sockfd, bool is_mapped);
 
 // Gives the record a new connection, or -1 where there is none to be had.
 void ks_io_connect(ks_io* io, int sockfd);
@@ -160,7 +162,8 @@ struct ks_worker {
   const ks_handle* handle;   // consumer: the service it works for
   ks_silence_fn on_silence;  // consumer: what it does about a silent client, null for nothing
   void* silence_arg;
-  std::uint32_t phase;  // producer: ks_producer_phase. Touched atomically
+  bool leaves_unmapped;  // consumer: see ks_leave_unmapped
+  std::uint32_t phase;   // producer: ks_producer_phase. Touched atomically
 };
 
 // How far the end of a service has got. The producer's thread and the stopping thread wait for one another

@@ -172,7 +172,7 @@ bool ks_io_sync_reply(ks_io* io) {
   abort_unmapped();
 }
 
-ks_io* ks_io_accept(int memfd, int sockfd) {
+ks_io* ks_io_accept(int memfd, int sockfd, bool is_mapped) {
   std::uint64_t size;
   if (!can_serve(memfd, &size)) return nullptr;
   ks_io* io = make_record();
@@ -180,7 +180,7 @@ ks_io* ks_io_accept(int memfd, int sockfd) {
   io->memfd = memfd;
   record_of(io)->clients = true;
   record_of(io)->seek_due = true;
-  if (size != 0 && !map(io, size)) {
+  if (is_mapped && size != 0 && !map(io, size)) {
     std::free(io);
     return nullptr;
   }

@@ -97,7 +97,7 @@ ks_io* receive_request(ks_worker* worker, const directive& record, handed_fd* ex
     extra->reset(receive_descriptor(worker->client_fd, deadline));
     if (!*extra) return nullptr;
   }
-  ks_io* io = ks_io_accept(memfd.get(), worker->client_fd);
+  ks_io* io = ks_io_accept(memfd.get(), worker->client_fd, !worker->leaves_unmapped);
   if (io == nullptr) return nullptr;
   memfd.release();
   ks_copy_text(io->request_name, sizeof(io->request_name), reinterpret_cast<const char*>(record.data));
@@ -291,6 +291,11 @@ void ks_on_silence(ks_silence_fn fn, void* arg) {
   if (self == nullptr) ks_abort("ks_on_silence", "self", "only a worker can watch its clients");
   self->on_silence = fn;
   self->silence_arg = arg;
+}
+
+void ks_leave_unmapped(void) {
+  if (self == nullptr) ks_abort("ks_leave_unmapped", "self", "only a worker can choose how it gets its requests");
+  self->leaves_unmapped = true;
 }
 
 void ks_consumer_worker(ks_worker* worker) {

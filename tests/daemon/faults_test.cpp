@@ -104,7 +104,6 @@ const struct {
     {FAULT_OPEN, ENOSPC, kMail, "sendmail", kMessage, R"({"result":-1})"},
     {FAULT_DLOPEN, ENOMEM, kMain, "vistal_auth_add_session", kSession, "nos_vistal_auth_add_session_handler fail"},
     {FAULT_DLOPEN, ENOMEM, kMain, "get_all_users", "", "nos_get_all_users_handler fail"},
-    {FAULT_MMAP, ENOMEM, kMail, "test", "body", nullptr},
     {FAULT_EPOLL_ADD, ENOMEM, kMail, "test", "", nullptr},
 };
 

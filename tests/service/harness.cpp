@@ -13,6 +13,10 @@ namespace {
 std::string perform(const std::string& request, ks_io* io, int extra) {
   char byte = 'h';
   if (request == "echo") return content_of(ks_io_fd(io)) + (extra < 0 ? "" : content_of(extra));
+  if (request == "mapped") {
+    const std::string size = std::to_string(io->shared_size);
+    return size + *static_cast<char*>(ks_io_read(io, nullptr));
+  }
   if (request == "who") return std::to_string(ks_io_pid(io));
   if (request == "environ") {
     std::string all;

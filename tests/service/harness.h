@@ -10,6 +10,7 @@
 // A service that runs from start() to stop() or destruction, in whichever way its mode asks for. Its exec
 // callback does what the request's name says:
 //   "echo"    replies the body, and behind it what can be read from the extra descriptor
+//   "mapped"  replies the length of the mapping that the request came with, and the first byte that ks_io_read finds
 //   "who"     replies the process id of the client
 //   "environ" replies its environment, one variable a line
 //   "hold"    sends a byte on the extra descriptor, waits for one, then replies "hold"

@@ -34,12 +34,21 @@ TEST_P(EveryMode, ARequestCarriesItsNameBodyDescriptorAndSender) {
       {"echo", "a number that is no descriptor", 100'000, {0, "a number that is no descriptor"}},
       {longest, "longer than its reply" + large, -1, {0, longest}},
       {longest + "n", "", -1, {KS_STATUS_ARGS, ""}},
+      {"mapped", "body", -1, {0, "4b"}},
       {"who", "", -1, {0, std::to_string(getpid())}},
       {"leave", "body", -1, {KS_STATUS_BROKEN, ""}},
   };
   for (const auto& row : rows) {
     EXPECT_EQ(call(service.name(), row.request, row.body, row.extra_fd), row.reply);
   }
+}
+
+TEST_P(EveryMode, RequestsArriveUnmappedWhereWorkersWantThemSo) {
+  Service service(path(), GetParam(), 1);
+  ks_worker_init(
+      service.handle(), [](void*) { ks_leave_unmapped(); }, nullptr);
+  service.start();
+  EXPECT_EQ(call(service.name(), "mapped", "body"), Reply(0, "0b"));
 }
 
 TEST_F(ServiceTest, APausedOrFullServiceRefusesNewClientsAndServesTheWaitingInOrder) {

@@ -65,6 +65,8 @@ int ks_nonzero(int fd);
 // close(*fd) unless it is -1, and *fd = -1. For descriptors of our own.
 void close_and_forget(int* fd);
 
+// Whether bytes or descriptors have come over a connection that have not been read.
+bool ks_has_unread(int connection);
 // Closes a connection that has been shut down, without waiting for what lies unread in it.
 void close_shut_down(int fd);
 // The same, and *fd = -1, after shutting it down: the conversation ends even if another process holds a copy. No effect

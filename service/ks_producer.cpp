@@ -210,7 +210,10 @@ void finish_transfer(ks_worker* worker, const directive& echo) {
   // Only the number handed over is ours to close, whatever a consumer process may claim.
   if (sockfd != worker->transfer_fd) return;
   if (has_ended(worker)) return hang_up_and_forget(&worker->transfer_fd);
-  close_copy_and_forget(&worker->transfer_fd);
+  // As a rule these bytes are the answer of a client that the consumer has asked already, and is about to read. Should
+  // the consumer have no copy of the connection, closing this one could wait. Once it is ready there is no such doubt.
+  if (ks_has_unread(worker->transfer_fd)) return;
+  close_and_forget(&worker->transfer_fd);
 }
 
 void serve_worker(Producer& p, ks_queue* entry) {
@@ -222,11 +225,10 @@ void serve_worker(Producer& p, ks_queue* entry) {
     ks_abort("ks_producer_worker", "read(event_queue->sockfd, &directive, sizeof(directive)) == sizeof(directive)",
              "producer-worker receive consumer_worker directive fail");
   }
-  if (record.type == KS_DIR_TRANSFER) {
-    auto* worker = reinterpret_cast<ks_worker*>(reinterpret_cast<char*>(entry) - offsetof(ks_worker, queue));
-    return finish_transfer(worker, record);
-  }
+  auto* worker = reinterpret_cast<ks_worker*>(reinterpret_cast<char*>(entry) - offsetof(ks_worker, queue));
+  if (record.type == KS_DIR_TRANSFER) return finish_transfer(worker, record);
   if (record.type == KS_DIR_READY) {
+    if (worker->transfer_fd >= 0) close_copy_and_forget(&worker->transfer_fd);
     std::uint64_t index;
     std::memcpy(&index, record.data, sizeof(index));
     if (index >= p.handle->service_size) return;

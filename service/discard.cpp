@@ -321,12 +321,12 @@ bool is_memory_file(int fd) {
   return fcntl(fd, F_GET_SEALS) != -1;
 }
 
-}  // namespace
-
-bool ks_has_unread(int connection) {
+bool has_unread(int connection) {
   int bytes = 0;
   return ioctl(connection, SIOCINQ, &bytes) != 0 || bytes != 0;
 }
+
+}  // namespace
 
 void ks_discard(int fd, uint32_t uid) {
   if (fd < 0) return;
@@ -356,18 +356,9 @@ void hang_up_and_forget(int* fd) {
 
 // Nothing can arrive on it any more: what is found empty stays empty.
 void close_shut_down(int fd) {
-  if (ks_has_unread(fd)) {
+  if (has_unread(fd)) {
     hand_to_closer(fd, kConnection, ks_peer(fd).uid);
   } else {
     close(fd);
   }
-}
-
-void close_copy_and_forget(int* fd) {
-  if (ks_has_unread(*fd)) {
-    hand_to_closer(*fd, kStranger, ks_peer(*fd).uid);
-  } else {
-    close(*fd);
-  }
-  *fd = -1;
 }

@@ -65,16 +65,11 @@ int ks_nonzero(int fd);
 // close(*fd) unless it is -1, and *fd = -1. For descriptors of our own.
 void close_and_forget(int* fd);
 
-// Whether bytes or descriptors have come over a connection that have not been read.
-bool ks_has_unread(int connection);
 // Closes a connection that has been shut down, without waiting for what lies unread in it.
 void close_shut_down(int fd);
 // The same, and *fd = -1, after shutting it down: the conversation ends even if another process holds a copy. No effect
 // on -1.
 void hang_up_and_forget(int* fd);
-// Closes a copy of a connection that goes on elsewhere, and *fd = -1. Does not wait even if it is the last one: a
-// consumer that was short of descriptors has none.
-void close_copy_and_forget(int* fd);
 
 // ---- Names ------------------------------------------------------------------------------------------------
 
@@ -158,11 +153,12 @@ struct ks_worker {
   ks_queue queue;  // producer: also the head of the client queue
 
   // Bookkeeping for stopping and restarting without a leak.
-  std::int32_t transfer_fd;  // consumer: the client handed over and not yet echoed, -1 when none
-  std::int32_t client_fd;    // consumer: the client that has been asked for its request, -1 when none
-  ucred client;              // consumer: whose that is
-  const ks_handle* handle;   // consumer: the service it works for
-  ks_silence_fn on_silence;  // consumer: what it does about a silent client, null for nothing
+  std::int32_t transfer_fd;      // consumer: the client handed over and not yet echoed, -1 when none
+  std::uint8_t transfer_failed;  // consumer thread: has not received that client. Touched atomically
+  std::int32_t client_fd;        // consumer: the client that has been asked for its request, -1 when none
+  ucred client;                  // consumer: whose that is
+  const ks_handle* handle;       // consumer: the service it works for
+  ks_silence_fn on_silence;      // consumer: what it does about a silent client, null for nothing
   void* silence_arg;
   bool leaves_unmapped;  // consumer: see ks_leave_unmapped
   std::uint32_t phase;   // producer: ks_producer_phase. Touched atomically

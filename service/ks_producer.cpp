@@ -207,12 +207,13 @@ void finish_transfer(ks_worker* worker, const directive& echo) {
   if (sockfd < 0) {
     ks_abort("ks_producer_worker", "*((int*)&directive.data) >= 0", "producer-worker transfer client sockfd fail");
   }
+  const bool failed = std::atomic_ref(worker->transfer_failed).exchange(0) != 0;
   // Only the number handed over is ours to close, whatever a consumer process may claim.
   if (sockfd != worker->transfer_fd) return;
-  if (has_ended(worker)) return hang_up_and_forget(&worker->transfer_fd);
-  // As a rule these bytes are the answer of a client that the consumer has asked already, and is about to read. Should
-  // the consumer have no copy of the connection, closing this one could wait. Once it is ready there is no such doubt.
-  if (ks_has_unread(worker->transfer_fd)) return;
+  if (failed || has_ended(worker)) {
+    return hang_up_and_forget(&worker->transfer_fd);
+  }
+  // The consumer has the other copy, or has closed it with nothing unread: this close does not wait.
   close_and_forget(&worker->transfer_fd);
 }
 
@@ -225,10 +226,11 @@ void serve_worker(Producer& p, ks_queue* entry) {
     ks_abort("ks_producer_worker", "read(event_queue->sockfd, &directive, sizeof(directive)) == sizeof(directive)",
              "producer-worker receive consumer_worker directive fail");
   }
-  auto* worker = reinterpret_cast<ks_worker*>(reinterpret_cast<char*>(entry) - offsetof(ks_worker, queue));
-  if (record.type == KS_DIR_TRANSFER) return finish_transfer(worker, record);
+  if (record.type == KS_DIR_TRANSFER) {
+    auto* worker = reinterpret_cast<ks_worker*>(reinterpret_cast<char*>(entry) - offsetof(ks_worker, queue));
+    return finish_transfer(worker, record);
+  }
   if (record.type == KS_DIR_READY) {
-    if (worker->transfer_fd >= 0) close_copy_and_forget(&worker->transfer_fd);
     std::uint64_t index;
     std::memcpy(&index, record.data, sizeof(index));
     if (index >= p.handle->service_size) return;

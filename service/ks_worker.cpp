@@ -127,6 +127,8 @@ void serve_request(ks_worker* worker, const directive& record) {
 // A client comes over the control socket: it is asked for its request and watched.
 void accept_transfer(ks_worker* worker, const directive& record) {
   worker->client_fd = receive_connection(worker->sockfd[0]);
+  // The producer's copy is then the last one, and must not be closed as if it were not.
+  if (worker->client_fd < 0) std::atomic_ref(worker->transfer_failed).store(1);
   // The echo tells the producer that its copy of the client is no longer needed.
   send_directive(worker->sockfd[0], record);
   if (worker->client_fd < 0) return;

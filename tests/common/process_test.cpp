@@ -87,6 +87,16 @@ TEST_F(ProcessTest, PipesBothWays) {
   EXPECT_EQ(pclose_cmd(stderr), -1) << "no stream of ours";
 }
 
+TEST_F(ProcessTest, ASignalDoesNotEndTheWaitForAProgram) {
+  struct sigaction action {};  // without SA_RESTART
+  action.sa_handler = [](int) {};
+  sigaction(SIGUSR2, &action, nullptr);
+  const std::jthread interrupter([self = pthread_self()](const std::stop_token& done) {
+    while (!done.stop_requested()) pthread_kill(self, SIGUSR2);
+  });
+  EXPECT_EQ(exec_cmd_args(nullptr, nullptr, nullptr, "/bin/sh", "-c", "sleep 0.1; exit 5", nullptr), W_EXITCODE(5, 0));
+}
+
 // A program that held another's pipe would keep that one's reader waiting for ever.
 TEST_F(ProcessTest, KeepsConcurrentPipesApart) {
   std::vector<std::thread> threads;
@@ -110,6 +120,7 @@ TEST_F(ProcessTest, KeepsConcurrentPipesApart) {
 TEST_F(ProcessTest, SortsOutLowDescriptorsAndInheritsAllButTheLibraryPath) {
   write_file(in_, "input\n");
   for (const auto& closed : {std::vector{0, 1, 2}, std::vector{1, 2}}) {
+    for (const std::string& file : {out_, err_}) std::filesystem::remove(file);  // which takes a number to look at
     const ChildOutcome outcome = in_child([&] {
       for (const int fd : closed) close(fd);
       setenv("LD_LIBRARY_PATH", "/somewhere", 1);

@@ -1,21 +1,23 @@
 // Peers that keep no rule, and bodies that mean no good, at both services. Whatever one does costs it its own
 // connection, and costs no other client anything.
 #include <fcntl.h>
+#include <linux/fuse.h>
+#include <linux/userfaultfd.h>
 #include <netinet/in.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 
 #include <filesystem>
 #include <fstream>
-#include <future>
 #include <set>
 #include <sstream>
 #include <thread>
 
 #include "daemon/command_tables.h"
 #include "harness.h"
-#include "support/stuck_file.h"
 
 namespace {
 
@@ -34,8 +36,8 @@ const struct Target {
 constexpr uid_t kOtherUser = 65534;
 
 const UniqueFd kBodyFile = memory_file("body"), kSealableFile = memory_file("body", MFD_ALLOW_SEALING);
+const UniqueFd kEmptyFile = memory_file("");
 const int kBody = kBodyFile.get(), kSealable = kSealableFile.get();
-const std::string kBodyPath = "/proc/self/fd/" + std::to_string(kBody);
 const std::string kEndless(kDirectiveDataSize, 'n');
 
 int odd_file(off_t size, int seals) {
@@ -77,16 +79,70 @@ auto hands_over(const std::string& path, int flags) {
   return hands_over(open(path.c_str(), flags | O_CLOEXEC, 0600));
 }
 
-// Whether the lock of a memory file is taken: then a change of its size waits.
-bool is_locked(int file) {
-  const std::shared_ptr<UniqueFd> copy = std::make_shared<UniqueFd>(dup(file));
-  auto done = std::make_shared<std::promise<void>>();
-  std::thread([copy, done] {
-    EXPECT_EQ(ftruncate(copy->get(), 4), 0);
-    done->set_value();
-  }).detach();
-  return done->get_future().wait_for(std::chrono::milliseconds(50)) == std::future_status::timeout;
-}
+// Holds the lock of a memory file, as its owner can: writes to it from a page that does not come while the object
+// lives.
+class LockHolder {
+ public:
+  explicit LockHolder(int file) : page_fault_(static_cast<int>(syscall(SYS_userfaultfd, O_CLOEXEC | O_NONBLOCK))) {
+    const auto size = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    void* const page = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    uffdio_api api{.api = UFFD_API, .features = 0, .ioctls = 0};
+    uffdio_register missing{
+        .range = {reinterpret_cast<std::uintptr_t>(page), size}, .mode = UFFDIO_REGISTER_MODE_MISSING, .ioctls = 0};
+    if (ioctl(page_fault_.get(), UFFDIO_API, &api) != 0) return;
+    EXPECT_EQ(ioctl(page_fault_.get(), UFFDIO_REGISTER, &missing), 0);
+    writer_ = std::jthread([file, page] { EXPECT_EQ(write(file, page, 4), 4); });
+    EXPECT_TRUE(readable(page_fault_.get()));
+  }
+  bool holds() const { return writer_.joinable(); }
+
+ private:
+  std::jthread writer_;
+  UniqueFd page_fault_;  // closed first, which lets the writer end
+};
+
+// A file in user space: opening it works, and each close of it waits until the object is gone.
+class StuckFile {
+ public:
+  explicit StuckFile(const std::string& path) : path_(path), device_(open("/dev/fuse", O_RDWR | O_CLOEXEC)) {
+    write_file(path_, "");
+    const std::string options = "fd=" + std::to_string(device_.get()) + ",rootmode=100666,user_id=0,group_id=0";
+    if (mount("stuck", path_.c_str(), "fuse", 0, options.c_str()) != 0) return;
+    server_ = std::jthread([this] { serve(); });
+    file_.reset(open(path_.c_str(), O_RDWR | O_CLOEXEC));
+  }
+  StuckFile(const StuckFile&) = delete;
+  StuckFile& operator=(const StuckFile&) = delete;
+  ~StuckFile() { umount2(path_.c_str(), MNT_FORCE | MNT_DETACH); }
+  int fd() const { return file_.get(); }
+
+ private:
+  template <typename Body>
+  void answer(std::uint64_t unique, const Body& body) const {
+    const struct {
+      fuse_out_header head;
+      Body body;
+    } out{{.len = sizeof(out), .error = 0, .unique = unique}, body};
+    EXPECT_EQ(write(device_.get(), &out, sizeof(out)), static_cast<ssize_t>(sizeof(out)));
+  }
+  // The start and the opening are answered, nothing else.
+  void serve() const {
+    fuse_init_out version{};
+    version.major = FUSE_KERNEL_VERSION;
+    version.minor = FUSE_KERNEL_MINOR_VERSION;
+    alignas(fuse_in_header) char buffer[FUSE_MIN_READ_BUFFER * 20];
+    while (read(device_.get(), buffer, sizeof(buffer)) > 0 || errno != ENODEV) {
+      const auto* const in = reinterpret_cast<const fuse_in_header*>(buffer);
+      if (in->opcode == FUSE_INIT) answer(in->unique, version);
+      if (in->opcode == FUSE_OPEN) answer(in->unique, fuse_open_out{});
+    }
+  }
+
+  const std::string path_;
+  const UniqueFd device_;
+  std::jthread server_;
+  UniqueFd file_;
+};
 
 // How a connection may end: without a reply, with one, either way (who was faster), or not until the peer leaves.
 enum class End { refused, served, either, open };
@@ -124,8 +180,8 @@ const struct {
     {"no shrinking", hands_over(odd_file(4, F_SEAL_SHRINK))},
     {"no growing", hands_over(odd_file(4, F_SEAL_GROW))},
     {"no writing", hands_over(odd_file(4, F_SEAL_WRITE))},
-    {"no writing from now on", hands_over(odd_file(4, F_SEAL_FUTURE_WRITE))},
-    {"read-only file", hands_over(kBodyPath, O_RDONLY)},
+    {"no writing from now on, empty", hands_over(odd_file(0, F_SEAL_FUTURE_WRITE))},
+    {"read-only file, empty", hands_over("/proc/self/fd/" + std::to_string(kEmptyFile.get()), O_RDONLY)},
     {"file on disk", hands_over("/usr/lib/odd", O_RDWR | O_CREAT)},
     {"file of another file system in memory", hands_over("/dev/shm/odd", O_RDWR | O_CREAT)},
     {"a socket that lingers, attached to the request",
@@ -196,38 +252,37 @@ TEST_F(Hostile, AClientThatLeavesDescriptorsUnreadHoldsUpNoOther) {
   }
 }
 
-// As its memory file, as its standard output, unread, and as what holds the lock of a good memory file.
-TEST_F(Hostile, AFileThatNeverAnswersHoldsUpItsOwnClientOnly) {
-  std::jthread holder;  // ends when the file is gone
-  const StuckFile file("/tmp/stuck");
-  if (!file.valid()) GTEST_SKIP() << "no file systems in user space here";
-  const UniqueFd file_of_body = memory_file("body");
-  const int body = file_of_body.get();
-  const int stuck = file.fd();
-  void* const page = mmap(nullptr, 4096, PROT_READ, MAP_SHARED, stuck, 0);
-  holder = std::jthread([&] { EXPECT_EQ(write(body, page, 4096), -1); });
-  EXPECT_TRUE(eventually([&] { return is_locked(body); }));
-  for (const Target& at : kTargets) {
-    Peer peers[] = {Peer(at.path), Peer(at.path), Peer(at.path)};
-    peers[0].request("test").fds({stuck});
-    peers[1].request("test", 1).fds({kBody}).fds({stuck});
-    peers[2].request("no such command").fds({kBody}).fds({stuck});
-    EXPECT_EQ(call(at.name, "test").status, KS_STATUS_OK);
-    Peer holding(at.path);
-    holding.request("test").fds({body});
-    EXPECT_EQ(call(at.name, "test").status, KS_STATUS_OK);
-    expect_end(holding, End::refused);
-    EXPECT_EQ(call(at.name, "test").status, KS_STATUS_OK);
-  }
+void as_another_user(const std::function<void()>& act) {
+  std::thread([&] {
+    EXPECT_EQ(syscall(SYS_setresuid, kOtherUser, kOtherUser, kOtherUser), 0);  // this thread's ids
+    act();
+  }).join();
+}
+
+// Each holds the thread that writes its reply; 16 are what one user may hold.
+TEST_F(Hostile, AUserWhoHoldsTheLocksOfFilesIsHungUpOnAndThenRefused) {
+  const UniqueFd body = memory_file("body");
+  std::optional<LockHolder> holder(body.get());
+  if (!holder->holds()) GTEST_SKIP() << "no page faults for user space here";
+  as_another_user([&] {
+    std::vector<Peer> holding;
+    for (int i = 0; i < 16; ++i) {
+      holding.emplace_back(i < 6 ? kMainSocket : kMailSocket).request("test").fds({body.get()});
+    }
+    for (const Peer& peer : holding) expect_end(peer, End::refused);
+    EXPECT_EQ(call(kMail, "test").status, KS_STATUS_BROKEN);
+  });
+  for (const Target& at : kTargets) EXPECT_EQ(call(at.name, "test").status, KS_STATUS_OK) << "another user";
+  holder.reset();
+  as_another_user([] { EXPECT_TRUE(eventually([] { return call(kMail, "test").status == KS_STATUS_OK; })); });
 }
 
 // Every descriptor of such a message is a close that waits.
 TEST_F(Hostile, AUserWhoseDescriptorsCannotBeClosedIsNotAskedForMore) {
   const StuckFile file("/tmp/stuck");
-  if (!file.valid()) GTEST_SKIP() << "no file systems in user space here";
+  if (file.fd() < 0) GTEST_SKIP() << "no file systems in user space here";
   const std::vector<int> many(emulated() ? 4 : 100, file.fd());
-  std::thread([&] {
-    ASSERT_EQ(syscall(SYS_setresuid, kOtherUser, kOtherUser, kOtherUser), 0);  // this thread's ids
+  as_another_user([&] {
     for (const Target& at : kTargets) {
       for (int i = 0; i < 3; ++i) {
         Peer peer(at.path);
@@ -236,7 +291,7 @@ TEST_F(Hostile, AUserWhoseDescriptorsCannotBeClosedIsNotAskedForMore) {
       }
       EXPECT_EQ(Peer(at.path).next(), 0);
     }
-  }).join();
+  });
   EXPECT_LT(open_descriptors(daemon_->pid()).size(), 300);
   for (const Target& at : kTargets) EXPECT_EQ(call(at.name, "test").status, KS_STATUS_OK) << "another user";
 }

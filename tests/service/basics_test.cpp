@@ -78,20 +78,31 @@ TEST_F(GuardedTest, ARecordKnowsItsClientAndItsOwnersWord) {
   ks_io_free(io);
 }
 
+volatile sig_atomic_t interruptions = 0;
+
 TEST_F(GuardedTest, AClientIsAliveUntilItSendsMore) {
   ks_io* io = ks_io_create();
   const Line line = make_line();
   limit_descriptors(4096);
   io->sockfd = fcntl(line.theirs.get(), F_DUPFD, 2500);  // more than fits into a select set
   io->peer_pid = 1;
-  std::signal(SIGUSR2, [](int) {});
+  std::signal(SIGUSR2, [](int) { interruptions = interruptions + 1; });
   std::jthread interrupter([self = pthread_self()](const std::stop_token& done) {
     while (!done.stop_requested()) pthread_kill(self, SIGUSR2);
   });
-  for (int i = 0; i < 20'000; ++i) ASSERT_TRUE(ks_io_alive(io)) << i;
+  while (interruptions < 20'000) ASSERT_TRUE(ks_io_alive(io)) << interruptions;
   interrupter = {};
   EXPECT_EQ(write(line.ours.get(), "?", 1), 1);
   EXPECT_FALSE(ks_io_alive(io));
+  ks_io_free(io);
+}
+
+TEST_F(GuardedTest, AReplyEndsTheConversationEvenForCopiesOfTheConnection) {
+  ks_io* io = ks_io_create();
+  Line line = make_line();
+  io->sockfd = dup(line.theirs.get());
+  ks_reply(io);
+  EXPECT_EQ(Peer(line.ours.release()).rest(), (std::vector<int>{KS_DIR_DONE, 0}));
   ks_io_free(io);
 }
 

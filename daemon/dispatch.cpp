@@ -1,8 +1,5 @@
 // Dispatch: find the row, lend standard output, run the handler on a thread of its own, release the request.
 //
-// Each worker keeps a thread for its handlers: making and joining one for each request takes longer than a small
-// command does.
-//
 // A request that no handler takes is neither answered nor released while its client stays connected: the client waits,
 // as clients of a missing command always have. It is parked.
 //
@@ -11,16 +8,18 @@
 // the socket.
 //
 // A handler writes its reply into the client's memory file, and a hostile client can hold that file's lock. A handler
-// that has come that far (ReplyClock) and does not come back is left behind with its request and its thread: the worker
-// goes on and takes another thread, and the one left behind ends when the client lets it.
+// that has come that far (ReplyClock) and does not come back is left behind with its request: the worker goes on, and
+// the thread ends when the client lets it.
 #include "daemon/dispatch.h"
 
 #include <pthread.h>
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <condition_variable>
+#include <atomic>
+#include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <exception>
 #include <memory>
 #include <mutex>
@@ -42,7 +41,7 @@ namespace {
 // Writing a reply takes milliseconds where the client does not hold it up.
 constexpr std::chrono::seconds kReplyTimeout{5};
 // How often the dispatcher looks at the handler that it waits for.
-constexpr std::chrono::seconds kLookInterval{1};
+constexpr time_t kLookSeconds = 1;
 
 // In the trace, as are the other endings below. The exception's own text may quote the body.
 constexpr char kHungUpOnException[] = "hung up: exception";
@@ -53,12 +52,14 @@ struct Client {
   uid_t uid;
 };
 
-// What a handler thread is given.
+// What one handler thread is given. The thread and its dispatcher share it: of the two, the one that is done last
+// releases it.
 struct HandlerCall {
   UniqueIo io;
   const CommandRow* row;
   RunningRequest request;
   ReplyClock reply_clock{};
+  std::atomic<bool> one_is_done{false};
 };
 
 // The users whose handlers have been left behind. Each such handler keeps a thread and two descriptors. Any thread.
@@ -104,122 +105,62 @@ const char* ending(const HandlerCall& call) {
   return ks_io_alive(call.io.get()) ? "hung up" : "client gone";
 }
 
-void run_handler(HandlerCall& call) {
-  call.request.attach();
+void* run_handler(void* arg) {
+  auto* call = static_cast<HandlerCall*>(arg);
+  call->request.attach();
   try {
-    carry_out(*call.row, call.io.get());
-    call.request.end(ending(call));
+    carry_out(*call->row, call->io.get());
+    call->request.end(ending(*call));
   } catch (const std::exception& error) {
-    log_failure(call.row->name, error);
-    call.request.end(kHungUpOnException);
+    log_failure(call->row->name, error);
+    call->request.end(kHungUpOnException);
   }
   memory_give_back();
+  const uid_t user = ks_io_uid(call->io.get());
+  if (call->one_is_done.exchange(true)) {
+    delete call;
+    left_behind->leave(user);
+  }
+  return nullptr;
 }
 
-// A thread that runs the handlers of one worker, one at a time. The worker and the thread share the record.
-class HandlerThread {
- public:
-  // Null when there is no thread to be had.
-  static std::shared_ptr<HandlerThread> start();
-
-  // Carries a call out; returns it, or null when its handler had to be left behind. This thread then takes no more.
-  std::unique_ptr<HandlerCall> run(std::unique_ptr<HandlerCall> call);
-  // Ends the thread, at once unless its handler has been left behind.
-  void dismiss();
-
- private:
-  static void* loop(void* arg);
-  void leave_behind();
-
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::unique_ptr<HandlerCall> call_;
-  bool is_running_ = false;  // the call
-  bool is_dismissed_ = false;
-};
-
-std::shared_ptr<HandlerThread> HandlerThread::start() {
-  auto made = std::make_shared<HandlerThread>();
-  auto share = std::make_unique<std::shared_ptr<HandlerThread>>(made);
-  pthread_t thread;
-  if (pthread_create(&thread, nullptr, loop, share.get()) != 0) return nullptr;
-  share.release();
+// Waits until the handler has ended or has to be left behind. True when it has ended.
+bool join(pthread_t thread, const HandlerCall& call) {
+  timespec next_look{};
+  do {
+    clock_gettime(CLOCK_REALTIME, &next_look);
+    next_look.tv_sec += kLookSeconds;
+    if (pthread_timedjoin_np(thread, nullptr, &next_look) != ETIMEDOUT) return true;
+  } while (call.reply_clock.elapsed() < kReplyTimeout);
+  LOG_AT("dispatch", "%s is left behind: pid %d holds the file that its reply goes to.", call.row->name,
+         static_cast<int>(call.io->peer_pid));
   pthread_detach(thread);
-  return made;
+  return false;
 }
-
-void* HandlerThread::loop(void* arg) {
-  const std::unique_ptr<std::shared_ptr<HandlerThread>> share(static_cast<std::shared_ptr<HandlerThread>*>(arg));
-  HandlerThread& self = **share;
-  std::unique_lock lock(self.mutex_);
-  while (true) {
-    self.changed_.wait(lock, [&self] { return self.is_running_ || self.is_dismissed_; });
-    if (!self.is_running_) return nullptr;
-    lock.unlock();
-    run_handler(*self.call_);
-    lock.lock();
-    self.is_running_ = false;
-    const bool is_left_behind = self.is_dismissed_;
-    lock.unlock();
-    if (is_left_behind) {
-      const uid_t user = ks_io_uid(self.call_->io.get());
-      self.call_.reset();
-      left_behind->leave(user);
-      return nullptr;
-    }
-    self.changed_.notify_one();
-    lock.lock();
-  }
-}
-
-std::unique_ptr<HandlerCall> HandlerThread::run(std::unique_ptr<HandlerCall> call) {
-  std::unique_lock lock(mutex_);
-  call_ = std::move(call);
-  is_running_ = true;
-  lock.unlock();  // the thread that is woken up need not wait for it
-  changed_.notify_one();
-  lock.lock();
-  while (!changed_.wait_for(lock, kLookInterval, [this] { return !is_running_; })) {
-    if (call_->reply_clock.elapsed() < kReplyTimeout) continue;
-    leave_behind();
-    return nullptr;
-  }
-  return std::move(call_);
-}
-
-// The record is the other thread's now; its connection can be shut down all the same.
-void HandlerThread::leave_behind() {
-  is_dismissed_ = true;
-  left_behind->enter(ks_io_uid(call_->io.get()));
-  call_->request.end("left behind");
-  shutdown(call_->io->sockfd, SHUT_RDWR);
-  LOG_AT("dispatch", "%s is left behind: pid %d holds the file that its reply goes to.", call_->row->name,
-         static_cast<int>(call_->io->peer_pid));
-}
-
-void HandlerThread::dismiss() {
-  const std::lock_guard lock(mutex_);
-  is_dismissed_ = true;
-  changed_.notify_one();
-}
-
-// A worker's handler thread, which ends with the worker.
-struct KeptThread {
-  std::shared_ptr<HandlerThread> thread;
-  ~KeptThread() {
-    if (thread) thread->dismiss();
-  }
-};
 
 void run(const CommandRow& row, const Client& client, UniqueIo io) {
-  thread_local KeptThread kept;
-  std::unique_ptr<HandlerCall> call(
+  auto* call =
       // cppcheck-suppress accessMoved ; it takes the field for the parameter
-      new HandlerCall{.io = std::move(io), .row = &row, .request = RunningRequest(row.name, client.pid, client.uid)});
+      new HandlerCall{.io = std::move(io), .row = &row, .request = RunningRequest(row.name, client.pid, client.uid)};
   ks_io_set(call->io.get(), reinterpret_cast<std::uintptr_t>(&call->reply_clock));
-  auto thread = kept.thread ? std::move(kept.thread) : HandlerThread::start();
-  if (!thread) return call->request.end("hung up: no thread");
-  if (thread->run(std::move(call))) kept.thread = std::move(thread);
+  pthread_t thread;
+  if (pthread_create(&thread, nullptr, run_handler, call) != 0) {
+    call->request.end("hung up: no thread");
+    delete call;
+    return;
+  }
+  const uid_t user = ks_io_uid(call->io.get());
+  const bool ended = join(thread, *call);
+  if (!ended) {
+    // The record is the other thread's now; its connection can be shut down all the same.
+    call->request.end("left behind");
+    shutdown(call->io->sockfd, SHUT_RDWR);
+    left_behind->enter(user);
+  }
+  if (call->one_is_done.exchange(true)) {
+    delete call;
+    if (!ended) left_behind->leave(user);
+  }
 }
 
 // Never destroyed: workers of the mail service may still be at it while the process exits.

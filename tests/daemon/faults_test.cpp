@@ -91,7 +91,6 @@ const struct {
   const char* body;
   const char* reply;  // a part of it; null when the client is hung up on instead
 } kRows[] = {
-    {FAULT_PTHREAD_CREATE, EAGAIN, kMail, "test", "", nullptr},  // the first request of a worker
     // No process to be had is like a program that was content and said nothing.
     {FAULT_FORK, EAGAIN, kMain, "exec_cli", kEcho, R"("error_code":0,"handler":"exec_cli_handler","result":"")"},
     {FAULT_FORK, EAGAIN, kMain, "get_vpd_channel", "", "nos_get_vpd_channel_handler fail"},
@@ -104,6 +103,7 @@ const struct {
     {FAULT_OPEN, ENOSPC, kMail, "sendmail", kMessage, R"({"result":-1})"},
     {FAULT_DLOPEN, ENOMEM, kMain, "vistal_auth_add_session", kSession, "nos_vistal_auth_add_session_handler fail"},
     {FAULT_DLOPEN, ENOMEM, kMain, "get_all_users", "", "nos_get_all_users_handler fail"},
+    {FAULT_PTHREAD_CREATE, EAGAIN, kMain, "test", "", nullptr},
     {FAULT_EPOLL_ADD, ENOMEM, kMail, "test", "", nullptr},
 };
 

@@ -275,6 +275,7 @@ void ks_start(ks_handle* handle) {
   std::signal(SIGPIPE, SIG_IGN);
   ks_verify_handle(handle, "ks_start", "cannot start incorrect ks_handle %p");
   if (worker_of(handle).load() != nullptr) abort_started_twice();
+  ks_io_prepare();
   auto* workers = static_cast<ks_worker*>(std::calloc(handle->service_size + 1, sizeof(ks_worker)));
   if (workers == nullptr) {
     ks_abort("ks_start", "(service_handle->worker = calloc(service_option->service_size + 1, sizeof(ks_worker)))",

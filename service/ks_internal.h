@@ -89,6 +89,10 @@ sockaddr_un ks_socket_address(const char* path);
 
 // ---- Requests ---------------------------------------------------------------------------------------------
 
+// Learns how memory files are told from others. That takes a descriptor, and a service that is being served may be out
+// of them.
+void ks_io_prepare();
+
 // Makes the record of a request that a client has sent, and takes its connection and memory file over. Null when this
 // is no file that can serve, or cannot be mapped, or memory is short; both stay the caller's then.
 //

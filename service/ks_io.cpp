@@ -142,6 +142,10 @@ struct MemoryFilePath {
 
 }  // namespace
 
+void ks_io_prepare() {
+  memory_device();
+}
+
 void ks_io_shm(ks_io* io) {
   if (io->memfd >= 0) return;
   io->memfd = memfd_create(kMemoryFileName, MFD_CLOEXEC);

@@ -14,6 +14,7 @@
 
 #include "common/service_names.h"
 #include "service/ks.h"
+#include "service/unique_io.h"
 
 namespace {
 
@@ -23,9 +24,6 @@ constexpr char kProgram[] = "/sbin/share_guard";            // bench.py has put 
 constexpr char kCommand[] = "system_call_share_guard_add";  // which runs that program
 constexpr char kCommandBody[] = R"({"share_name":"recordings"})";
 
-struct FreeIo {
-  void operator()(ks_io* io) const { ks_io_free(io); }
-};
 struct FreeBuffer {
   void operator()(void* buffer) const { std::free(buffer); }
 };
@@ -57,7 +55,7 @@ void serve_echo(const std::string& directory) {
 // Waits for a service that is not there yet.
 std::size_t call_service(const std::string& service, const char* request, const std::string& body) {
   int status;
-  std::unique_ptr<ks_io, FreeIo> io;
+  UniqueIo io;
   do {
     io.reset(ks_io_create());
     if (!body.empty()) check(ks_io_fwrite(body.data(), body.size(), io.get()) == 0, "write a body");

@@ -23,6 +23,7 @@
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <span>
 #include <utility>
 #include <vector>
@@ -72,9 +73,13 @@ class LeftBehind {
     const std::lock_guard lock(mutex_);
     return std::ranges::count(users_, user) >= kMostOfAUser;
   }
-  void enter(uid_t user) {
+  // Without memory for it the handler is not counted.
+  void enter(uid_t user) noexcept {
     const std::lock_guard lock(mutex_);
-    users_.push_back(user);
+    try {
+      users_.push_back(user);
+    } catch (const std::bad_alloc&) {
+    }
   }
   void leave(uid_t user) {
     const std::lock_guard lock(mutex_);

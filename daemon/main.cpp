@@ -13,6 +13,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cctype>
 #include <chrono>
@@ -255,7 +256,8 @@ void Daemon::terminate() {
 void hang_up_at(const char* path) {
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
-  for (int fd = STDERR_FILENO + 1; fd < static_cast<int>(limit.rlim_cur); ++fd) {
+  const auto end = std::max<rlim_t>(limit.rlim_cur, kWantedDescriptors);  // a library call may have lowered the limit
+  for (int fd = STDERR_FILENO + 1; fd < static_cast<int>(end); ++fd) {
     int domain = 0;
     socklen_t size = sizeof(domain);
     if (getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0 || domain != AF_UNIX) continue;

@@ -49,7 +49,11 @@ int open_own_queue(key_t key) {
 }  // namespace
 
 MsgQueueListener::MsgQueueListener(std::uint32_t key, Callback callback, std::uint64_t msg_size)
-    : msg_size_(msg_size), queue_id_(open_own_queue(static_cast<key_t>(key))), key_(key), callback_(callback) {}
+    : msg_size_(msg_size),
+      block_(sizeof(long) + msg_size + 1),
+      queue_id_(open_own_queue(static_cast<key_t>(key))),
+      key_(key),
+      callback_(callback) {}
 
 int MsgQueueListener::Start() {
   pthread_attr_t attributes;
@@ -86,12 +90,11 @@ void MsgQueueListener::deliver(void* message) {
 }
 
 void MsgQueueListener::receive() {
-  std::vector<char> block(sizeof(long) + msg_size_ + 1);  // and a NUL behind it
   while (!stop_) {
-    const ssize_t received = msgrcv(queue_id_, block.data(), msg_size_, 0, 0);
+    const ssize_t received = msgrcv(queue_id_, block_.data(), msg_size_, 0, 0);
     if (received >= 0) {
-      std::memset(block.data() + sizeof(long) + received, 0, msg_size_ - static_cast<std::size_t>(received));
-      deliver(block.data());
+      std::memset(block_.data() + sizeof(long) + received, 0, msg_size_ - static_cast<std::size_t>(received));
+      deliver(block_.data());
       continue;
     }
     // An identifier that was good and is no longer known: the queue went while no thread waited on it.

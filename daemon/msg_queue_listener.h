@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 // Receives the messages of one queue, one at a time, and passes each to a callback on its own thread.
 //
@@ -43,7 +44,8 @@ class MsgQueueListener {
 
   pthread_t thread_ = 0;  // 0: none
   std::uint64_t msg_size_;
-  std::int32_t queue_id_;  // -1: the queue could not be had
+  std::vector<char> block_;  // the message, and a NUL behind it
+  std::int32_t queue_id_;    // -1: the queue could not be had
   std::uint32_t key_;
   std::atomic<bool> stop_{false};
   Callback callback_;

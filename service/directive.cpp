@@ -115,8 +115,12 @@ bool read_directive(int sockfd, directive* record) {
     got = recvmsg(sockfd, &message.header, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
   } while (got < 0 && errno == EINTR);
   if (got < 0) return false;
-  for_each_descriptor(&message.header, [sockfd](int fd) { ks_discard(fd, ks_peer(sockfd).uid); });
-  return got == sizeof(*record);
+  std::size_t count = 0;
+  for_each_descriptor(&message.header, [sockfd, &count](int fd) {
+    ks_discard(fd, ks_peer(sockfd).uid);
+    ++count;
+  });
+  return got == sizeof(*record) && count <= kMostTaken;
 }
 
 bool send_descriptor(int sockfd, int fd) {

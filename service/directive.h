@@ -34,7 +34,8 @@ bool send_directive(int sockfd, const directive& record);
 bool send_directive(int sockfd, ks_directive_type type);
 
 // One read of one record from a socket that has been reported readable; false for anything shorter. Does not wait: an
-// urgent byte makes a socket readable that has nothing to read. Descriptors that come with the record are discarded.
+// urgent byte makes a socket readable that has nothing to read. Descriptors that come with the record are discarded,
+// and more than two of them spoil it.
 bool read_directive(int sockfd, directive* record);
 
 // Sends `fd` in a message of its own. True when it went out.

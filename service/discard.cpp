@@ -48,8 +48,9 @@ constexpr bool kProcessesWork = true;
 constexpr int kMostClosers = 256;
 constexpr int kMostClosersOfAUser = 8;
 constexpr int kMostOpenOfAUser = 16;  // a conforming client has two, for the moment that a closer takes
-// Users whose ids are equal modulo this number are counted as one.
-constexpr std::size_t kUsers = 4096;
+// Users of the system are counted one by one, others as one if their ids are equal modulo kOtherUsers.
+constexpr std::uint32_t kSystemUsers = 1000;
+constexpr std::uint32_t kOtherUsers = 3096;
 // No process of ours has so many descriptors. A larger number is not remembered, and stays open.
 constexpr std::size_t kMostNumbers = 65536;
 constexpr std::size_t kStackSize = 16384;
@@ -66,8 +67,10 @@ constexpr Mark kConnection = 0x20000;
 constexpr Mark kUserMask = 0xffff;
 
 struct User {
-  std::atomic<int> open;     // descriptors that have been discarded and not been closed yet
-  std::atomic<int> closers;  // how many closers are busy with one of them
+  std::atomic<int> open;  // descriptors that have been discarded and not been closed yet
+  // How many closers are busy with a stranger, and with a connection. Apart from each other: emptying a connection
+  // hardly ever waits, and one that waited for the closers of strangers would keep its descriptor.
+  std::atomic<int> closers[2];
 };
 
 // Shared by a process and its closers. Zero when new.
@@ -76,9 +79,10 @@ struct Pending {
   std::atomic<int> closers;
   std::atomic<std::size_t> end;  // all marks lie below
   std::atomic<Mark> marks[kMostNumbers];
-  User users[kUsers];
+  User users[kSystemUsers + kOtherUsers];
 
   User& user_of(Mark mark) { return users[mark & kUserMask]; }
+  std::atomic<int>& closers_of(Mark mark) { return user_of(mark).closers[(mark & kConnection) != 0 ? 1 : 0]; }
 };
 static_assert(std::atomic<std::size_t>::is_always_lock_free && std::atomic<Mark>::is_always_lock_free &&
                   std::atomic<int>::is_always_lock_free,
@@ -123,13 +127,14 @@ void mark(Pending* pending, int fd, Mark mark) {
 int take(Pending* pending, Mark* taken) {
   const std::size_t end = pending->end.load();
   for (std::size_t number = 0; number < end; ++number) {
-    Mark mark = pending->marks[number].load();
-    if (mark == kNothing || !enter(pending->user_of(mark).closers, kMostClosersOfAUser)) continue;
-    if (pending->marks[number].compare_exchange_strong(mark, kNothing)) {
+    const Mark mark = pending->marks[number].load();
+    if (mark == kNothing || !enter(pending->closers_of(mark), kMostClosersOfAUser)) continue;
+    Mark expected = mark;
+    if (pending->marks[number].compare_exchange_strong(expected, kNothing)) {
       *taken = mark;
       return static_cast<int>(number);
     }
-    pending->user_of(mark).closers.fetch_sub(1);
+    pending->closers_of(mark).fetch_sub(1);
   }
   return -1;
 }
@@ -138,7 +143,7 @@ bool holds_any_to_take(Pending* pending) {
   const std::size_t end = pending->end.load();
   for (std::size_t number = 0; number < end; ++number) {
     const Mark mark = pending->marks[number].load();
-    if (mark != kNothing && pending->user_of(mark).closers.load() < kMostClosersOfAUser) return true;
+    if (mark != kNothing && pending->closers_of(mark).load() < kMostClosersOfAUser) return true;
   }
   return false;
 }
@@ -146,7 +151,7 @@ bool holds_any_to_take(Pending* pending) {
 // After one descriptor of the user has been closed.
 void finish(Pending* pending, Mark taken) {
   pending->user_of(taken).open.fetch_sub(1);
-  pending->user_of(taken).closers.fetch_sub(1);
+  pending->closers_of(taken).fetch_sub(1);
 }
 
 // What a closer does before it looks at the pending numbers: passes the bytes of one file on to a client's descriptor.
@@ -293,7 +298,7 @@ bool start_closer(Pending* pending, const Delivery& delivery) {
 }
 
 Mark mark_of(Mark kind, std::uint32_t uid) {
-  return kind | static_cast<Mark>(uid % kUsers);
+  return kind | (uid < kSystemUsers ? uid : kSystemUsers + uid % kOtherUsers);
 }
 
 void hand_to_closer(int fd, Mark kind, std::uint32_t uid) {
@@ -301,16 +306,15 @@ void hand_to_closer(int fd, Mark kind, std::uint32_t uid) {
   if (shared == nullptr || static_cast<std::size_t>(fd) >= kMostNumbers) return;  // it stays open
   const Mark handed = mark_of(kind, uid);
   mark(shared, fd, handed);
-  if (shared->user_of(handed).closers.load() < kMostClosersOfAUser) start_closer(shared, {});
+  if (shared->closers_of(handed).load() < kMostClosersOfAUser) start_closer(shared, {});
 }
 
 bool start_delivery(int from, int to, std::uint32_t uid) {
   Pending* const shared = pending();
   if (shared == nullptr) return false;
   const Delivery delivery{.from = from, .to = to, .mark = mark_of(kStranger, uid)};
-  User& user = shared->user_of(delivery.mark);
-  if (!enter(user.closers, kMostClosersOfAUser)) return false;
-  user.open.fetch_add(1);
+  if (!enter(shared->closers_of(delivery.mark), kMostClosersOfAUser)) return false;
+  shared->user_of(delivery.mark).open.fetch_add(1);
   if (start_closer(shared, delivery)) return true;
   finish(shared, delivery.mark);
   return false;
@@ -345,7 +349,10 @@ void ks_deliver(int from, int to, uint32_t uid) {
 
 bool ks_has_too_many_open(std::uint32_t uid) {
   Pending* const shared = known_pending();
-  return shared != nullptr && shared->user_of(mark_of(kStranger, uid)).open.load() >= kMostOpenOfAUser;
+  if (shared == nullptr || shared->user_of(mark_of(kStranger, uid)).open.load() < kMostOpenOfAUser) return false;
+  // When no closer could be started, this user's next descriptor would have started one, but none is to come.
+  if (holds_any_to_take(shared)) start_closer(shared, {});
+  return true;
 }
 
 void hang_up_and_forget(int* fd) {

@@ -289,7 +289,7 @@ TEST_F(Hostile, AUserWhoseDescriptorsCannotBeClosedIsNotAskedForMore) {
         peer.message(record_of(KS_DIR_REQUEST, 0, "test"), many).fds({kBody});
         expect_end(peer, End::either);
       }
-      EXPECT_EQ(Peer(at.path).next(), 0);
+      for (int i = 0; i < 200; ++i) EXPECT_EQ(Peer(at.path).bytes("unasked").next(), 0);
     }
   });
   EXPECT_LT(open_descriptors(daemon_->pid()).size(), 300);

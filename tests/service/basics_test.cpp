@@ -107,6 +107,21 @@ TEST_F(GuardedTest, AReplyEndsTheConversationEvenForCopiesOfTheConnection) {
 }
 
 // By the first word of their SHA-1, without leading zeros.
+TEST_F(GuardedTest, DescriptorsThatManyThreadsDiscardAreAllClosed) {
+  constexpr std::uint32_t kUser = 1000;
+  const std::size_t before = open_descriptors().size();
+  for (int round = 0; round < 200 && !HasFailure(); ++round) {
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 8; ++i) {
+      threads.emplace_back([] {
+        for (int n = 0; n < 3; ++n) ks_discard(open("/dev/null", O_RDWR | O_CLOEXEC), kUser);
+      });
+    }
+    threads.clear();
+    EXPECT_TRUE(eventually([&] { return open_descriptors().size() == before; })) << "round " << round;
+  }
+}
+
 TEST(ServiceNames, AreHashedIntoSocketPaths) {
   const std::pair<std::size_t, const char*> rows[] = {
       {0, "DA39A3EE"}, {1, "86F7E437"}, {55, "C1C8BBDC"}, {56, "C2DB330F"}, {63, "3F09F5B"}, {64, "98BA82"},

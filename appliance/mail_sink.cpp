@@ -1,12 +1,12 @@
 // mail_sink PORT FILE: a mail server on 127.0.0.1 that accepts mail and delivers none.
 //
-// PORT 0 takes any free port. Once it accepts connections it prints its port on a line of its own, so its
-// starter reads that line and need not wait further. It serves one client after the other until it is
-// killed. Every line that a client sends is added to FILE, without its line end, before it is answered: a
-// client that has been told that its mail is accepted is a client whose mail is in FILE.
+// PORT 0 means any free port. When it accepts connections it prints its port as one line, so its starter only has to
+// read that line. It serves one client after the other until it is killed. Every line from a client is appended to
+// FILE, without its line end, before it is answered: when a client is told that its mail is accepted, the mail is in
+// FILE.
 //
-// It knows enough of SMTP for the system's mail program: any sender, recipient, user and password will do,
-// but for two that it always refuses, a recipient that begins with "nobody" and the user "stranger".
+// It supports enough SMTP for the system's mail program. It accepts any sender, recipient, user and password, except
+// recipients that begin with "nobody" and the user "stranger".
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <strings.h>
@@ -34,7 +34,7 @@ bool begins_with(std::string_view line, std::string_view start) {
   return line.size() >= start.size() && strncasecmp(line.data(), start.data(), start.size()) == 0;
 }
 
-// One client's connection, line by line. Sending and receiving fail by the next line not coming.
+// One client's connection, line by line. If sending fails, the next line does not come.
 class Session {
  public:
   Session(FILE* stream, FILE* record) : stream_(stream), record_(record) {}
@@ -70,7 +70,7 @@ class Session {
   }
 
   void answer(const char* text) {
-    fseek(stream_, 0, SEEK_CUR);  // from reading to writing and back: a stream wants a break in between
+    fseek(stream_, 0, SEEK_CUR);  // required between reading and writing on one stream
     fprintf(stream_, "%s\r\n", text);
     fflush(stream_);
   }

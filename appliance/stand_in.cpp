@@ -1,8 +1,8 @@
 // Stands at the absolute path of a platform program in the simulated appliance: it records how it was called
 // and then plays the outcome that a test wrote for it.
 //
-// Everything about the program at PATH lies under /tmp/stand_in, by the path of the running file (an argument
-// 0 is whatever the caller likes, so it tells nothing):
+// The files for the program at PATH are under /tmp/stand_in. PATH is the path of the running file, because the caller
+// can choose any argument 0:
 //
 //   /tmp/stand_in/PATH.outcome   the script, read once at the start; no such file: print nothing and exit 0
 //   /tmp/stand_in/PATH.calls     the record, one block appended per call
@@ -49,9 +49,9 @@
 namespace {
 
 constexpr char kRecordRoot[] = "/tmp/stand_in";
-constexpr int kBadScript = 125;  // an exit status that no script is likely to ask for
+constexpr int kBadScript = 125;  // an exit status that scripts do not use
 
-// What went wrong here must not pass for the scripted outcome: the caller sees a status of its own.
+// A failure of the stand-in must not look like the scripted outcome, so it has its own status.
 [[noreturn]] void give_up(const std::string& what) {
   fprintf(stderr, "stand_in: %s\n", what.c_str());
   _exit(kBadScript);
@@ -68,7 +68,7 @@ void write_all(int fd, std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t written = write(fd, bytes.data(), bytes.size());
     if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return;  // the reader has left; what a real tool does then is to carry on or die from SIGPIPE
+    if (written <= 0) return;  // the reader has left; a real tool continues or dies from SIGPIPE
     bytes.remove_prefix(static_cast<std::size_t>(written));
   }
 }
@@ -150,7 +150,7 @@ std::string compose_record(char** argv, char** environment) {
 }
 
 void append_record(const std::string& path, const std::string& record) {
-  umask(0);  // any user may run the tool after this one
+  umask(0);  // other users may run the tool later
   for (std::size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
     mkdir(path.substr(0, slash).c_str(), 0777);
   }
@@ -186,7 +186,7 @@ void wait_ms(long ms) {
   give_up("survived signal " + std::to_string(number));
 }
 
-// `quoted` is not a command yet: the line's shell takes the quotes off, the inner one splits what is in them.
+// The outer shell removes the quotes from `quoted`, the inner one splits the result.
 void run_as_command(const char* quoted) {
   const int status = std::system((std::string("exec /bin/sh -c ") + quoted).c_str());
   if (status == -1 || WIFSIGNALED(status)) give_up("cannot run " + std::string(quoted));

@@ -1,19 +1,19 @@
 # Sourced by ./run, ./test, fuzz/run and the programs in bench/: what they need installed, and how a preset is built.
 # shellcheck shell=sh
 
-# What install_missing looks for.
+# The packages that install_missing checks.
 packages='g++ cmake ninja-build pkg-config ccache libjsoncpp-dev libgtest-dev libgmock-dev
   tini util-linux procps attr ssmtp apache2-bin python3 dpkg-dev file man-db'
-# What the preset aarch64 takes besides.
+# Further packages for the preset aarch64.
 packages_aarch64='g++-aarch64-linux-gnu libjsoncpp-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64 qemu-user-static'
 
-# Says what is missing of $packages, then installs it; with VISTALPROD_INSTALL=no only says it and goes on, for machines
-# where the same comes from elsewhere.
+# Lists the missing ones of $packages, then installs them. With VISTALPROD_INSTALL=no it only lists them and continues,
+# for machines that get these tools from elsewhere.
 install_missing() {
   missing=
   for package in $packages; do
     case $(dpkg-query --show --showformat='${Status}' "$package" 2>/dev/null) in
-      *'install ok installed'*) ;; # once per architecture that it is installed for
+      *'install ok installed'*) ;; # printed once per installed architecture
       *) missing="$missing $package" ;;
     esac
   done
@@ -43,7 +43,7 @@ install_missing() {
   rm -f /tmp/apt.$$
 }
 
-# build PRESET [TARGET...]: all targets when none is named. Prints nothing but errors.
+# build PRESET [TARGET...]: builds all targets if none is named. Prints only errors.
 build() {
   preset=$1
   shift
@@ -56,11 +56,11 @@ build() {
   rm -f "$log"
 }
 
-# emulated BUILD CMD...: runs CMD where the programs in BUILD, which are for AArch64, start like any other: here, if the
-# kernel hands them to an emulator already. Else in a user namespace, which from Linux 6.7 on can make it do so for
-# itself alone: P lets a program see its argument 0, F keeps the emulator at hand inside the appliance. Where that
-# cannot be had either CMD runs all the same: ctest itself starts the emulator for tests that are programs, and those
-# that need the appliance are skipped.
+# emulated BUILD CMD...: runs CMD so that the AArch64 programs in BUILD can be executed. If the kernel already has an
+# emulator registered, it runs CMD directly. Otherwise it registers one in a user namespace, which is possible from
+# Linux 6.7 on: flag P passes argument 0 to the program, flag F keeps the emulator available inside the appliance. If
+# that fails, CMD runs anyway: ctest starts the emulator for tests that are programs, and skips those that need the
+# appliance.
 emulated() {
   probe=$1/bin/ksctl
   shift

@@ -1,13 +1,14 @@
-# What `cmake --install` puts where, and the Debian packages that `cpack` makes of it. Three components, each a package:
-# `daemon` for an appliance, `library` for programs that call it, `development` for building those. The header is
-# <ks.h>. The daemon and ksctl carry the library in themselves, so that they never meet another version of it.
+# Installation rules for `cmake --install`, and the Debian packages that `cpack` makes. Each component is a package:
+# `daemon` for an appliance, `library` for programs that call it, `development` for building such programs. The header
+# is <ks.h>. The daemon and ksctl are linked statically, so that they always use the library version they were built
+# with.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 set(cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/ks)
 set(pc_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-# install_compressed(COMPONENT SOURCE DESTINATION [NAME]): as Debian's policy wants man pages and changelogs.
+# install_compressed(COMPONENT SOURCE DESTINATION [NAME]): Debian's policy requires compressed man pages and changelogs.
 function(install_compressed component source destination)
   cmake_path(GET source FILENAME name)
   set(compressed ${PROJECT_BINARY_DIR}/compressed/${component}/${name}.gz)
@@ -66,7 +67,7 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_DIRECTORY ${CMAKE_BINARY_DIR}/packages)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_PACKAGE_CONTACT "The vistalprod maintainers <maintainers@localhost>")
-set(CPACK_STRIP_FILES ON)  # the binary that a backtrace is looked up in stays in the build folder
+set(CPACK_STRIP_FILES ON)  # the build folder keeps the unstripped binaries, for decoding backtraces
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
@@ -75,7 +76,7 @@ set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_NAME ${package_of_daemon})
 set(CPACK_DEBIAN_DAEMON_PACKAGE_SECTION admin)
-set(CPACK_DEBIAN_DAEMON_PACKAGE_SUGGESTS iproute2)  # whose ss tells vistalprod.sh which clients hold a service
+set(CPACK_DEBIAN_DAEMON_PACKAGE_SUGGESTS iproute2)  # vistalprod.sh uses its ss to find the clients of a service
 set(CPACK_DEBIAN_DAEMON_PACKAGE_CONTROL_EXTRA "${PROJECT_SOURCE_DIR}/packaging/debian/postinst"
   "${PROJECT_SOURCE_DIR}/packaging/debian/prerm" "${PROJECT_SOURCE_DIR}/packaging/debian/postrm")
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME ${package_of_library})

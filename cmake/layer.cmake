@@ -1,6 +1,6 @@
-# add_layer(TARGET FOLDER SOURCE...): the static library TARGET, made of files in FOLDER. Includes are written from the
-# root ("common/log.h"), but a target sees only the folders of the layers that it links: the include directory of each
-# holds nothing but a link to its folder. A wrong include therefore does not build.
+# add_layer(TARGET FOLDER SOURCE...): adds the static library TARGET, made of files in FOLDER. Includes are relative to
+# the root ("common/log.h"), but a target sees only the folders of the layers that it links, because the include
+# directory of each layer contains only a link to its folder. Other includes do not compile.
 function(add_layer target folder)
   add_library(${target} STATIC ${ARGN})
   set(include_dir ${PROJECT_BINARY_DIR}/include/${target})

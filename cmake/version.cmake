@@ -1,5 +1,5 @@
-# project() has the version; libraries, packages, ks.pc and ksConfigVersion.cmake are given it by CMake. What follows
-# states it itself, to be usable or readable without a build, and has to agree. `ksctl --version` has the header's.
+# project() defines the version; libraries, packages, ks.pc and ksConfigVersion.cmake get it from there. The files below
+# state it themselves, so that they are usable without a build, and must agree. `ksctl --version` prints the header's.
 function(require_line file line)
   file(STRINGS ${PROJECT_SOURCE_DIR}/${file} found REGEX "^${line}" LIMIT_COUNT 1)
   if(NOT found)

@@ -15,11 +15,11 @@
 
 #include "common/unique_fd.h"
 
-// The list of running requests. Plain pointers: threads that are left to the end of the process may still use it while
-// static objects are being destroyed. The mutex is held while the list is looked at, never while anything is written.
+// The list of running requests. It uses plain pointers, because threads may still use it while static objects are being
+// destroyed. The mutex is never held while the log or the trace is written.
 struct RunningRequests {
   void add(RunningRequest* request);
-  // False when the request had ended before.
+  // False if the request had already ended.
   bool remove(RunningRequest* request);
   std::optional<LongRequest> take_long(std::chrono::seconds age);
 
@@ -31,10 +31,10 @@ namespace {
 
 constexpr char kVariable[] = "VISTALPROD_TRACE";
 constexpr std::size_t kLineSize = 1024;
-constexpr std::size_t kWordSize = 256;  // of a name or a path, with its NUL
+constexpr std::size_t kWordSize = 256;  // of a name or a path, including the NUL
 
 RunningRequests g_running;
-// Written before there are threads. -1: no trace.
+// Set before other threads exist. -1: no trace.
 int g_trace = -1;
 thread_local RunningRequest* current_request = nullptr;
 
@@ -42,7 +42,7 @@ bool is_traced() {
   return g_trace >= 0;
 }
 
-// Client input: it must not end the line or look like another field.
+// Client input must not end the line or look like another field.
 void copy_word(char (&word)[kWordSize], const char* text) {
   std::size_t length = 0;
   for (; text != nullptr && text[length] != '\0' && length < kWordSize - 1; ++length) {
@@ -59,7 +59,7 @@ std::size_t write_time(char (&line)[kLineSize]) {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
   tm local{};
-  tzset();  // localtime_r alone would not notice a new time zone
+  tzset();  // localtime_r does not re-read the time zone
   localtime_r(&now.tv_sec, &local);
   std::size_t length = std::strftime(line, sizeof line, "%Y-%m-%dT%H:%M:%S", &local);
   length += static_cast<std::size_t>(
@@ -75,12 +75,12 @@ __attribute__((format(printf, 1, 2))) void write_line(const char* format, ...) {
   va_start(arguments, format);
   length += static_cast<std::size_t>(std::vsnprintf(line + length, sizeof line - length, format, arguments));
   va_end(arguments);
-  // In one piece, so that lines of several threads do not mix. What a full disk does not take is lost.
+  // One write, so that lines of several threads do not mix. If the disk is full, the line is lost.
   [[maybe_unused]] const ssize_t written = write(g_trace, line, length);
   errno = error;
 }
 
-// Never waits for what may stand at the path, and never opens a file of another user.
+// Never waits, whatever is at the path, and refuses files of other users.
 UniqueFd open_trace(const char* path, const char** refusal) {
   UniqueFd file(
       open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY, S_IRUSR | S_IWUSR));
@@ -183,7 +183,7 @@ void ProgramRun::started(pid_t pid) {
 
 int ProgramRun::ended(int status) {
   has_ended_ = true;
-  // Another program's number stays: streams need not be closed in the order of their programs.
+  // Only reset our own pid: streams need not be closed in the order in which their programs were started.
   pid_t own = pid_;
   if (current_request != nullptr) current_request->program_.compare_exchange_strong(own, outer_);
   if (!is_traced()) return status;

@@ -7,8 +7,7 @@
 
 namespace {
 
-// Not a std::string: handler threads of a service may still be at work while the process exits, and must not
-// meet a destroyed one.
+// Not a std::string: handler threads may still run while the process exits and static objects are destroyed.
 constexpr std::string_view kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 constexpr std::size_t kGroupBytes = 3;
@@ -42,7 +41,7 @@ std::string base64_text(const std::string& in) {
 std::size_t base64_decode(const std::string& in, std::string* out) {
   std::string decoded;
   std::uint32_t bits = 0;
-  std::size_t pending = 0;  // bits collected that do not make a byte yet
+  std::size_t pending = 0;  // bits that do not make a byte yet
   for (const char c : in) {
     const std::size_t value = kAlphabet.find(c);
     if (value == std::string_view::npos) break;

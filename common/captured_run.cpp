@@ -19,7 +19,7 @@ namespace {
 constexpr std::size_t kReadSize = 16 * 1024;
 constexpr std::size_t kPieceSize = 1023;
 
-// The texts as the runner wants them: pointers into `arguments`, ending with a null.
+// A null-terminated argument vector of pointers into `arguments`.
 std::vector<char*> pointers_to(std::vector<std::string>& arguments) {
   std::vector<char*> pointers;
   pointers.reserve(arguments.size() + 1);

@@ -1,5 +1,4 @@
-// Running a program for a command: quietly, or with what it prints captured, in a temporary file or through a
-// pipe.
+// Runs a program for a command and discards its output, or captures it in a temporary file or through a pipe.
 #pragma once
 
 #include <cstddef>
@@ -9,40 +8,38 @@
 
 #include "common/temp_file.h"
 
-// The text of `path` after its last "/", or all of it: the name by which most programs are told they were
-// called.
+// The text of `path` after its last "/", or all of it. Most programs get it as argument 0.
 std::string base_name(const std::string& path);
 
-// The text of `path` after its first "/", or all of it: the name that the cloud's and the log's programs are
-// given.
+// The text of `path` after its first "/", or all of it. Cloud tools and log tools get it as argument 0.
 std::string rootless_path(const std::string& path);
 
-// A whole argument vector: `name`, then `arguments`.
+// A complete argument vector: `name`, then `arguments`.
 std::vector<std::string> argument_vector(std::string name, std::vector<std::string> arguments);
 
-// What replies and records say of a program with this raw wait status: its exit status, 128 + the number of the signal
-// that killed it, as in shells, or -1 when nothing was run.
+// The status that replies and records report for a raw wait status: the exit status, 128 + the signal's number as in
+// shells, or -1 if nothing was run.
 int exit_status(int status);
 
-// Run the program at `path`, input left alone, and wait for its end. `arguments` is the whole argument
-// vector, the program's name for itself first. The environment is empty, but for the piped_ forms.
-// Thread-safe.
+// These functions run the program at `path` and wait for its end. It inherits standard input. `arguments` is the
+// complete argument vector, beginning with argument 0. The environment is empty, except for the piped_ functions. Any
+// thread.
 
-// Its output is discarded. Returns what exec_cmd returns (common/process.h): the raw wait status, exit status
-// 127 for a program that cannot be executed, 0 when no process can be made.
+// Discards the output. Returns the result of exec_cmd (common/process.h): the raw wait status, exit status 127 for a
+// program that cannot be executed, 0 if no process can be created.
 int run_quietly(const std::string& path, std::vector<std::string> arguments);
 
 enum class Streams { output, both };
 
-// Its standard output, or that and standard error in one, goes to a temporary file, which lives as long as
-// this object or until remove(), or for good after keep(). Standard error is discarded otherwise.
+// Captures standard output, optionally together with standard error, in a temporary file. The file is removed with this
+// object or by remove(); keep() makes it permanent. Standard error is discarded unless captured.
 class CapturedRun {
  public:
   CapturedRun(const std::string& path, std::vector<std::string> arguments, Streams streams = Streams::output);
 
-  // What exec_cmd has returned; -1 when no file could be made.
+  // The result of exec_cmd; -1 if no file could be made.
   int status() const { return status_; }
-  // What the program has printed, at most `limit` bytes of it; empty when the file cannot be read.
+  // At most `limit` bytes of the program's output; empty if the file cannot be read.
   std::string output(std::size_t limit = std::string::npos) const;
   // Removes the file early; false when that fails.
   bool remove() { return file_.remove(); }
@@ -54,14 +51,13 @@ class CapturedRun {
   int status_ = -1;
 };
 
-// Its standard output comes through a pipe, all of it, in pieces of 1023 bytes (the last one may be shorter); of each
-// piece only what stands before its first NUL is kept, as tools print texts. Standard error
-// is discarded and the environment is the daemon's. A program that cannot be executed has printed nothing.
-// The raw wait status goes to `*status`, when given. Nothing, with errno set, when no program can be started
-// at all.
+// Captures standard output through a pipe, in pieces of 1023 bytes (the last may be shorter). Tools print texts, so
+// each piece is truncated at its first NUL. Standard error is discarded and the environment is the daemon's. The output
+// of a program that cannot be executed is empty. Stores the raw wait status in `*status` unless it is null. Returns
+// nothing, with errno set, if no program can be started at all.
 std::optional<std::string> piped_output(const std::string& path, std::vector<std::string> arguments,
                                         int* status = nullptr);
 
-// The same for bytes of any value. At most `limit` bytes are kept; the rest is read, so that the program can end, and
-// dropped. Its wait status is not looked at.
+// The same for arbitrary bytes. Keeps at most `limit` bytes; reads and drops the rest, so that the program can end.
+// Ignores the wait status.
 std::optional<std::string> piped_bytes(const std::string& path, std::vector<std::string> arguments, std::size_t limit);

@@ -13,19 +13,19 @@
 namespace {
 
 constexpr mode_t kMode = 0666;  // as far as the umask allows
-constexpr int kMaxLinks = 40;   // as many as the kernel follows
+constexpr int kMaxLinks = 40;   // the kernel's own limit
 
 // The folder part of a path, with its slash; empty for the working directory.
 std::string folder_of(const std::string& path) {
   return path.substr(0, path.rfind('/') + 1);
 }
 
-// Beside the file, for renaming, and hidden: the server includes "*.conf". A thread has one at a time.
+// The path of a temporary file in the same folder, for renaming. The server includes only "*.conf". One per thread.
 std::string aside(const std::string& path) {
   return folder_of(path) + ".fragment." + std::to_string(gettid());
 }
 
-// Where the links at `path` lead, whether there is a file or not; empty for a circle.
+// Follows the links at `path`; the target need not exist. Empty for a loop.
 std::string target_of(std::string path) {
   for (int followed = 0; followed < kMaxLinks; ++followed) {
     char link[PATH_MAX];
@@ -37,7 +37,7 @@ std::string target_of(std::string path) {
   return {};
 }
 
-// `like`: the file that is replaced, or null.
+// `like`: the status of the file to be replaced, whose owner and mode are kept, or null.
 bool replace_file(const std::string& path, const std::string& text, const struct stat* like) {
   const std::string fresh = aside(path);
   unlink(fresh.c_str());  // left by a process that was killed

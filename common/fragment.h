@@ -1,13 +1,13 @@
-// Fragments of web-server configuration. The server may read them at any time: a fragment appears whole or not at all,
-// and when it cannot be written the old one stays.
+// Fragments of web-server configuration. The server may read them at any time, so a fragment is replaced atomically; if
+// writing fails, the old one stays.
 #pragma once
 
 #include <string>
 
-// Puts a file that holds `text` in place of whatever stands at `path`, a link included. False when that fails, also for
-// a path with a NUL in it. Any thread.
+// Replaces whatever is at `path`, even a link, by a file that contains `text`. False on failure, and for a path with a
+// NUL in it. Any thread.
 bool write_fragment(const std::string& path, const std::string& text);
 
-// The same where `path` leads through links, which stay. A file that is replaced there hands on its owner and mode; a
-// device is written to.
+// The same, but follows links at `path` and keeps them. The new file keeps the old one's owner and mode; a device is
+// written to.
 bool write_fragment_through_links(const std::string& path, const std::string& text);

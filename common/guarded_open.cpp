@@ -12,7 +12,7 @@
 
 namespace {
 
-// Another user can spoil one by making the name again in time.
+// Another user can make an attempt fail by recreating the name in time.
 constexpr int kMaxAttempts = 100;
 
 std::string path_of_descriptor(const UniqueFd& fd) {
@@ -24,27 +24,27 @@ UniqueFd fails(int error) {
   return {};
 }
 
-// Opens what has been looked at, and so nothing else. O_NONBLOCK, not to wait until a lease on the file is given up,
-// is for the opening alone; programs that inherit the descriptor expect an ordinary one.
+// Opens exactly the file that was checked. O_NONBLOCK avoids waiting for a lease on the file; it is cleared afterwards,
+// because programs that inherit the descriptor expect an ordinary one.
 UniqueFd reopen(const UniqueFd& found, int flags) {
   UniqueFd fd(open(path_of_descriptor(found).c_str(), flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   return fd && fcntl(fd.get(), F_SETFL, 0) == 0 ? std::move(fd) : UniqueFd();
 }
 
-// Does not ask the file system, which may be one in user space that does not answer. Such a file is known by being a
-// mount of its own.
+// Whether the file may be used as output. Does not query the file system, which may be in user space and not answer. A
+// file that is a mount point is refused for this reason.
 bool can_be_output(const UniqueFd& found) {
   struct statx info {};
   const int how = AT_EMPTY_PATH | AT_STATX_DONT_SYNC;
   if (statx(found.get(), "", how, STATX_TYPE | STATX_UID | STATX_NLINK, &info) != 0) return false;
-  if (info.stx_uid != geteuid()) return false;  // any user can make a character device, the one of number 0:0
+  if (info.stx_uid != geteuid()) return false;  // any user can make a character device with number 0:0
   if (S_ISCHR(info.stx_mode) || S_ISBLK(info.stx_mode)) return true;
   return S_ISREG(info.stx_mode) && info.stx_nlink == 1 && (info.stx_attributes & STATX_ATTR_MOUNT_ROOT) == 0;
 }
 
-// Frees the name. A directory that is not empty gets another one.
+// Removes whatever has this name. Renames a directory that is not empty.
 bool clear_away(const char* path) {
-  umount2(path, MNT_DETACH | UMOUNT_NOFOLLOW);  // any user may mount something on a file or folder of his own
+  umount2(path, MNT_DETACH | UMOUNT_NOFOLLOW);  // users may mount something on their own files and folders
   if (unlink(path) == 0 || errno == ENOENT) return true;
   if (errno != EISDIR) return false;
   timespec now{};
@@ -56,7 +56,7 @@ bool clear_away(const char* path) {
 }  // namespace
 
 UniqueFd open_input_file(const char* path) {
-  const UniqueFd found(open(path, O_PATH | O_CLOEXEC));  // looks without opening: no driver is asked
+  const UniqueFd found(open(path, O_PATH | O_CLOEXEC));  // O_PATH does not call any driver
   struct stat info {};
   if (!found || fstat(found.get(), &info) != 0) return {};
   if (!S_ISREG(info.st_mode)) return fails(S_ISDIR(info.st_mode) ? EISDIR : ENXIO);

@@ -1,6 +1,5 @@
-// Opening files in folders where other users make files too. Whatever stands at the name, these calls neither wait
-// for its owner nor let it lead them elsewhere. (A file system in user space and a server on the network can still
-// hold up every access to them.)
+// Opens files in folders that other users can write to. Whatever has the name, these calls neither wait for its owner
+// nor are redirected elsewhere. (A user-space or network file system can still hold up every access.)
 #pragma once
 
 #include <sys/types.h>
@@ -9,24 +8,24 @@
 
 #include "common/unique_fd.h"
 
-// Opens `path` for reading, if it leads to a regular file. Nothing, with errno set, for anything else: a pipe
-// without a writer, a terminal or a device would hold the caller up or do something when it is opened.
+// Opens `path` for reading if it refers to a regular file. Otherwise returns nothing, with errno set: opening a pipe
+// without a writer, a terminal or a device could block or have side effects.
 UniqueFd open_input_file(const char* path);
 
-// Opens `path` for reading and writing, as an empty file of our own: one that is there is emptied, and is made with
-// `mode` otherwise. Whatever else stands at the path, such as a link, a pipe, a file that another user owns or that has
-// a second name, or one that something is mounted on, is removed first, or renamed if it is a folder with files in it.
-// Only a device is used as it is. Nothing, with errno set, when that cannot be done.
+// Opens `path` for reading and writing, as an empty file of our own: truncates an existing one, or makes it with
+// `mode`. Anything else at the path is removed first: a link, a pipe, a file that another user owns, that has a second
+// name or that is a mount point. A folder that is not empty is renamed. A device is used as it is. Returns nothing,
+// with errno set, on failure.
 UniqueFd open_output_file(const char* path, mode_t mode);
 
-// A folder, held so that a link that is put in its place does not lead its user elsewhere. Who owns it does not
-// matter: what is made in it by open_output_file belongs to us.
+// Keeps a folder open, so that its user is not redirected if a link replaces it. Its owner does not matter: files made
+// in it by open_output_file belong to us.
 class HeldFolder {
  public:
-  // A link in place of the folder itself is not followed.
+  // Does not follow a link in place of the folder.
   explicit HeldFolder(const char* path);
   explicit operator bool() const { return static_cast<bool>(fd_); }
-  // The path by which the file `name` in the folder is reached as long as this object lives; empty without a folder.
+  // A path of the file `name` in the folder, valid during this object's lifetime; empty without a folder.
   std::string path_of(const char* name) const;
 
  private:

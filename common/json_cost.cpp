@@ -1,8 +1,8 @@
-// Counts tokens as the library's readers cut them. Up to their first error they cut alike, and what they build
-// by then is all they build: they only skip after it. So the count is exact for JSON, and too high for the rest.
+// Counts tokens like the library's readers. Up to the first error both readers find the same tokens; after it they
+// build nothing more. So the count is exact for valid JSON, and too high for invalid text.
 //
-// The library keeps arrays and objects in std::map. A value takes a node of it, which is made before the value
-// is read; a text takes a block of its own, and a name another.
+// The library stores arrays and objects in std::map. Each value takes a node, which is allocated before the value is
+// read; each text and each name takes another block.
 #include "common/json_cost.h"
 
 #include <json/value.h>
@@ -12,31 +12,31 @@
 
 namespace {
 
-// What the C library takes for `size` bytes.
+// The memory that the C library uses for an allocation of `size` bytes.
 constexpr std::size_t block(std::size_t size) {
   constexpr std::size_t kHeader = 8, kAlignment = 16, kLeast = 32;
   return std::max(kLeast, (size + kHeader + kAlignment - 1) / kAlignment * kAlignment);
 }
 
-constexpr std::size_t kTreeLinks = 32;  // of a node of std::map
+constexpr std::size_t kTreeLinks = 32;  // in a node of std::map
 constexpr std::size_t kKey = 16;        // an index, or a pointer to a name
 constexpr std::size_t kNode = block(kTreeLinks + kKey + sizeof(Json::Value));
 constexpr std::size_t kContainer = block(sizeof(std::map<int, int>));
-constexpr std::size_t kTextOverhead = sizeof(unsigned) + 1;  // its length before it, a NUL behind it
+constexpr std::size_t kTextOverhead = sizeof(unsigned) + 1;  // a length before it and a NUL after it
 
-// An element as a command has it that makes a list of arguments: the text, and the pointer for the program.
+// One element of a list of arguments that a command makes: the text, and the pointer for the program.
 constexpr std::size_t kArgument = sizeof(std::string) + sizeof(char*);
 
-// The text is there as it came, decoded, and as a value. Once it is parsed only the value is left, and commands
-// copy that twice at most.
+// While parsing, the text exists as received, decoded, and as a value. After parsing only the value is left, and
+// commands copy it at most twice.
 constexpr std::size_t kCopies = 3;
 
-// A number that the library cannot take as an integer goes through a stream, and one that does not fit into the
-// reader's account of the error. Honest ones are shorter.
+// The library passes numbers that are not integers through a stream, and copies those that do not fit into its error
+// message. Legitimate numbers are shorter than this.
 constexpr std::size_t kLongNumber = 32;
 constexpr std::size_t kLongNumberCopies = 6;
 
-// The reader itself: its stack of a thousand levels, with a name in each, its settings, an error. And two values
+// The reader's own memory: a stack of a thousand levels with a name in each, its settings and an error. Also two values
 // that were made before an error.
 constexpr std::size_t kReader = 96 * 1024 + 2 * (kNode + kArgument);
 
@@ -47,14 +47,14 @@ class Scanner {
 
  private:
   void skip_comment();
-  std::size_t string_length();  // from behind the opening quote up to the closing one, which is passed
+  std::size_t string_length();  // starts after the opening quote and skips the closing one
   std::size_t number_length();
 
   const std::string_view text_;
   std::size_t at_ = 0;
 };
 
-// `at_` is behind the slash.
+// `at_` is after the slash.
 void Scanner::skip_comment() {
   const char kind = at_ < text_.size() ? text_[at_] : '\0';
   std::size_t last = text_.npos;
@@ -84,7 +84,7 @@ std::size_t Scanner::number_length() {
 
 std::size_t Scanner::cost() {
   std::size_t cost = kReader + kCopies * text_.size();
-  std::size_t name_length = 0;  // of the text that has just ended, should a colon follow
+  std::size_t name_length = 0;  // of the latest text, in case a colon follows
   bool may_be_name = false;
   while (at_ < text_.size()) {
     switch (text_[at_++]) {
@@ -98,7 +98,7 @@ std::size_t Scanner::cost() {
         cost += kNode + kArgument + block(kTextOverhead + name_length) - name_length;
         may_be_name = true;
         continue;
-      case ':':  // the text before it is no value; a copy of it is made on the way into the object
+      case ':':  // the text before it is a name, not a value, and is copied once
         if (may_be_name) cost = cost - kNode - kArgument + name_length;
         break;
       case '[':

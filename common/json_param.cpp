@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::size_t kMiB = 1024 * 1024;
 
-// Whether a request may cost what this text does; a line in the log says when not.
+// Whether this text stays within a request's memory limit; logs a line if not.
 bool affordable(const std::string& text) {
   const std::size_t cost = json_cost(text);
   memory_expect(cost);
@@ -50,7 +50,7 @@ void parser_param_from_json_str(const Json::Value& root, const std::string& key,
 
 void json_value_type_name(const Json::Value& root, const std::string& key, std::string* name) {
   const Json::Value& value = root[key];
-  // The order counts: what fits 32 bits is integral too, and every number is a double to the library.
+  // The order matters: a number that fits 32 bits is also integral, and every number is also a double.
   if (value.isString()) {
     *name = "string";
   } else if (value.isInt()) {
@@ -66,17 +66,17 @@ void json_value_type_name(const Json::Value& root, const std::string& key, std::
   }
 }
 
-// The library would rather have its builders used. Clients depend on what the classic pair accepts and on the
-// exact text it writes.
+// The library deprecates these classes, but clients depend on what Reader accepts and on the exact text that FastWriter
+// writes.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
-// Comments are accepted but not collected: for each one collected the library goes over its line again, which
-// lets a small body of comments hold a worker for hours.
+// Comments are accepted but not collected: for each collected comment the library scans its line again, so that a small
+// body of comments could hold a worker for hours.
 bool json_parse(const std::string& text, Json::Value* root, std::string* errors) {
   if (!affordable(text)) return false;
   Json::Reader reader;
-  // Pointers: a std::string would be copied.
+  // The overload for std::string would copy it.
   if (reader.parse(text.data(), text.data() + text.size(), *root, false)) return true;
   if (errors != nullptr) *errors = reader.getFormattedErrorMessages();
   return false;
@@ -91,7 +91,7 @@ std::string json_write(const Json::Value& value) {
 bool json_parse_builder(const std::string& text, Json::Value* root, std::string* errors) {
   if (!affordable(text)) return false;
   Json::CharReaderBuilder builder;
-  builder["collectComments"] = false;  // as above
+  builder["collectComments"] = false;  // as in json_parse
   const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   try {
     return reader->parse(text.data(), text.data() + text.size(), root, errors);

@@ -22,15 +22,14 @@
 namespace {
 
 constexpr char kFileName[] = ".nxe_ks_vistalprod.log";
-constexpr off_t kLargestFile = 0x7FFFF;     // bytes; a larger file is moved aside
-constexpr std::size_t kMessageSize = 2047;  // bytes, terminator included, as the sizes below
+constexpr off_t kLargestFile = 0x7FFFF;     // bytes; a larger file is renamed
+constexpr std::size_t kMessageSize = 2047;  // bytes, including the terminator, like the sizes below
 constexpr std::size_t kLineSize = 2048;
 constexpr std::size_t kTimeSize = 21;  // "Sun Nov 15 09:12:20 ": without the year
 constexpr std::size_t kBackupPathSize = 256;
 
-// Written by log_set_dir before there are threads, and only read afterwards. Plain arrays, because threads
-// that are left to the end of the process may log while static objects are being destroyed. An empty path
-// means "not set".
+// Set by log_set_dir before other threads exist, only read afterwards. Plain arrays, because threads may log while
+// static objects are being destroyed. An empty path means "not set".
 char g_log_dir[256];
 char g_log_path[512];
 
@@ -58,13 +57,13 @@ time_t now() {
 }
 
 void write_time(time_t time, char (&text)[kTimeSize]) {
-  char whole[26] = "";  // the size that ctime_r asks for
-  tzset();              // ctime_r alone would not notice a new time zone
+  char whole[26] = "";  // the size that ctime_r requires
+  tzset();              // ctime_r does not re-read the time zone
   ctime_r(&time, whole);
   std::snprintf(text, sizeof text, "%.*s", static_cast<int>(kTimeSize - 1), whole);
 }
 
-// Returns the length of the line. Allocates nothing: a failed allocation is among what is logged.
+// Returns the length of the line. Allocates nothing, because failed allocations are logged, too.
 std::size_t compose(char (&line)[kLineSize], const char* time, const char* fmt, va_list arguments)
     __attribute__((format(printf, 3, 0)));
 
@@ -73,14 +72,14 @@ std::size_t compose(char (&line)[kLineSize], const char* time, const char* fmt, 
   char* const message = line + length;
   if (std::vsnprintf(message, std::min(kMessageSize, sizeof line - length), fmt, arguments) < 0) *message = '\0';
   length += std::strlen(message);
-  if (length + 1 < sizeof line) line[length++] = '\n';  // a line that fills the buffer has none
+  if (length + 1 < sizeof line) line[length++] = '\n';  // a line that fills the buffer has no newline
   return length;
 }
 
-// Adds whole lines to the file. They are lost when that cannot be done.
+// Appends whole lines to the file. On failure they are lost.
 void append(const char* path, const char* lines, std::size_t size) {
   log_rotate_check(path);
-  // Close-on-exec: a program that another thread starts right now has no business with the log.
+  // Close-on-exec, so that a program that another thread starts now does not inherit the log.
   const UniqueFd file(open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666));
   if (file) write_all(file.get(), lines, size);
 }
@@ -107,7 +106,7 @@ int log_set_dir(const char* dir) {
     const int result = mkdir(dir, 0775);
     if (result != 0) {
       std::printf("Error mkdir [%s] failed ret=%d\n", dir, result);
-      std::fflush(stdout);  // standard output is lent to clients later, who must not find this in it
+      std::fflush(stdout);  // standard output later goes to clients, who must not get this line
     }
   }
   std::snprintf(g_log_dir, sizeof g_log_dir, "%s", dir);
@@ -135,15 +134,15 @@ void log_write_to(const char* path, const char* fmt, ...) {
 void log_rotate_check(const char* path) {
   const ErrnoKeeper keeper;
   if (!is_full(path)) return;
-  // One move at a time: a second one would put the few lines of the new file in place of the whole history. No
-  // thread waits for it; the lines of others go into the file while it is being moved, or into the next one.
+  // One move at a time: a second one would replace the history by the few lines of the new file. Other threads do not
+  // wait; their lines go into the old or the new file.
   static std::mutex moving;
   const std::unique_lock lock(moving, std::try_to_lock);
   if (!lock || !is_full(path)) return;
   char backup[kBackupPathSize];
   std::snprintf(backup, sizeof backup, "%s.bak", path);
   try {
-    // When the move fails the file just keeps growing, and the next line tries again.
+    // If the move fails, the file keeps growing, and the next line tries again.
     exec_cmd_args(nullptr, nullptr, nullptr, "/bin/mv", path, backup, nullptr);
   } catch (const std::bad_alloc&) {
     // Likewise.

@@ -1,5 +1,4 @@
-// The run that commands with a log of their own share: what is run, and what came of it, stands in the
-// daemon's log.
+// Runs a program and logs its arguments and its result in the daemon's log.
 #pragma once
 
 #include <optional>
@@ -9,17 +8,17 @@
 struct LoggedRun {
   std::string program;
   std::vector<std::string> arguments;  // after the program's name
-  // Where the commands differ, in the log: a blank behind each argument; a failure with the program's output
-  // in place of its status.
+  // Differences between commands in the log: a blank after each argument; the program's output instead of its status
+  // after a failure.
   bool blank_after_argument = false;
   bool failure_shows_output = false;
 };
 
 struct LoggedOutput {
-  std::string text;  // what the program has printed
-  bool removed;      // whether the file that held it could be removed
+  std::string text;  // the program's output
+  bool removed;      // whether the output file could be removed
 };
 
-// Runs the program, its output going to a temporary file. Nothing when it does not exit with 0: the file then
-// stays for people who look into the failure.
+// Runs the program with its output in a temporary file. Returns nothing if it does not exit with 0; the file then stays
+// for diagnosis.
 std::optional<LoggedOutput> run_logged(const char* log_name, LoggedRun run);

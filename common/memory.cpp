@@ -6,10 +6,10 @@
 
 namespace {
 
-constexpr std::size_t kMuch = 1024 * 1024;  // bytes; less than that may stay for the next request
+constexpr std::size_t kMuch = 1024 * 1024;  // bytes; smaller amounts may stay allocated for the next request
 
-// Anything larger is mapped for itself and goes back as soon as it is freed. The library would raise the limit with
-// each larger block that is freed, up to 32 MiB.
+// Larger blocks are mapped separately and returned as soon as they are freed. Without this setting the library would
+// raise the threshold with each larger block that is freed, up to 32 MiB.
 constexpr int kMappedFrom = 128 * 1024;  // bytes
 
 thread_local bool much_expected = false;
@@ -18,7 +18,7 @@ thread_local bool much_expected = false;
 
 void memory_set_up() {
   mallopt(M_MMAP_THRESHOLD, kMappedFrom);
-  // No lists of small blocks: what is on them counts as used, and the values of a large body would keep their heap.
+  // No lists of small free blocks: they count as used and would keep the heap of a large body's values.
   mallopt(M_MXFAST, 0);
 }
 
@@ -27,6 +27,6 @@ void memory_expect(std::size_t bytes) {
 }
 
 void memory_give_back() {
-  // For what lies below a block that is still in use; the free end of a heap goes by itself.
+  // Needed for free memory below a block in use; the library returns the free end of a heap by itself.
   if (std::exchange(much_expected, false)) malloc_trim(0);
 }

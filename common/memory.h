@@ -1,18 +1,17 @@
-// Keeps the daemon small: what a large request took goes back to the system when it has ended.
+// Returns the memory of a large request to the system when the request has ended.
 //
-// Each request runs on a thread of its own, and the C library gives threads heaps of their own, which keep what was
-// freed in them. Searching all of them takes longer than a small request does, so only requests that announce
-// themselves as large pay for it.
+// Each request runs on a new thread. The C library gives threads separate heaps, which keep freed memory. Trimming all
+// heaps takes longer than a small request, so only requests that announce a large amount do it.
 #pragma once
 
 #include <cstddef>
 
-// Chooses how the C library keeps memory. Before there are other threads.
+// Configures the C library's allocator. Call before other threads exist.
 void memory_set_up();
 
-// Says that this thread is about to use so many bytes.
+// Announces that this thread is about to use `bytes` bytes.
 void memory_expect(std::size_t bytes);
 
-// Returns to the system what has been freed by all threads, if this one has announced much. To be called once it
-// holds no more of that.
+// Returns the freed memory of all threads to the system if this thread has announced a large amount. Call it after that
+// memory has been freed.
 void memory_give_back();

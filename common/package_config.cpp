@@ -9,7 +9,7 @@ namespace {
 
 constexpr char kPackageConfig[] = "/etc/config/kpkg.conf";
 
-// Empty when there is none: the reader takes an empty value for a missing one.
+// Empty if missing: the reader does not distinguish empty and missing values.
 std::string entry(const char* package, const char* key) {
   std::string value;
   rdconf_value(kPackageConfig, package, key, &value);

@@ -1,4 +1,4 @@
-// What the platform's package list says about an application package.
+// Entries of the platform's package list for an application package.
 #pragma once
 
 #include <cstddef>
@@ -6,15 +6,15 @@
 
 inline constexpr char kOwnPackage[] = "VistalServer";
 
-// Each call asks anew, for a package can be moved or updated while the daemon runs. Any thread.
+// Each call reads the list again, because a package can be moved or updated while the daemon runs. Any thread.
 
-// The path of the file `name`, relative to the package's directory, cut to `size` bytes, its terminator
-// included; empty when the package list does not say where the package is.
+// The path of the file `name` in the package's directory, truncated to `size` bytes including the terminator; empty if
+// the list does not have the package's directory.
 std::string package_file(const char* package, const char* name, std::size_t size);
 
-// Whether its entry Enable is TRUE, in any case; false when there is none.
+// Whether the package's entry Enable is TRUE (in upper or lower case); false if it is missing.
 bool package_enabled(const char* package);
 
-// The entries of our own package, empty when the list does not have them.
+// The entries of our own package; empty if missing.
 std::string package_install_path();
 std::string package_control_script();

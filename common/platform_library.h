@@ -1,13 +1,12 @@
-// The platform's closed libraries, loaded for the length of one request.
+// The platform's closed libraries, loaded for the duration of one request.
 #pragma once
 
 #include "common/process.h"
 
-// One shared library, opened with all its symbols bound at once, and closed with the object. Nothing stays
-// loaded after that, as far as the loader lets a library go, so that an update of the platform takes effect
-// with the next request. Libraries start programs by themselves, and may count on small descriptor numbers: as long
-// as one is open, its thread and the limit are as the daemon was started. One thread per object; several may hold
-// the same library.
+// One shared library, opened with all symbols bound at once. The destructor closes it, and the loader unloads it if it
+// can, so that an update of the platform takes effect with the next request. Libraries start programs themselves and
+// may rely on small descriptor numbers: while one is open, its thread has the signal mask, and the process the
+// descriptor limit, that the daemon was started with. One thread per object; several objects may open the same library.
 class PlatformLibrary {
  public:
   // `path` is absolute. A library that cannot be opened leaves the object empty.
@@ -16,9 +15,8 @@ class PlatformLibrary {
   PlatformLibrary& operator=(const PlatformLibrary&) = delete;
   ~PlatformLibrary();
 
-  // The function called `name`, to be called as a Function; null when the library is not open or lacks it.
-  // Not good after the library is closed, as everything that lies in the library; what it has allocated
-  // stays.
+  // The function `name`; null if the library is not open or lacks it. Functions and data of the library are invalid
+  // after it is closed; memory that it has allocated stays valid.
   template <typename Function>
   Function* function(const char* name) const {
     return reinterpret_cast<Function*>(symbol(name));
@@ -26,6 +24,6 @@ class PlatformLibrary {
 
  private:
   void* symbol(const char* name) const;
-  const AsStarted state_;  // before the library is opened and until it is closed
+  const AsStarted state_;  // constructed before the library is opened, destroyed after it is closed
   void* handle_;
 };

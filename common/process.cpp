@@ -1,4 +1,4 @@
-// All seven calls are one mechanism in four steps; what they differ in is a row or a parameter.
+// All seven calls use one mechanism in four steps; a row or a parameter holds the differences.
 //
 //   1. open    the files and the pipe, as owned descriptors (Streams). On any failure the owners close them.
 //   2. prepare argument vector and environment, in the parent. The daemon has many threads, and one of them
@@ -11,13 +11,12 @@
 //              execve, and _exit(127) when that returns. Its descriptors and signal settings are its own.
 //   4. finish  the parent's owners close its copies; it waits (exec) or puts the stream on the list (popen).
 //
-// Every descriptor made here is close-on-exec from birth, pipe ends and input files included; dup2 in the
-// child makes the one copy that survives. A program that another thread starts at the same moment therefore
-// inherits none of them: it cannot keep a pipe open behind its reader's or writer's back, and no child needs
-// to walk the list of open pipes.
+// Every descriptor made here is created close-on-exec, including pipe ends and input files; dup2 in the child makes the
+// only copy that survives. A program that another thread starts at the same moment therefore inherits none of them: it
+// cannot keep a pipe open, and no child needs to walk the list of open pipes.
 //
-// The list of open pipes is the only state that calls share. Its mutex is held while a node is linked or
-// unlinked, never across a start or a wait.
+// The list of open pipes is the only state shared between calls. Its mutex is held only while a node is linked or
+// unlinked, never during a start or a wait.
 #include "common/process.h"
 
 #include <fcntl.h>
@@ -44,7 +43,7 @@ namespace {
 
 enum class Environment { kEmpty, kInherited };
 
-// What the two exec families differ in.
+// The differences between the two exec families.
 struct ExecFamily {
   Environment environment;
   bool traces_input;
@@ -54,10 +53,10 @@ constexpr ExecFamily kExecCmdStdio = {.environment = Environment::kInherited, .t
 
 constexpr char kNull[] = "/dev/null";
 constexpr char kLibraryPath[] = "LD_LIBRARY_PATH=";
-constexpr int kCannotExecute = 127;  // the exit status that shells give a program that cannot be run
+constexpr int kCannotExecute = 127;  // the exit status for a program that cannot be run, as in shells
 
-// A stream of popen_cmd and its program. The list is a plain pointer, not a container: threads that are left
-// to the end of the process may still use it while static objects are being destroyed.
+// A stream of popen_cmd and its program. The list uses plain pointers, because threads may still use it while static
+// objects are being destroyed.
 struct OpenPipe {
   explicit OpenPipe(const char* path) : run(path) {}
   OpenPipe* next = nullptr;
@@ -68,14 +67,15 @@ struct OpenPipe {
 std::mutex g_open_pipes_mutex;
 OpenPipe* g_open_pipes = nullptr;  // latest first
 
-// How the daemon was started, for programs and libraries; null until it is remembered.
+// The state that the daemon was started with, for programs and libraries; null until remember_start.
 struct Start {
   sigset_t signals;
   rlimit descriptors;
 };
 std::atomic<const Start*> g_start{nullptr};
 
-// The threads that need the descriptor limit of the start, and the limit to go back to when the last has done.
+// The number of threads that need the original descriptor limit, and the limit to restore when the last one has
+// finished.
 struct Lowered {
   std::mutex mutex;
   int users = 0;
@@ -85,12 +85,12 @@ Lowered g_lowered;
 
 // ---- The child ----------------------------------------------------------------------------------------
 
-// Everything the child needs; borrowed from the parent's frame.
+// Everything the child needs; it is in the parent's frame.
 struct ChildPlan {
   const char* path;
   char* const* argv;
   char* const* environment;
-  int streams[3];       // what becomes descriptor 0, 1 and 2; -1 leaves that one as it is
+  int streams[3];       // these become descriptors 0, 1 and 2; -1: inherit
   const rlimit* limit;  // null: keep the daemon's
 };
 
@@ -98,8 +98,8 @@ bool place_streams(const ChildPlan& plan) {
   int sources[3];
   for (int target = 0; target < 3; ++target) {
     const int source = plan.streams[target];
-    // A daemon without standard streams gets descriptors 0 to 2 for its files. Such a source must step aside
-    // before another stream takes its number.
+    // If the daemon has no standard streams, its files may have descriptors 0 to 2. Move such a source before another
+    // stream takes its number.
     const bool in_the_way = source >= 0 && source < 3 && source != target;
     sources[target] = in_the_way ? fcntl(source, F_DUPFD_CLOEXEC, 3) : source;
     if (in_the_way && sources[target] < 0) return false;
@@ -114,8 +114,8 @@ bool place_streams(const ChildPlan& plan) {
   return true;
 }
 
-// Called with every signal blocked: the daemon's handlers are gone before one can run in here. Signals that
-// were ignored from outside (nohup) stay so; SIGPIPE is the daemon's own doing.
+// Called with every signal blocked, so that none of the daemon's handlers can run in the child. Signals that were
+// ignored at start (nohup) stay ignored, except SIGPIPE, which the daemon itself ignores.
 void reset_signals() {
   struct sigaction ordinary {};
   ordinary.sa_handler = SIG_DFL;
@@ -130,11 +130,11 @@ void reset_signals() {
   sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
-// Not inlined: what it puts on the stack must lie below everything that the parent goes on with.
+// Not inlined: its stack frame must be below everything that the parent still uses.
 [[noreturn, gnu::noinline]] void become_program(const ChildPlan& plan) {
   if (!place_streams(plan)) _exit(kCannotExecute);
   reset_signals();
-  if (plan.limit != nullptr) setrlimit(RLIMIT_NOFILE, plan.limit);  // a bare system call, safe here
+  if (plan.limit != nullptr) setrlimit(RLIMIT_NOFILE, plan.limit);  // a plain system call, safe here
   execve(plan.path, plan.argv, plan.environment);
   _exit(kCannotExecute);
 }
@@ -152,7 +152,7 @@ std::vector<char*> make_environment(Environment policy) {
   return environment;
 }
 
-// The vector of an _args call. The texts stay the caller's: execve promises not to change them.
+// The vector of an _args call. The cast is safe: execve does not change the texts.
 std::vector<char*> make_arguments(const char* path, va_list rest) {
   const char* const slash = std::strrchr(path, '/');
   std::vector<char*> arguments = {const_cast<char*>(slash != nullptr ? slash + 1 : path)};
@@ -162,7 +162,7 @@ std::vector<char*> make_arguments(const char* path, va_list rest) {
   return arguments;
 }
 
-// What becomes the program's standard streams; an empty one is inherited.
+// The program's standard streams; an empty one is inherited.
 struct Streams {
   UniqueFd input, output, error;
 };
@@ -172,7 +172,7 @@ UniqueFd open_output(const char* path) {
   return open_output_file(path, 0774);
 }
 
-// Both streams through one open file: with two, each would overwrite what the other wrote.
+// Both streams use one open file; with two, each would overwrite the other's output.
 UniqueFd share(const UniqueFd& output) {
   return UniqueFd(fcntl(output.get(), F_DUPFD_CLOEXEC, 0));
 }
@@ -181,8 +181,8 @@ bool same_file(const char* output, const char* error) {
   return output != nullptr && error != nullptr && std::strcmp(output, error) == 0;
 }
 
-// Makes the child. Every signal is blocked: a handler must not run in a child that has the parent's memory.
-// A function of its own, which has nothing in registers that the child could change behind its back.
+// Makes the child. Every signal must be blocked: a handler must not run in a child that has the parent's memory. A
+// separate function, so that the child cannot change values that the caller keeps in registers.
 [[gnu::noinline]] pid_t make_child(const ChildPlan& plan) {
   const pid_t pid = vfork();           // NOLINT(clang-analyzer-security.insecureAPI.vfork): see step 3 above
   if (pid == 0) become_program(plan);  // NOLINT(clang-analyzer-unix.Vfork): likewise
@@ -207,7 +207,7 @@ pid_t start(const char* path, char* const argv[], Environment policy, const Stre
   return pid;
 }
 
-// The raw wait status, or -1. Signals meant for the daemon may arrive here and must not end the wait.
+// The raw wait status, or -1. Signals that interrupt the wait are ignored.
 int wait_for(pid_t pid) {
   int status = 0;
   pid_t result;
@@ -219,7 +219,7 @@ int wait_for(pid_t pid) {
 
 // ---- exec: run and wait -------------------------------------------------------------------------------
 
-// The account of one call; swallows everything when there is no file, or none that can be written.
+// Writes a report of one call to a file. Does nothing without a file, or if it cannot be written.
 class Trace {
  public:
   explicit Trace(const char* path) : file_(path != nullptr ? std::fopen(path, "a+e") : nullptr) {}
@@ -284,7 +284,7 @@ int run(const ExecFamily& family, const char* input, const char* output, const c
     if (!open_streams(input, output, error, trace, &streams)) return -1;
   }
   const pid_t pid = start(path, argv, family.environment, streams);
-  // What callers have always been told when there is no process to be had; their replies depend on it.
+  // Callers have always got 0 when no process can be created; their replies depend on it.
   if (pid < 0) return 0;
   program.started(pid);
   return program.ended(wait_for(pid));
@@ -345,7 +345,7 @@ FILE* popen_cmd(const char* input, const char* output, const char* error, const 
   streams.error = writes && same_file(output, error) ? share(streams.output) : open_output(error);
   if (!streams.error) return nullptr;
 
-  // Before the start: once the program runs, nothing may fail that would leave it without its stream.
+  // Before the start: after it no failure may leave the program without its stream.
   UniqueStream stream(fdopen(ours.get(), mode));
   if (!stream) return nullptr;
   ours.release();

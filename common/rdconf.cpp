@@ -8,10 +8,10 @@ namespace {
 
 constexpr char kReader[] = "/sbin/rdconf";
 
-// What the reader is asked to print for a missing key; spelled so on every appliance.
+// The reader prints this for a missing key. The misspelling is the platform's.
 constexpr char kNotFound[] = "RDCONF_FAILD";
 
-constexpr std::size_t kLineSize = 128;  // bytes, terminator included
+constexpr std::size_t kLineSize = 128;  // bytes, including the terminator
 
 }  // namespace
 
@@ -26,12 +26,12 @@ bool rdconf_read_value(FILE* output, std::string* value) {
 }
 
 bool rdconf_value(const char* file, const char* section, const char* key, std::string* value) {
-  // A null in place of "-f" ends the list there.
+  // A null in place of "-f" ends the argument list.
   const char* const file_option = file != nullptr ? "-f" : nullptr;
   FILE* const output = popen_cmd_args(nullptr, nullptr, nullptr, "r", kReader, section, key, "-c", "-d", kNotFound,
                                       file_option, file, nullptr);
   if (output == nullptr) return false;
   const bool found = rdconf_read_value(output, value);
-  pclose_cmd(output);  // the reader's exit status says nothing that the line does not
+  pclose_cmd(output);  // the exit status adds nothing to the line
   return found;
 }

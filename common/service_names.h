@@ -1,4 +1,4 @@
-// The names under which the daemon publishes its two services, and of the one that it calls.
+// The names of the daemon's two services and of the service that it calls.
 #pragma once
 
 inline constexpr char kMainServiceName[] = "VistalServer-vistalprod";

@@ -3,9 +3,9 @@
 
 #include <string>
 
-// An empty file of its own in /tmp, named "/tmp/file" and six random characters, mode 0600. It is created
-// exclusively, so that no other user can put a link or a file under a guessed name. No descriptor stays open: programs
-// and readers open it by path. Removed with the object. One thread at a time per object.
+// An empty file named "/tmp/file" plus six random characters, mode 0600. It is created exclusively, so that no other
+// user can place a link or a file under a guessed name. No descriptor stays open: programs and readers open it by path.
+// The destructor removes it. One thread at a time per object.
 class TempFile {
  public:
   TempFile();
@@ -13,14 +13,14 @@ class TempFile {
   TempFile(const TempFile&) = delete;
   TempFile& operator=(const TempFile&) = delete;
 
-  // False when no file could be created; errno then tells why, and path() is empty.
+  // False if no file could be created; errno is then set, and path() is empty.
   bool valid() const { return !path_.empty(); }
   const std::string& path() const { return path_; }
 
-  // Leaves the file in place for good.
+  // Keeps the file after destruction.
   void release() { owned_ = false; }
 
-  // Removes the file now, released or not, and returns whether that worked. The destructor tries no more.
+  // Removes the file now, even if released, and returns whether that succeeded. The destructor does not try again.
   bool remove();
 
  private:

@@ -22,7 +22,7 @@ void strip_blanks_newlines(std::string* text) {
 }
 
 void trim_chars(std::string* text, const std::string& set) {
-  text->erase(text->find_last_not_of(set) + 1);  // nothing but `set`: npos + 1 is 0, all of it goes
+  text->erase(text->find_last_not_of(set) + 1);  // if all characters are in `set`, npos + 1 is 0
   text->erase(0, text->find_first_not_of(set));
 }
 

@@ -1,4 +1,4 @@
-// Splitting, trimming and bounded formatting of texts. All of it is safe on any thread.
+// Splitting, trimming and bounded formatting of texts. Any thread.
 #pragma once
 
 #include <cstdarg>
@@ -6,23 +6,20 @@
 #include <string>
 #include <vector>
 
-// Cuts `text` at every single character that occurs in `delimiters` and returns the pieces in order. Two
-// neighbouring delimiters enclose an empty piece, and an empty text is one empty piece; empty pieces are left
-// out when `skip_empty` is set.
+// Splits `text` at every character that occurs in `delimiters` and returns the pieces in order. Two adjacent delimiters
+// enclose an empty piece, and an empty text is one empty piece; `skip_empty` drops empty pieces.
 std::vector<std::string> split_string(const std::string& text, const std::string& delimiters, bool skip_empty);
 
-// Removes every character of `*text` that occurs in `set`, wherever it stands. The second form removes blanks
-// and newlines.
+// Removes every character of `*text` that occurs in `set`. The second form removes blanks and newlines.
 void erase_chars(std::string* text, const std::string& set);
 void strip_blanks_newlines(std::string* text);
 
-// Removes characters of `set` from both ends of `*text`, up to the first on each side that is not in it.
+// Removes characters in `set` from both ends of `*text`.
 void trim_chars(std::string* text, const std::string& set);
 
-// Formats as snprintf does into a buffer of `buffer_size` bytes, terminator included, and returns the text
-// that ends up there: at most buffer_size - 1 characters, the rest is cut off silently. What platform
-// programs are given is limited to fixed sizes; this keeps the size visible where the text is made. The v
-// form takes the arguments as a list, as vsnprintf does.
+// Formats like snprintf into a buffer of `buffer_size` bytes and returns the text, silently truncated to buffer_size -
+// 1 characters. Arguments of platform programs have fixed maximum sizes; this keeps the size visible where the text is
+// made. The v form takes a va_list, like vsnprintf.
 std::string format_bounded(std::size_t buffer_size, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 std::string vformat_bounded(std::size_t buffer_size, const char* fmt, va_list arguments)
     __attribute__((format(printf, 2, 0)));

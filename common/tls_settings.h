@@ -1,5 +1,4 @@
-// What the appliance's own TLS services offer; whatever publishes something over TLS offers the same. Any
-// thread.
+// The TLS settings of the appliance's own services, for everything published over TLS. Any thread.
 #pragma once
 
 #include <string>
@@ -9,8 +8,8 @@
 int get_ssl_protocols(std::string* protocols);
 int get_ssl_cipher_suite(std::string* ciphers);
 
-// 1 when the owner has installed a certificate chain, else 0.
+// 1 if a certificate chain is installed, else 0.
 int has_ssl_chain_file();
 
-inline constexpr char kCertificateFile[] = "/etc/stunnel/stunnel.pem";  // the key is in it
+inline constexpr char kCertificateFile[] = "/etc/stunnel/stunnel.pem";  // includes the key
 inline constexpr char kChainFile[] = "/etc/stunnel/uca.pem";

@@ -1,4 +1,4 @@
-// The owners of one descriptor and of one stream: they close it when they go out of scope.
+// Owners of one descriptor and of one stream, which close it when they go out of scope.
 #pragma once
 
 #include <unistd.h>
@@ -8,8 +8,8 @@
 #include <memory>
 #include <utility>
 
-// Holds a descriptor or nothing (-1). Closing leaves errno alone, so that an error met before a clean-up can
-// be reported after it. One thread at a time per object.
+// Owns a descriptor or nothing (-1). Closing keeps errno, so that an earlier error can be reported after clean-up. One
+// thread at a time per object.
 class UniqueFd {
  public:
   UniqueFd() = default;
@@ -24,10 +24,10 @@ class UniqueFd {
   int get() const { return fd_; }
   explicit operator bool() const { return fd_ >= 0; }
 
-  // Gives the descriptor up; the caller closes it.
+  // Releases ownership; the caller closes the descriptor.
   int release() { return std::exchange(fd_, -1); }
 
-  // Closes what is held and takes `fd` instead.
+  // Closes the current descriptor and owns `fd` instead.
   void reset(int fd = -1) {
     const int error = errno;
     if (fd_ >= 0) close(fd_);
@@ -43,5 +43,5 @@ struct StreamCloser {
   void operator()(FILE* stream) const { std::fclose(stream); }
 };
 
-// Holds a stream or null; for streams of fopen and fdopen, not for those of popen_cmd.
+// Owns a stream of fopen or fdopen, or null. Not for streams of popen_cmd.
 using UniqueStream = std::unique_ptr<FILE, StreamCloser>;

@@ -3,6 +3,6 @@
 
 #include <cstddef>
 
-// Writes all bytes; false, with errno set, when that fails. Memory that vanishes meanwhile (a mapped file that is cut
-// short) is an error (EFAULT), not a signal.
+// Writes all bytes; false, with errno set, on failure. If `data` is in a mapped file that is truncated meanwhile, the
+// result is an error (EFAULT), not a signal.
 bool write_all(int fd, const void* data, std::size_t size);

@@ -4,7 +4,7 @@
 
 namespace {
 
-// A name that stands twice does not compile.
+// The enumerations make duplicate names a compile error.
 #define NAME(known) known,
 enum class MailName { MAIL_COMMANDS(NAME) };
 enum class MainName { MAIN_COMMANDS(NAME) };

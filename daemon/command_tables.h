@@ -1,10 +1,10 @@
-// What the two services answer to, by name.
+// The command tables of the two services.
 #pragma once
 
 #include <span>
 
 #include "handlers/command.h"
 
-// In search order; the first row whose name is the request's wins.
+// In search order; the first row with the request's name wins.
 std::span<const CommandRow> main_commands();
 std::span<const CommandRow> mail_commands();

@@ -14,15 +14,15 @@
 namespace {
 
 constexpr int kMaxFrames = 100;
-// The dump takes milliseconds; longer means that it waits for a lock which the crash has left taken.
+// The dump takes milliseconds; if it takes longer, it waits for a lock that the crashed thread holds.
 constexpr int kDumpSeconds = 5;
 
 struct Free {
   void operator()(void* block) const { std::free(block); }
 };
 
-// The dump allocates and writes, which can wait for ever after a crash inside the allocator. The kernel then
-// sends the signal that the dump would have ended with.
+// Makes the kernel kill the process if the dump hangs: it allocates, which can wait for ever after a crash inside the
+// allocator.
 void kill_when_stuck() {
   sigevent event{};
   event.sigev_notify = SIGEV_SIGNAL;

@@ -1,15 +1,15 @@
-// Dispatch: find the row, lend standard output, run the handler on a thread of its own, release the request.
+// Dispatch: find the row, lend standard output, run the handler on a new thread, release the request.
 //
-// A request that no handler takes is neither answered nor released while its client stays connected: the client waits,
-// as clients of a missing command always have. It is parked.
+// A request with an unknown name is parked: it is neither answered nor released until its client leaves. Clients of a
+// missing command have always waited until their own time limit.
 //
-// The daemon outlives its requests. What a handler throws, or dispatch itself for want of memory, ends in one log line,
-// and the client's connection is shut down, not just closed: a program that the handler has started may hold a copy of
-// the socket.
+// The daemon survives failed requests. An exception from a handler, or from dispatch when memory is short, becomes one
+// log line. The client's connection is shut down, not just closed: a program that the handler started may hold a copy
+// of the socket.
 //
 // A handler writes its reply into the client's memory file, and a hostile client can hold that file's lock. A handler
-// that has come that far (ReplyClock) and does not come back is left behind with its request: the worker goes on, and
-// the thread ends when the client lets it.
+// that does not finish writing its reply in time (ReplyClock) is abandoned together with its request: the worker
+// continues, and the handler's thread ends when the client releases the file.
 #include "daemon/dispatch.h"
 
 #include <pthread.h>
@@ -39,22 +39,21 @@
 
 namespace {
 
-// Writing a reply takes milliseconds where the client does not hold it up.
+// Writing a reply takes milliseconds unless the client holds it up.
 constexpr std::chrono::seconds kReplyTimeout{5};
-// How often the dispatcher looks at the handler that it waits for.
+// How often the dispatcher checks the handler that it waits for.
 constexpr time_t kLookSeconds = 1;
 
-// In the trace, as are the other endings below. The exception's own text may quote the body.
+// Written to the trace, like the other endings below. The exception's text may quote the body and is left out.
 constexpr char kHungUpOnException[] = "hung up: exception";
 
-// Who sent a request.
+// The sender of a request.
 struct Client {
   pid_t pid;
   uid_t uid;
 };
 
-// What one handler thread is given. The thread and its dispatcher share it: of the two, the one that is done last
-// releases it.
+// The argument of a handler thread. The thread and its dispatcher share it; the one that finishes last releases it.
 struct HandlerCall {
   UniqueIo io;
   const CommandRow* row;
@@ -63,10 +62,10 @@ struct HandlerCall {
   std::atomic<bool> one_is_done{false};
 };
 
-// The users whose handlers have been left behind. Each such handler keeps a thread and two descriptors. Any thread.
-class LeftBehind {
+// The users of abandoned handlers, each of which occupies a thread and two descriptors. Any thread.
+class AbandonedHandlers {
  public:
-  // A user who has this many is not served until one of them ends.
+  // A user with this many is not served until one of them ends.
   static constexpr int kMostOfAUser = 16;
 
   bool is_full(uid_t user) {
@@ -92,19 +91,19 @@ class LeftBehind {
   std::vector<uid_t> users_;
 };
 
-// Never destroyed, like the parked requests below.
-LeftBehind* left_behind = nullptr;
+// Never destroyed: abandoned threads may use it while the process exits.
+AbandonedHandlers* abandoned_handlers = nullptr;
 
-// Must not throw itself: memory may be what is short.
+// Must not throw, even if memory is short.
 void log_failure(const char* command, const std::exception& error) noexcept {
   try {
     LOG_AT("run_handler", "%s ended without a reply: %s", command, error.what());
   } catch (const std::exception&) {
-    // The client learns it all the same: it is hung up on.
+    // The client is hung up on in any case.
   }
 }
 
-// How a request ended whose command has been carried out.
+// How a request ended after its handler has returned.
 const char* ending(const HandlerCall& call) {
   if (call.reply_clock.has_stopped()) return "replied";
   return ks_io_alive(call.io.get()) ? "hung up" : "client gone";
@@ -124,12 +123,12 @@ void* run_handler(void* arg) {
   const uid_t user = ks_io_uid(call->io.get());
   if (call->one_is_done.exchange(true)) {
     delete call;
-    left_behind->leave(user);
+    abandoned_handlers->leave(user);
   }
   return nullptr;
 }
 
-// Waits until the handler has ended or has to be left behind. True when it has ended.
+// Waits until the handler has ended (true) or must be abandoned (false).
 bool join(pthread_t thread, const HandlerCall& call) {
   timespec next_look{};
   do {
@@ -157,18 +156,18 @@ void run(const CommandRow& row, const Client& client, UniqueIo io) {
   const uid_t user = ks_io_uid(call->io.get());
   const bool ended = join(thread, *call);
   if (!ended) {
-    // The record is the other thread's now; its connection can be shut down all the same.
+    // The handler's thread owns the record now, but shutting its connection down is safe.
     call->request.end("left behind");
     shutdown(call->io->sockfd, SHUT_RDWR);
-    left_behind->enter(user);
+    abandoned_handlers->enter(user);
   }
   if (call->one_is_done.exchange(true)) {
     delete call;
-    if (!ended) left_behind->leave(user);
+    if (!ended) abandoned_handlers->leave(user);
   }
 }
 
-// Never destroyed: workers of the mail service may still be at it while the process exits.
+// Never destroyed: workers of the mail service may use it while the process exits.
 ParkedRequests* parked_requests = nullptr;
 
 void dispatch(std::span<const CommandRow> commands, const char* request_name, ks_io* request, int extra_fd) noexcept {
@@ -182,10 +181,10 @@ void dispatch(std::span<const CommandRow> commands, const char* request_name, ks
       ks_discard(extra_fd, client.uid);
       RunningRequest(request_name, client.pid, client.uid).end("unknown command");
       parked_requests->park(std::move(io));
-    } else if (left_behind->is_full(ks_io_uid(io.get()))) {
+    } else if (abandoned_handlers->is_full(ks_io_uid(io.get()))) {
       ks_discard(extra_fd, client.uid);
       LOG_AT("dispatch", "%s is refused: user %u holds the files of %d others.", row->name, ks_io_uid(io.get()),
-             LeftBehind::kMostOfAUser);
+             AbandonedHandlers::kMostOfAUser);
     } else {
       const LentOutput output(extra_fd, client.uid);
       run(*row, client, std::move(io));
@@ -202,7 +201,7 @@ void dispatch(std::span<const CommandRow> commands, const char* request_name, ks
 void prepare_dispatch() {
   prepare_lent_output();
   parked_requests = new ParkedRequests;
-  left_behind = new LeftBehind;
+  abandoned_handlers = new AbandonedHandlers;
 }
 
 void main_service_exec(const char* request_name, ks_io* io, int extra_fd) {

@@ -3,7 +3,7 @@
 
 #include "service/ks.h"
 
-// Opens what dispatch must have at hand when no descriptor is left. Once, before the services start.
+// Opens descriptors in advance that dispatch needs even when none are left. Call once, before the services start.
 void prepare_dispatch();
 
 // The exec callbacks of the two services. Any worker thread.

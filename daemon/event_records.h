@@ -1,6 +1,5 @@
-// The records that other processes of the package post into the daemon's message queues, as they stand in a
-// queue's buffer: the message type first, numbers in host byte order, texts ended by a NUL within their
-// field.
+// The records that other processes of the package post into the daemon's message queues. The message type comes first,
+// numbers are in host byte order, and texts are NUL-terminated within their field.
 #pragma once
 
 #include <cstddef>
@@ -17,7 +16,7 @@ struct NotifyMessage {
   char extra_info[132];
 };
 
-// What both kinds of log record begin with.
+// Both kinds of log record begin with these fields.
 struct LogRecord {
   std::int32_t unused;
   std::int32_t level;
@@ -40,7 +39,7 @@ struct ConnectionRecord {
   std::int32_t action;
 };
 
-// Message types of the log queue: which of the two records is meant.
+// Message types of the log queue: which of the two records is valid.
 inline constexpr std::int64_t kEventLogType = 1;
 inline constexpr std::int64_t kConnectionLogType = 2;
 
@@ -50,7 +49,7 @@ struct LogMessage {
   ConnectionRecord connection;
 };
 
-// The sizes that msgsnd and msgrcv are given: all but the type.
+// The sizes for msgsnd and msgrcv, without the message type.
 inline constexpr std::size_t kNotifyMessageSize = sizeof(NotifyMessage) - sizeof(std::int64_t);
 inline constexpr std::size_t kLogMessageSize = sizeof(LogMessage) - sizeof(std::int64_t);
 

@@ -25,14 +25,14 @@ constexpr std::uint32_t kCallSeconds = 5;
 constexpr std::size_t kTimeTextSize = 32;
 constexpr unsigned kSequenceRange = 1000;
 
-// Line numbers by which readers of the log tell the three failures apart. They are part of the log's format
-// and stay when the code moves.
+// Log readers tell the three failures apart by these line numbers. They are part of the log's format and do not follow
+// the code.
 constexpr int kEventFailLine = 222;
 constexpr int kLogFailLine = 286;
 constexpr int kConnectionFailLine = 321;
 
-// Fields are read by their place in the block, and a text goes on to the next NUL, even into the next field:
-// senders that fill a field to its last byte are read so.
+// Reads a field by its offset in the block. A text ends at the next NUL, even in a later field: senders may fill a
+// field to its last byte.
 template <typename Field>
 Field field_at(const void* message, std::size_t offset) {
   Field value;
@@ -57,7 +57,7 @@ void forward(const char* request, const std::string& text, const char* label, in
 std::string bus_time() {
   const std::time_t seconds = std::time(nullptr);
   std::tm local{};
-  tzset();  // localtime_r alone would not notice a new time zone
+  tzset();  // localtime_r does not re-read the time zone
   localtime_r(&seconds, &local);
   timeval now{};
   gettimeofday(&now, nullptr);
@@ -65,8 +65,8 @@ std::string bus_time() {
                         local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, static_cast<int>(now.tv_usec));
 }
 
-// The time of a log record with a sequence number behind it, so that records of one second keep their order.
-// Both kinds of record share the sequence, on the one thread that relays them.
+// The time of a log record followed by a sequence number, so that records of one second keep their order. Both kinds of
+// record share the sequence; one thread relays both.
 std::string sequenced_time(std::int64_t time) {
   static std::optional<std::int64_t> last_time;
   static unsigned sequence = 0;
@@ -75,7 +75,7 @@ std::string sequenced_time(std::int64_t time) {
   return format_bounded(kTimeTextSize, "%ld%03u", static_cast<long>(time), sequence);
 }
 
-// The members that both kinds of log record have; `base` is where the record begins.
+// The members common to both kinds of log record; `base` is the offset of the record.
 Json::Value log_members(const void* message, std::size_t base) {
   Json::Value members;
   members["level"] = field_at<std::int32_t>(message, base + offsetof(LogRecord, level));
@@ -101,7 +101,7 @@ int notify_handler(void* message) {
   event["kbus_extra_info"] = text_at(message, offsetof(NotifyMessage, extra_info));
   event["method"] = "notify";
   const std::string text = json_write(event);
-  // The number has always been the text's address. Readers of the line do not look at it.
+  // The number is the text's address, as it always was. Readers of the line ignore it.
   std::fprintf(stderr, "str_publish_buf=[%d]  \n", static_cast<int>(reinterpret_cast<std::intptr_t>(text.c_str())));
   forward("notify_event", text, "notify_handler", kEventFailLine);
   return 0;

@@ -1,7 +1,7 @@
-// A client's descriptor may be anything, and writing to it, or closing a number that stands for it, may wait for as
-// long as its owner likes. Only a pipe or a socket is therefore made descriptor 1 itself: closing one of two numbers of
-// either never waits. For anything else a file of our own collects what is printed. At the end that file, and what the
-// stream stdout still has in its buffer, is delivered to the client's descriptor beside us (ks_deliver).
+// A client's descriptor may refer to anything, and writing to it or closing a duplicate of it may wait as long as its
+// owner likes. Only pipes and sockets are therefore duplicated to descriptor 1: closing such a duplicate never waits.
+// For anything else a private file collects the output. At the end a closer (ks_deliver) copies that file, and the data
+// still in stdout's buffer, to the client's descriptor.
 #include "daemon/lent_output.h"
 
 #include <fcntl.h>
@@ -18,13 +18,13 @@
 namespace {
 
 constexpr char kNullDevice[] = "/dev/null";
-constexpr char kCollectedName[] = "stdout";  // of the memory file, as /proc shows it
+constexpr char kCollectedName[] = "stdout";  // name of the memory file, shown in /proc
 
-// Open for the life of the process, so that standard output always has somewhere to go back to.
+// Open for the life of the process, so that standard output can always be reset to it.
 int null_device = -1;
 char stdout_buffer[BUFSIZ];
 
-// By the name that the kernel gives: the owner of a file in user space is not asked.
+// Checks the kernel's name for the file, because fstat would ask a user-space file system.
 bool is_pipe_or_socket(int fd) {
   char link[32];
   char target[32];
@@ -39,7 +39,8 @@ UniqueFd make_collected() {
   return UniqueFd(memfd_create(kCollectedName, MFD_CLOEXEC));
 }
 
-// Moves what the stream has not written yet to `*collected`. A thread that holds the stream may be stuck in a write.
+// Moves the stream's unwritten data to `*collected`. Does not wait for the stream's lock: its holder may be stuck in a
+// write.
 void take_unwritten(UniqueFd* collected) {
   if (ftrylockfile(stdout) != 0) return;
   const std::size_t size = __fpending(stdout);

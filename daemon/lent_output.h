@@ -5,16 +5,15 @@
 
 #include "common/unique_fd.h"
 
-// Opens what lending needs when no descriptor is left, and takes the buffer of the stream stdout over. Once, before
-// there are other threads.
+// Opens descriptors in advance and sets stdout's buffer. Call once, before there are other threads.
 void prepare_lent_output();
 
-// While the object lives, standard output of the process leads to the client's descriptor; afterwards to /dev/null.
-// Objects that overlap share it: what one handler prints may reach the other's client, and the first to end sends both
-// to /dev/null. None of it waits for the client. Any thread.
+// During the object's lifetime the process's standard output goes to the client's descriptor; afterwards to /dev/null.
+// Overlapping objects share it: the output of one handler may reach the other's client, and when the first ends, output
+// of both goes to /dev/null. Never waits for the client. Any thread.
 class LentOutput {
  public:
-  // Takes over the descriptor that a client of this user handed over; -1 for none.
+  // Takes ownership of a descriptor from a client of this user; -1 for none.
   LentOutput(int client_fd, uid_t user);
   LentOutput(const LentOutput&) = delete;
   LentOutput& operator=(const LentOutput&) = delete;
@@ -23,5 +22,5 @@ class LentOutput {
  private:
   const int client_fd_;
   const uid_t user_;
-  UniqueFd collected_;  // what was printed for a client whose descriptor is neither pipe nor socket
+  UniqueFd collected_;  // output for a client whose descriptor is neither pipe nor socket
 };

@@ -1,10 +1,10 @@
-// The daemon's life: prepare, publish both services, wait for a stop signal, take down what is its own.
+// The life cycle of the daemon: prepare, publish both services, wait for a stop signal, clean up.
 //
-// Threads: this one only waits. Each service has a detached thread that runs its producer loop (its workers
-// are threads of the framework); each message queue has one that relays its records; a last one receives the
-// stop signals. These are blocked in every thread, and that one waits for them: no system call of ours is ever
-// interrupted, and what a stop signal does never runs on top of a thread that holds the mutex it takes. Only the
-// platform's libraries run with the signals as the daemon was started.
+// Threads: the main thread only waits. Each service has a detached thread for its producer loop (its workers are
+// threads of the framework), each message queue has one that relays its records, and one receives the stop signals. All
+// threads block the stop signals; the last one waits for them with sigwait. So no system call of ours is interrupted,
+// and a stop handler never runs on a thread that holds the mutex it needs. Only the platform's libraries run with the
+// signal mask that the daemon was started with.
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/resource.h>
@@ -49,24 +49,24 @@ constexpr std::uint64_t KS_SEND_MAIL_SERVER_THREAD_NUM = 5;
 constexpr int kExitRefused = -1;  // no install path, or already running
 constexpr int kExitNoService = -2;
 constexpr time_t kWaitSliceSeconds = 10;
-constexpr useconds_t kStartPollMicroseconds = 1000;  // only a stop in the first moments waits at all
+constexpr useconds_t kStartPollMicroseconds = 1000;  // needed only if the stop comes right after the start
 
-// Longer than a request takes that nothing holds up.
+// Longer than any request takes unless something holds it up.
 constexpr std::chrono::minutes kLongRequest{1};
 
-// Two services with 1000 waiting clients each, and room for the requests being served.
+// Enough for two services with 1000 waiting clients each and for the requests being served.
 constexpr unsigned long kWantedDescriptors = 4096;
 
-// The state of the process. It is asked to stop from the thread of the stop signals; the rest is the main thread's.
+// The state of the process. Only the main thread uses it, except for terminate(), which the signal thread calls.
 class Daemon {
  public:
   void parse_options(int argc, char** argv);
-  // Publishes the services and receives the queues. The log is set up, the signal handlers are installed.
+  // Publishes the services and starts the queue listeners. Call it after the log and the signal handlers are set up.
   void start();
-  // Returns when a stop has been asked for.
+  // Returns when a stop has been requested.
   void wait();
   void terminate();
-  // The mail service is left to the end of the process: a mail on its way does not hold up the stop.
+  // Does not stop the mail service, which ends with the process: a mail being sent must not delay the stop.
   void stop();
 
  private:
@@ -80,12 +80,12 @@ class Daemon {
   pthread_cond_t terminate_cond = PTHREAD_COND_INITIALIZER;
   ks_handle* ks_service_handle = nullptr;
   ks_handle* ks_send_mail_service_handle = nullptr;
-  std::atomic<bool> main_service_over{false};  // its thread has ended, or could not be made
+  std::atomic<bool> main_service_over{false};  // its thread has ended or could not be started
   std::unique_ptr<MsgQueueListener> event_listener;
   std::unique_ptr<MsgQueueListener> log_listener;
 };
 
-constinit Daemon the_daemon;  // a signal handler has no other way to it
+constinit Daemon the_daemon;  // a signal handler needs a global
 
 sigset_t stop_signals() {
   sigset_t signals;
@@ -99,7 +99,7 @@ void terminate_handler(int) {
   the_daemon.terminate();
 }
 
-// The first socket would get a free number below 3, and then be closed as standard output.
+// Otherwise the first socket could get a number below 3, and be closed later as standard output.
 void occupy_standard_descriptors() {
   int fd;
   do {
@@ -110,7 +110,7 @@ void occupy_standard_descriptors() {
 
 void install_signal_handlers() {
   const sigset_t signals = stop_signals();
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);  // receive_stop_signals waits for them
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);  // received in receive_stop_signals
   ks_signal(SIGINT, terminate_handler);
   ks_signal(SIGTERM, terminate_handler);
   ks_signal(SIGSEGV, crash_handler);
@@ -124,7 +124,7 @@ void* receive_stop_signals(void*) {
   return nullptr;
 }
 
-// In a worker, of a client that holds it.
+// Called in a worker that waits for a silent client.
 void log_silent_client(void* service, int32_t client) {
   LOG_AT("main", "a worker of %s has been waiting half a minute for the request of pid %d.",
          static_cast<const char*>(service), static_cast<int>(client));
@@ -152,7 +152,7 @@ void set_up_log() {
 }
 
 void Daemon::parse_options(int argc, char** argv) {
-  opterr = 0;  // the lines below are all that is said about an unknown option
+  opterr = 0;  // unknown options are reported below
   int option;
   // NOLINTNEXTLINE(concurrency-mt-unsafe): there is no other thread yet
   while ((option = getopt(argc, argv, "dt")) != -1) {
@@ -231,15 +231,15 @@ void Daemon::wait() {
     gettimeofday(&now, nullptr);
     const timespec deadline{.tv_sec = now.tv_sec + kWaitSliceSeconds, .tv_nsec = now.tv_usec * 1000};
     pthread_mutex_lock(&terminate_mutex);
-    // The flag is set before the mutex is taken: either it shows here, or the signal comes during the wait.
+    // terminate() sets the flag before it takes the mutex: either it is seen here, or the wait is woken.
     if (is_terminate == 0) pthread_cond_timedwait(&terminate_cond, &terminate_mutex, &deadline);
     pthread_mutex_unlock(&terminate_mutex);
     log_long_requests();
   }
 }
 
-// Called by the thread that waits for the signals, or on top of one that is in a platform library, where they are
-// not blocked: there the other signal must not come while the mutex is held.
+// Called by the signal thread, or by a signal handler on a thread inside a platform library, where the stop signals are
+// not blocked. Both are blocked here, so that a second signal cannot interrupt it while it holds the mutex.
 void Daemon::terminate() {
   is_terminate = 1;
   const sigset_t signals = stop_signals();
@@ -251,8 +251,8 @@ void Daemon::terminate() {
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-// The end of the process closes these connections, unless another process shares its descriptors: one that still closes
-// what a client has handed over.
+// Shuts down the connections whose socket is at `path`. The end of the process closes them only if no closer still
+// shares its descriptors.
 void hang_up_at(const char* path) {
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
@@ -269,7 +269,7 @@ void hang_up_at(const char* path) {
 }
 
 void Daemon::stop() {
-  // A stop has no effect on a service whose thread has not got round to starting it yet.
+  // ks_stop has no effect until the service's thread has called ks_start.
   const std::atomic_ref<ks_worker*> worker(ks_service_handle->worker);
   while (worker.load() == nullptr && !main_service_over) usleep(kStartPollMicroseconds);
   ks_stop(ks_service_handle);
@@ -279,7 +279,7 @@ void Daemon::stop() {
 
 void Daemon::free_all_obj() {
   LOG_AT("free_all_obj", "is_terminate");
-  // Both at once: the records under way then take their time beside each other, not one after the other.
+  // Close both first, so that records being relayed by both finish in parallel.
   event_listener->Close();
   log_listener->Close();
   event_listener->Stop();
@@ -295,10 +295,10 @@ int main(int argc, char** argv) {
   remember_start();
   memory_set_up();
   // NOLINTNEXTLINE(concurrency-mt-unsafe): there is no other thread yet
-  unsetenv("LD_LIBRARY_PATH");  // the package's libraries are not for the platform's programs
+  unsetenv("LD_LIBRARY_PATH");  // the platform's programs must not load the package's libraries
   occupy_standard_descriptors();
   activity_set_up();
-  std::signal(SIGCHLD, SIG_DFL);  // a starter that ignores it would have the kernel swallow every exit status
+  std::signal(SIGCHLD, SIG_DFL);  // if the starter ignores SIGCHLD, the kernel discards exit statuses
   set_up_log();
   LOG_AT("main", "nxe-ks-vistalprod start, Server:%s.", kMainServiceName);
   if (check_reentry(argv[0])) {

@@ -18,16 +18,16 @@ namespace {
 constexpr int kQueueMode = 0644;
 constexpr unsigned kAllModeBits = 0777;
 constexpr unsigned kTooOpen = kAllModeBits - kQueueMode;
-constexpr int kMaxAttempts = 1000;  // another user who keeps making the queue may be faster many times in a row
+constexpr int kMaxAttempts = 1000;  // another user who keeps making the queue may win many times in a row
 
-// The creator counts as well as the owner: both may receive, change the mode and remove the queue.
+// Checks the creator as well as the owner: both may receive, change the mode and remove the queue.
 bool is_ours(const ipc_perm& permissions) {
   const uid_t self = geteuid();
   return permissions.uid == self && permissions.cuid == self && (permissions.mode & kTooOpen) == 0;
 }
 
-// Opens or makes the queue. One that another user has made before us, or that more users may write to than
-// ours allows, is removed and made anew. -1 when it cannot be had.
+// Opens or makes the queue; -1 on failure. A queue that another user made, or that others may write to, is removed and
+// made anew.
 int open_own_queue(key_t key) {
   bool logged = false;
   for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
@@ -80,7 +80,7 @@ void* MsgQueueListener::run(void* self) {
   return nullptr;
 }
 
-// A record for which there is no memory costs that record only.
+// If memory is short, only this record is lost.
 void MsgQueueListener::deliver(void* message) {
   try {
     callback_(message);
@@ -97,7 +97,7 @@ void MsgQueueListener::receive() {
       deliver(block_.data());
       continue;
     }
-    // An identifier that was good and is no longer known: the queue went while no thread waited on it.
+    // EINVAL for a once valid identifier: the queue was removed while this thread was not waiting on it.
     if (errno == EIDRM || (errno == EINVAL && queue_id_ != -1)) return;
     const int error = errno;
     char text[128];

@@ -8,7 +8,7 @@
 
 namespace {
 
-// A client has nothing more to say, so that whatever can be read from it means that it has left.
+// No client sends more after its request, so a readable connection means that the client has left.
 constexpr std::uint32_t kLeft = EPOLLIN | EPOLLRDHUP;
 
 }  // namespace
@@ -50,7 +50,7 @@ void ParkedRequests::release_abandoned() {
   }
 }
 
-// The request of this number, no longer watched; null when it has been given up meanwhile.
+// Stops watching this request and returns it; null if it was released meanwhile.
 UniqueIo ParkedRequests::take(std::uint64_t number) {
   const auto found = waiting_.find(number);
   if (found == waiting_.end()) return nullptr;

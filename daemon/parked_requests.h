@@ -9,14 +9,14 @@
 
 #include "service/unique_io.h"
 
-// Keeps the connections of requests whose command is unknown, and releases each when its client leaves. Beyond kMost
-// the oldest is hung up on, so that a client cannot use the daemon's descriptors up. Lives until the process ends. Any
-// thread.
+// Keeps the connections of requests with unknown commands, and releases each when its client leaves. With more than
+// kMost requests the oldest is hung up on, so that clients cannot exhaust the daemon's descriptors. The object must
+// live until the process ends. Any thread.
 class ParkedRequests {
  public:
   // Opens the poll set. Throws std::bad_alloc only.
   ParkedRequests();
-  // Takes the request over. Its memory file is closed at once. Hangs up where it cannot be kept.
+  // Takes the request over and closes its memory file at once. Hangs up if the request cannot be kept.
   void park(UniqueIo io);
 
  private:

@@ -1,12 +1,11 @@
-// Of several processes that come up at the same time, each sees the others in /proc, and exactly one must go on.
-// Processes are ordered by their start, then by their number. One gives way to
-//   - every one that started before it, in whatever state that is;
-//   - every one that has passed this check, whenever it started: it may have been executed, and so have got its
-//     name, before one that was forked earlier, and a process that has gone to the background is a later fork of
-//     one that has passed.
-// Every other process started later and has not passed. It sees this one and will give way, unless it looked before
-// this one had its name; so this one waits until it ends or has passed. A process that has passed is known by its
-// handler for SIGTERM, which is installed next.
+// Several processes may start at the same time; each sees the others in /proc, and exactly one must continue. Processes
+// are ordered by start time, then by pid. A process gives way to
+//   - every process that started before it, in any state;
+//   - every process that has passed this check, whenever it started: a process gets its name at exec, which may be
+//     earlier in one that was forked later, and a process in the background is a later fork of one that has passed.
+// All others started later and have not passed. Such a process will see this one and give way, unless it looked before
+// this one had its name; so this one waits until the other has ended or passed. A process has passed if it has a
+// handler for SIGTERM, which the daemon installs next.
 #include "daemon/reentry.h"
 
 #include <dirent.h>
@@ -29,16 +28,16 @@
 
 namespace {
 
-constexpr std::size_t kPathSize = 512;  // bytes of the program's path that are looked at
+constexpr std::size_t kPathSize = 512;  // bytes of the program's path that are considered
 constexpr std::size_t kProcPathSize = 1000;
 constexpr std::size_t kLineSize = 1024;
 constexpr std::size_t kCommandLength = 15;  // the kernel's TASK_COMM_LEN less its NUL
 
-// A later instance takes milliseconds to decide. One that takes longer is stopped, or is no instance of ours.
+// A later instance decides within milliseconds. One that takes longer is stopped, or is a different program.
 constexpr int kMaxRounds = 100;
 constexpr useconds_t kRoundMicroseconds = 10'000;
 
-// Fields of a stat file, counted from the one after the name, the state.
+// Fields of a stat file, counted from the state, which follows the name.
 constexpr std::size_t kState = 0;
 constexpr std::size_t kStartTime = 19;
 constexpr std::size_t kCaughtSignals = 31;
@@ -65,14 +64,14 @@ std::string read_line(const char* pid, const char* file_name, const std::string&
   return {};
 }
 
-// Any user can give a process any name. Both the real and the effective user count: a program that is set-user-ID
-// runs as root under the name of a link to it.
+// Any user can give a process any name. The real user must match, too: a set-user-ID program runs as root under the
+// name of a link to it.
 bool is_of_our_user(const char* pid) {
   const std::vector<std::string> fields = split_string(read_line(pid, "status", "Uid:"), "\t", true);
   return fields.size() > 2 && fields[1] == std::to_string(getuid()) && fields[2] == std::to_string(geteuid());
 }
 
-// Nothing for a process that has ended, a zombie included.
+// Empty for a process that has ended, including zombies.
 std::optional<LiveProcess> look_at(const char* pid) {
   const std::string stat = read_line(pid, "stat", "");
   // The name may itself hold parentheses.
@@ -93,7 +92,7 @@ std::vector<LiveProcess> other_instances(const std::string& name) {
   const std::string own_pid = std::to_string(getpid());
   const std::unique_ptr<DIR, CloseDirectory> processes(opendir("/proc"));
   if (processes == nullptr) return others;
-  // NOLINTNEXTLINE(concurrency-mt-unsafe): a directory stream of its own
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread uses this directory stream
   while (const dirent* entry = readdir(processes.get())) {
     const char* const pid = entry->d_name;
     if (std::isdigit(static_cast<unsigned char>(pid[0])) == 0 || own_pid == pid) continue;
@@ -111,7 +110,7 @@ bool check_reentry(const char* program) {
   const std::string path = format_bounded(kPathSize, "%s", program);
   const std::string name = path.substr(path.rfind('/') + 1);
   const std::optional<LiveProcess> self = look_at("self");
-  if (!self) return false;  // nothing can be seen of the others either
+  if (!self) return false;  // /proc does not show the others either
   for (int round = 0; round < kMaxRounds; ++round) {
     const std::vector<LiveProcess> others = other_instances(name);
     if (others.empty()) return false;

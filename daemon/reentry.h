@@ -1,8 +1,8 @@
 #pragma once
 
-// Whether this process must give way to another live one of the same user that runs under this program's name: one
-// that started before it, or that serves already. Of processes that start at the same time one goes on. `program` is
-// its path as the process was called; its last component is compared with the command names in /proc over 15
-// characters, all that the kernel keeps. A zombie does not count; a null or empty path is never running. To be called
-// before SIGTERM is caught, which is how others know that a process has passed.
+// Whether this process must give way to another live process of the same user and program name, one that started
+// earlier or already serves. Of processes that start at the same time, one continues. `program` is argv[0]; the first
+// 15 characters of its last component, all that the kernel keeps, are compared with the command names in /proc. Zombies
+// do not count; for a null or empty path the result is false. Call it before installing a handler for SIGTERM, by which
+// other processes see that this one has passed.
 bool check_reentry(const char* program);

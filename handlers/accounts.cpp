@@ -1,5 +1,5 @@
-// Local users and groups, the members of a group, the settings of text messages (SMS) and login sessions, as the
-// platform's closed libraries tell them; and a login by the platform's command-line tool.
+// Local users and groups, the members of a group, text message (SMS) settings and login sessions, from the platform's
+// closed libraries; and a login with the platform's command-line tool.
 //
 //   get_all_users, get_all_groups   answer "local_count" and the names, null for none
 //   get_group_members               takes "group_name"; answers "user_count" and a true or false per entry
@@ -10,12 +10,11 @@
 //   get_sess_id                     takes "user", "pwd"; answers the session id as "sid". Its replies have an
 //                                   "error_code" where others have "result"
 //
-// Each request loads its library, makes one call and unloads the library. A library that is missing, lacks the function
-// or reports an error fails the command. What a call returns is copied or
-// owned here before the library goes. The count of a name list is held against the size of its block, which
-// is ours; a count beyond it fails the command as well.
+// Each request loads its library, makes one call and unloads the library. The command fails if the library is missing,
+// lacks the function or reports an error. Results are copied or owned here before the library is unloaded. The command
+// also fails if the count of a name list exceeds the size of its memory block.
 //
-// The password of a login goes where the tool wants it, on its command line, and nowhere else.
+// The password of a login appears only on the tool's command line, where the tool requires it.
 #include <malloc.h>
 
 #include <cstddef>
@@ -39,27 +38,27 @@ constexpr char kAccountLibrary[] = "/usr/lib/libuCore_NAS.so.0.0";
 constexpr char kSessionLibrary[] = "/usr/lib/libuCore_nasauth.so.1.0.0";
 
 constexpr std::size_t kNameEntrySize = 33;    // bytes from one name of a list to the next
-constexpr std::size_t kMaxName = 32;          // characters; an entry that is full has no NUL to rely on
-constexpr std::int32_t kMaxMembers = 65536;   // no appliance has so many users; a larger count is no count
+constexpr std::size_t kMaxName = 32;          // characters; a full entry has no NUL
+constexpr std::int32_t kMaxMembers = 65536;   // no appliance has so many users; a larger count is invalid
 constexpr std::size_t kSmsRecordSize = 4096;  // bytes; the platform's own record is far smaller
 
 struct MallocFree {
   void operator()(void* block) const { std::free(block); }
 };
 
-// The names that a library has allocated for its caller, or null. `count` is what the library says of them.
+// The names that a library has allocated for its caller, or null, and their number as reported by the library.
 struct NameList {
   std::unique_ptr<char, MallocFree> entries;
   std::int32_t count = 0;
 
-  // Whether the block is there for all that is counted.
+  // Whether the block is large enough for `count` names.
   bool holds_all() const {
     if (count <= 0) return true;
     return entries && malloc_usable_size(entries.get()) / kNameEntrySize >= static_cast<std::size_t>(count);
   }
 };
 
-// Loads the library of the command, calls its function and unloads it; what that returned, or -1.
+// Loads the command's library, calls its function and unloads it. Returns the function's result, or -1.
 template <typename Function, typename... Arguments>
 std::int32_t call_function(const Command& command, Arguments... arguments) {
   const PlatformLibrary library(command.library);
@@ -69,7 +68,7 @@ std::int32_t call_function(const Command& command, Arguments... arguments) {
 
 // ---- Names
 
-// The two numbers and the null select all local names. The list is the caller's to free, on errors too.
+// The two numbers and the null select all local names. The caller frees the list, also after an error.
 using NameListFunction = std::int32_t(char** list, std::int32_t, std::int32_t, void*, std::int32_t* count);
 
 MemberValue list_names(Request& request) {
@@ -89,9 +88,9 @@ MemberValue list_names(Request& request) {
 
 // ---- Members
 
-// Returns the number of members, and in *list where as many pointers stand, one per member. Whose they are is
-// not known: the list may lie inside the library or inside a larger block, and freeing it could
-// crash the daemon. So it is read while the library is open, and neither it nor what it leads to is released.
+// Returns the number of members and stores in *list an array of as many pointers, one per member. Its ownership is
+// unknown: it may be inside the library or a larger block, and freeing it could crash the daemon. So it is read while
+// the library is open and never freed.
 using MemberListFunction = std::int32_t(const char* group_name, void*** list);
 
 MemberValue list_members(Request& request, const std::string& group_name) {
@@ -109,7 +108,7 @@ MemberValue list_members(Request& request, const std::string& group_name) {
 
 // ---- Text messages
 
-// The platform's record. How far its last field goes is not known here, nor what may follow: there is room.
+// The platform's record, padded, because the size of its last field and possible further fields are unknown.
 struct alignas(std::max_align_t) SmsSettings {
   std::int32_t mode;
   std::int32_t max_provider;
@@ -148,7 +147,7 @@ Outcome get_sms_settings(Request& request) {
 constexpr std::size_t kUserOffset = 82;           // bytes from the session record's start to its user name
 constexpr std::size_t kSessionRecordSize = 4096;  // bytes; the platform's own record is far smaller
 
-// The platform's record of a session, as far as it is known, and room for what is not.
+// The known part of the platform's session record, padded for the unknown rest.
 struct alignas(std::max_align_t) SessionRecord {
   char unused[kUserOffset];
   char user[kSessionRecordSize - kUserOffset];  // ends with a NUL
@@ -175,8 +174,7 @@ constexpr char kLoginTool[] = "/sbin/kcli";
 constexpr std::size_t kLoginArgumentSize = 32;  // bytes, NUL included
 constexpr int kLoginFailed = -2;
 
-// The third word of the second line, where there are two lines and three words in it; empty lines do not
-// count.
+// The third word of the second non-empty line; nothing if there is no such line or word.
 std::optional<std::string> session_id_in(const std::string& output) {
   const std::vector<std::string> lines = split_string(output, "\n", true);
   if (lines.size() != 2) return std::nullopt;

@@ -1,4 +1,4 @@
-// Command lines for programs of application packages.
+// Run command-line programs of application packages.
 //
 // `cmv_cli`, the media viewer's
 //   request  {"cmd": text}
@@ -42,13 +42,13 @@ constexpr std::size_t kProgramPathSize = 512;
 constexpr std::size_t kMissingMessageSize = 256;
 constexpr std::size_t kStartMessageSize = 512;
 
-constexpr std::size_t kListedSize = 2048;  // bytes of the arguments, all that a line of the log can hold
+constexpr std::size_t kListedSize = 2048;  // bytes of the arguments, as much as a log line can hold
 
 bool exists(const std::string& path) {
   return access(path.c_str(), F_OK) == 0;
 }
 
-// Refusals have all members, too.
+// Refusals also have all members.
 Outcome relay_viewer(Request& request) {
   Json::Value& reply = request.reply;
   reply["result_out"] = "";
@@ -79,7 +79,7 @@ Outcome relay_viewer(Request& request) {
   return Outcome::success;
 }
 
-// The program is looked for before the body.
+// The program is checked before the body.
 Outcome relay_agent(Request& request) {
   const char* const log_name = request.log_name.c_str();
   Json::Value& reply = request.reply;
@@ -100,7 +100,7 @@ Outcome relay_agent(Request& request) {
   const Json::Value& options = std::as_const(request.body)["opt"];  // not get(), which copies
   arguments.reserve(options.size() + 1);
   for (Json::ArrayIndex i = 0; i < options.size(); ++i) {
-    arguments.emplace_back(options[i].asCString());  // throws for what is no text
+    arguments.emplace_back(options[i].asCString());  // throws for a value that is not a text
     if (list.size() < kListedSize) list.append(arguments.back(), 0, kListedSize).append(",");
   }
   log_write("[%s] args=[%s], ", log_name, list.c_str());

@@ -1,7 +1,7 @@
-// Everything that a client can make this daemon do, in the order in which a request's name is looked for.
+// All commands, in the order in which a request's name is searched.
 //
-// Each name is a Command in the file of its family. A command whose name is not here does not compile; a name without
-// a command, or with two, does not link.
+// Each name is a Command in the file of its family. A command that is not listed here does not compile; a name with no
+// command or two commands does not link.
 #pragma once
 
 #include "handlers/command.h"

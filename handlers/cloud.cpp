@@ -1,5 +1,5 @@
-// The cloud's commands: each runs one of the platform's cloud tools and returns what it prints. One row per
-// command says what differs; those that do more than that have a function of their own.
+// Cloud commands: each runs one of the platform's cloud tools and returns its output. A row per command holds the
+// differences; commands that do more have a function.
 //
 //   request  the row's parameters
 //   reply    {"result": 0, MEMBER: base64 of the output} and, in most, "cli_ret": 0, or the failure reply when
@@ -24,14 +24,14 @@ constexpr char kHostTool[] = "/usr/sbin/get_kcloud_host";
 constexpr char kIdentityTool[] = "/usr/sbin/kcloud_tool";
 constexpr char kSerialReader[] = "/sbin/read_hwsn";
 constexpr char kCloudSerialReader[] = "/sbin/read_suid";
-constexpr char kCloudIdentity[] = "VNOS_CLD";  // of an appliance that itself runs in the cloud
+constexpr char kCloudIdentity[] = "VNOS_CLD";  // of an appliance that runs in the cloud
 
-// How what a tool prints becomes the reply.
+// How a tool's output becomes the reply.
 struct Relay {
-  bool has_cli_ret = false;  // and an output file that cannot be removed is logged
+  bool has_cli_ret = false;  // also logs if the output file cannot be removed
   bool without_last_line_feed = false;
-  bool as_text = false;       // not encoded
-  bool removed_late = false;  // the output file, after the reply
+  bool as_text = false;       // instead of base64
+  bool removed_late = false;  // removes the output file after the reply
 };
 
 Outcome answer(Request& request, Relay how, const CapturedRun& run) {
@@ -66,7 +66,7 @@ Outcome relay(Request& request) {
   return run_and_answer(request, how, request.program(), request.arguments());
 }
 
-// What the tool says counts, on either stream, however it ends.
+// The result is the tool's output on both streams, whatever its exit status.
 Outcome relay_status(Request& request) {
   const std::string program = request.program();
   const CapturedRun run(program, argument_vector(rootless_path(program), request.arguments()), Streams::both);
@@ -97,7 +97,7 @@ bool runs_in_cloud() {
   return identity.substr(0, identity.find('\n')) == kCloudIdentity;
 }
 
-// An appliance that runs in the cloud has no hardware whose number could be read.
+// An appliance that runs in the cloud has no hardware number.
 Outcome relay_serial(Request& request) {
   return run_and_answer(request, {}, runs_in_cloud() ? kCloudSerialReader : kSerialReader, {});
 }

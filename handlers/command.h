@@ -1,12 +1,12 @@
-// What a command is: one row, which is checked when it is compiled.
+// A command is one row, which is checked at compile time.
 //
 //     constexpr Command main_service::system_call_share_guard_remove = Row{
 //         .params = {text("share_name")},
 //         .program = "/sbin/share_guard",
 //         .args = {"remove", param("share_name")}};
 //
-// The row says what the request holds, what is run and what is answered. A command that does more than run its
-// program has an action besides (handlers/handler.h).
+// The row describes the request, the program and the reply. A command that does more than run a program also has an
+// action (handlers/handler.h).
 #pragma once
 
 #include <algorithm>
@@ -17,7 +17,7 @@
 
 struct Request;
 
-// What a parameter must be: a text, a number without a fraction that fits 32 bits, an array.
+// The type of a parameter: a text, an integer that fits 32 bits, an array.
 enum class Type { string, integer, array };
 
 constexpr const char* type_name(Type type) {
@@ -44,10 +44,10 @@ consteval Param optional(Param param) {
   return param;
 }
 
-// One argument of a program: a fixed text, or the value of the parameter of that name.
+// One argument of a program: a fixed text, or the value of a named parameter.
 struct Argument {
   constexpr Argument() = default;
-  constexpr Argument(const char* fixed) : text(fixed) {}  // NOLINT: a row reads better without a name for it
+  constexpr Argument(const char* fixed) : text(fixed) {}  // NOLINT: implicit, for readable rows
   const char* text = nullptr;
   bool is_param = false;
 };
@@ -58,11 +58,11 @@ consteval Argument param(const char* name) {
   return argument;
 }
 
-// What becomes of a request whose action has run; see handlers/handler.h.
+// The result of an action; see handlers/handler.h.
 enum class Outcome { success, failure, own, silent };
 
-// How the body is read before the action runs: the row's parameters, all of them, or nothing when it has none;
-// all members, by the library's own conversions; or by the action, when it sees fit.
+// How the body is read. The skeleton reads the row's parameters, or nothing if there are none; or it reads all members
+// with the library's own conversions; or the action reads the body itself.
 enum class Reads { params, members, itself };
 
 // Runs the row's program; exit status 0 is success.
@@ -75,34 +75,35 @@ struct Action {
       : run(function), reads(how), takes(picked), adds_member(adds), only_runs(false) {}  // NOLINT: as above
   Outcome (*run)(Request& request) = run_program;
   Reads reads = Reads::params;
-  std::span<const Type> takes;  // the parameters that `run` picks from the request, in their order
-  bool adds_member = false;     // the row's, to the reply
-  bool only_runs = true;        // the row's program; function pointers cannot always be compared by the compiler
+  std::span<const Type> takes;  // the parameters that `run` takes, in order
+  bool adds_member = false;     // whether it adds the row's `member` to the reply
+  // Whether it only runs the row's program. The compiler cannot always compare function pointers.
+  bool only_runs = true;
 };
 
 inline constexpr std::size_t kMostParams = 7;
 inline constexpr std::size_t kMostArguments = 14;
 
-// The package's control script, in place of a path; `Shell` in the platform's package list.
+// In place of a path: the package's control script, `Shell` in the platform's package list.
 inline constexpr std::string_view kControlScript = "SHELL";
 
 struct Row {
   const char* log_name = nullptr;  // null: "nos_", the command's name and "_handler"
   std::array<Param, kMostParams> params = {};
-  // What is run: a program, by its absolute path or kControlScript, or a function of a platform library.
+  // Either a program (an absolute path or kControlScript) or a function of a platform library.
   std::string_view program = {};
   std::array<Argument, kMostArguments> args = {};
   const char* library = nullptr;
   const char* function = nullptr;
-  const char* runs = nullptr;     // shown by `ksctl list`, where the fields above do not tell
-  const char* member = nullptr;   // of the reply: what the action adds to it
-  const char* answers = nullptr;  // shown likewise: the reply's members, where they are not `member` and "result"
+  const char* runs = nullptr;     // shown by `ksctl list` if the fields above do not tell
+  const char* member = nullptr;   // the member that the action adds to the reply
+  const char* answers = nullptr;  // shown by `ksctl list`: the reply's members, if not `member` and "result"
   Action action = {};
-  bool indented = false;       // the reply, on several lines
-  bool logs_bad_body = false;  // a body that is not JSON stands in the log
+  bool indented = false;       // whether the reply is on several lines
+  bool logs_bad_body = false;  // whether a body that is not JSON is logged
 };
 
-// A row that has been checked: one that cannot work does not compile.
+// A checked row: an invalid one does not compile.
 class Command : public Row {
  public:
   consteval Command(const Row& row) : Row(row) {  // NOLINT: as above
@@ -132,7 +133,7 @@ class Command : public Row {
     return {params.begin(), std::ranges::find(params, nullptr, &Param::name)};
   }
 
-  // The place of a parameter among them; their number when there is none of that name.
+  // The index of a parameter; their number if there is none with this name.
   constexpr std::size_t place_of(std::string_view name) const {
     const auto all = parameters();
     return static_cast<std::size_t>(std::ranges::find(all, name, &Param::name) - all.begin());

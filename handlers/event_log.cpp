@@ -1,4 +1,4 @@
-// Entries for the platform's own logs.
+// Add entries to the platform's own logs.
 //
 // `system_call_evrec_tool`, the event log
 //   request  {"log_type": number, "log_mseg": text}
@@ -9,7 +9,7 @@
 //   runs     /sbin/connrec_tool -t LOG_TYPE -i SERVICE_TYPE -n ACTION_TYPE -a LOG_MSEG -u USER_NAME -p IP
 //            -m COMPUTER_NAME
 //
-// Both reply {"result": 0}, or the failure reply of the first when the tool does not exit with 0.
+// Both reply {"result": 0}, or the failure reply of the first command if the tool does not exit with 0.
 #include <cstdint>
 #include <string>
 
@@ -26,7 +26,7 @@ bool run_tool(const Request& request) {
 }
 
 Outcome write_event(Request& request) {
-  int number = 2;  // counted from the program's name, which is number 1
+  int number = 2;  // the program's name is number 1
   for (const std::string& argument : request.arguments()) {
     LOG_AT(request.log_name.c_str(), "argv:%d , index:%s .", number++, argument.c_str());
   }
@@ -41,7 +41,8 @@ Outcome write_connection(Request& request, std::int32_t type, std::int32_t servi
          service, action, message.c_str(), user.c_str(), address.c_str(), computer.c_str());
   if (run_tool(request)) return Outcome::success;
   LOG_AT(log_name, "fail .");
-  request.reply["error_msg"] = "nos_system_call_evrec_tool_handler fail";  // the other's: clients match on it
+  // The other command's name: clients match on it.
+  request.reply["error_msg"] = "nos_system_call_evrec_tool_handler fail";
   request.reply["result"] = -1;
   return Outcome::own;
 }

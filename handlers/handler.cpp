@@ -24,10 +24,10 @@ namespace {
 constexpr std::size_t kFirstReadSize = 16 * 1024;  // most bodies are smaller
 constexpr std::size_t kReadSize = 256 * 1024;
 
-// No more than this is read of a body: a longer one costs too much, whatever is in it.
+// The most that is read of a body: a longer one exceeds the memory limit, whatever its content.
 constexpr std::size_t kMostText = kJsonBudget / 3;
 
-// Adds to the reply what the outcome says and sends it, unless there is nothing to send.
+// Adds the outcome's members to the reply and sends it, unless the outcome is silent.
 void conclude(Request& request, Outcome outcome) {
   if (outcome == Outcome::silent) return;
   if (outcome == Outcome::success) request.reply["result"] = 0;
@@ -39,7 +39,7 @@ void conclude(Request& request, Outcome outcome) {
   reply_json_string(indented ? json_write_indented(request.reply) : json_write(request.reply), request.io);
 }
 
-// Whether there is something to act on.
+// Whether the body is accepted, so that the action can run.
 bool read_body(Request& request) {
   const Reads reads = request.command.action.reads;
   if (reads == Reads::itself || (reads == Reads::params && request.command.parameters().empty())) return true;
@@ -68,7 +68,7 @@ bool Request::parse_body() {
   const bool members = command.action.reads == Reads::members;
   if (members ? json_parse_builder(text, &body, &errors) : json_parse(text, &body, &errors)) return true;
   if (errors.empty()) {
-    // The body would cost too much, which is logged.
+    // The body would need too much memory, which json_parse has logged.
   } else if (members) {
     LOG_AT(log_name.c_str(), "parse strInputArg failed, error=[%s]", errors.c_str());
   } else if (command.logs_bad_body) {
@@ -89,7 +89,7 @@ bool Request::read_params() {
         [&](auto& value) { parser_param_from_json_str(body, param.name, &value, type_name(param.type), &error); },
         values[i]);
   }
-  body = Json::Value();  // which takes many times the memory of its text
+  body = Json::Value();  // parsed values need many times the memory of their text
   return !error || refuse("paser fail");
 }
 
@@ -115,9 +115,9 @@ std::vector<std::string> Request::arguments() const {
 void carry_out(const CommandRow& row, ks_io* io) {
   Request request(row, io);
   const Outcome outcome = read_body(request) ? request.command.action.run(request) : Outcome::own;
-  // A client that has its reply finds the memory given back.
+  // Return the memory before the client gets its reply.
   request.body = Json::Value();
-  decltype(request.values)().swap(request.values);  // assigning would keep the texts' blocks
+  decltype(request.values)().swap(request.values);  // assignment would keep the texts' memory
   memory_give_back();
   conclude(request, outcome);
   if (request.afterwards) request.afterwards();
@@ -181,7 +181,7 @@ std::chrono::steady_clock::duration ReplyClock::elapsed() const {
 
 void reply_json_string(const std::string& text, ks_io* io) {
   if (!ks_io_alive(io)) return;
-  // NOLINTNEXTLINE(performance-no-int-to-ptr): the dispatcher has put a pointer there, or nothing
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): the dispatcher stores a pointer or 0
   auto* const clock = reinterpret_cast<ReplyClock*>(ks_io_get(io));
   if (clock != nullptr) clock->start();
   ks_io_realloc(io, 0);

@@ -1,6 +1,6 @@
-// The one skeleton of all commands: request text -> JSON -> typed parameters -> action -> reply.
+// The skeleton of all commands: request text -> JSON -> typed parameters -> action -> reply.
 //
-// What a command does beyond running its program is an action, a function of its family's file:
+// A command that does more than run a program has an action, a function in its family's file:
 //
 //     Outcome look_up(Request& request, const std::string& user, std::int32_t type) {
 //       ...                                 // act; add to request.reply what the reply carries besides
@@ -12,7 +12,7 @@
 //         .runs = "what a reader of `ksctl list` is told",
 //         .action = calls<look_up>};
 //
-// and the skeleton sends, on one line of JSON unless the row asks for several:
+// The skeleton sends one of these replies, on one line of JSON unless the row asks for several:
 //   the body is not JSON                 {"error_code":-1,"error_msg":"input error"}     and one log line
 //   or it would take too much memory     the same, and another log line
 //   a parameter is missing or mistyped   {"error_code":-1,"error_msg":"paser fail"}
@@ -20,9 +20,9 @@
 //   Outcome::success                     {"result":0} and what the action has set
 //   Outcome::own                         what the action has set
 //   Outcome::silent                      nothing: the dispatcher hangs up
-// The body of a command without parameters is not looked at. A request without any body raises std::logic_error
-// where its body is read, as does JSON that is neither an object nor null (Json::LogicError); what an action
-// throws passes through as well. The dispatcher catches.
+// The body of a command without parameters is ignored. If a body is read, an empty one raises std::logic_error, and
+// JSON that is neither an object nor null raises Json::LogicError. These and exceptions from actions reach the
+// dispatcher, which catches them.
 #pragma once
 
 #include <json/value.h>
@@ -46,47 +46,46 @@
 
 using Value = std::variant<std::string, std::int32_t>;
 
-// One request on its way through the skeleton.
+// The state of one request in the skeleton.
 struct Request {
   Request(const CommandRow& row, ks_io* request_io);
 
-  // For actions that read the body themselves. False when there is nothing to act on: the reply is then the
-  // refusal. read_params fills `values`, parse_body only `body`.
+  // For actions that read the body themselves. False if the body is refused; the reply is then the refusal. read_params
+  // fills `values`, parse_body only `body`.
   bool parse_body();
   bool read_params();
 
-  // The row's program, a control script looked up, or empty when the package list does not have it; and its
-  // arguments, filled in.
+  // The path of the row's program, empty if the package list lacks the control script; and the program's arguments.
   std::string program() const;
   std::vector<std::string> arguments() const;
 
   const Command& command;
   const std::string log_name;
   ks_io* const io;
-  std::array<Value, kMostParams> values;  // of the parameters, in their order
+  std::array<Value, kMostParams> values;  // of the parameters, in order
   Json::Value body;
   Json::Value reply;
-  std::function<void()> afterwards;  // what is left to do once the reply is out
+  std::function<void()> afterwards;  // called after the reply is sent
 
  private:
   bool refuse(const char* message);
 };
 
-// What stands in a command's log lines and failures.
+// The name used in a command's log lines and failure replies.
 std::string log_name_of(const CommandRow& row);
 
-// Runs a command for one request, up to its reply. The request stays the dispatcher's.
+// Runs a command for one request and sends the reply. The dispatcher keeps the request.
 void carry_out(const CommandRow& row, ks_io* io);
 
-// What a function returns that looks up the row's `member`: its value, or nothing when it could not be had.
+// The result of a function that looks up the row's `member`: its value, or nothing on failure.
 using MemberValue = std::optional<Json::Value>;
 
-// For actions that only tell whether it could be done, and for those that add the row's `member`.
+// The outcome of an action that only succeeds or fails, and of one that adds the row's `member`.
 Outcome success_if(bool done);
 Outcome success_if_had(Request& request, MemberValue member);
 
-// The action of a function that takes the row's parameters, in their order. One that returns a MemberValue needs a row
-// with a `member`.
+// Makes an action from a function that takes the row's parameters in order. If it returns a MemberValue, the row needs
+// a `member`.
 template <auto function>
 struct Call;
 template <typename Result, typename... Taken, Result (*function)(Request&, Taken...)>
@@ -110,20 +109,20 @@ struct Call<function> {
 template <auto function>
 inline constexpr Action calls{Call<function>::run, Reads::params, Call<function>::kTypes, Call<function>::kAddsMember};
 
-// A logged run whose output is the answer: "result_out", in base64, and a "cli_ret" of 0. `removal_tells`: -1
-// there when the output file could not be removed. Without a reply when the program failed.
+// Runs a program with logging and replies with its output: "result_out" in base64, and "cli_ret" 0. With
+// `removal_tells` "cli_ret" is -1 if the output file could not be removed. Sends no reply if the program failed.
 Outcome relay_logged(Request& request, LoggedRun run, bool removal_tells = false);
 
-// The member of that name of an object or null, or the other value: the library's get(), which copies.
+// The member `name` of an object or null, or the other value. Copies, like the library's get().
 const Json::Value& member_or(const Json::Value& object, std::string_view name, const Json::Value& otherwise);
 
-// Tells the dispatcher how long a handler has been at writing its reply, where a hostile client can hold it up. The
-// request's user word (ks_io_set) points at it, or is 0. Any thread may look.
+// Tells the dispatcher how long a handler has been writing its reply, which a hostile client can hold up. The request's
+// user value (ks_io_set) points to it, or is 0. Any thread may read it.
 class ReplyClock {
  public:
   void start() { started_.store(std::chrono::steady_clock::now().time_since_epoch()); }
   void stop() { started_.store(kStopped); }
-  // Zero while no reply is being written.
+  // Zero unless a reply is being written.
   std::chrono::steady_clock::duration elapsed() const;
   // Whether a reply has been written.
   bool has_stopped() const { return started_.load() == kStopped; }
@@ -133,10 +132,9 @@ class ReplyClock {
   std::atomic<std::chrono::steady_clock::duration> started_{};
 };
 
-// The request's body up to its first NUL, or so much of it that it costs more than any request may. Throws
-// std::logic_error when there is no body. Reads through the descriptor: the client can shrink the file under
-// a mapping.
+// Returns the request's body up to its first NUL. Stops reading when the body exceeds every limit. Throws
+// std::logic_error if there is no body. Reads through the descriptor, because the client can shrink a mapped file.
 std::string read_request_text(ks_io* io);
 
-// Puts `text` in place of the request's body and tells the client; does nothing when the client has gone.
+// Replaces the request's body by `text` and notifies the client; does nothing if the client has gone.
 void reply_json_string(const std::string& text, ks_io* io);

@@ -1,4 +1,4 @@
-// What appliance this is: fields of its vital product data (VPD), its display name, what kind of model it is.
+// Identifies the appliance: fields of its vital product data (VPD), its display name, its kind of model.
 //
 //   get_vpd_productnamed,        runs the hardware tool for one field, which prints NAME=VALUE; answers VALUE
 //   get_vpd_eepkey,
@@ -10,8 +10,8 @@
 //   is_trn_model                 answers 0
 //   get_dispdeck_status          answers a number of the platform's configuration, or 0
 //
-// Nothing is kept from one request to the next. The hardware tool's exit status is not looked at. One that cannot be
-// executed has printed nothing: that is a failure for a field, and an empty text for the extended area.
+// Nothing is cached. The hardware tool's exit status is ignored. If the tool cannot be executed, its output is empty:
+// that is a failure for a field, and an empty text for the extended area.
 #include <unistd.h>
 
 #include <cstddef>
@@ -38,10 +38,9 @@ constexpr char kPlatformConfig[] = "/etc/platform.conf";
 constexpr char kDisplayConfig[] = "/etc/kos.ui.cp.conf";
 constexpr char kGenericMarker[] = "/etc/IS_G";
 
-constexpr int kNotStarted = -2;  // what the log calls a hardware tool that could not be started
+constexpr int kNotStarted = -2;  // logged as the status of a hardware tool that could not be started
 
-// VALUE of the tool's NAME=VALUE, without the blanks and newlines around it; nothing when the output is of
-// any other form.
+// VALUE of the tool's NAME=VALUE, without surrounding blanks and newlines; nothing if the output has another form.
 std::optional<std::string> field_value(const std::string& output) {
   std::vector<std::string> pieces = split_string(output, "=", true);
   if (pieces.size() != 2) return std::nullopt;
@@ -80,12 +79,12 @@ Outcome answer_generic_model(Request& request) {
   const bool generic = access(kGenericMarker, F_OK) == 0;
   LOG_AT(request.log_name.c_str(), "%s", generic ? "is generic." : "normal.");
   request.reply["is_generic"] = generic ? 1 : 0;
-  // A normal model is no failure and has no message; but clients know it by this -1.
+  // Not a failure, so there is no message; clients recognise a normal model by this -1.
   request.reply["result"] = generic ? 0 : -1;
   return Outcome::own;
 }
 
-// There is no such model on the platforms of this build; clients may still ask.
+// The platforms of this build have no such model; clients may still ask.
 MemberValue get_trn_model(Request& request) {
   LOG_AT(request.log_name.c_str(), "normal.");
   return 0;

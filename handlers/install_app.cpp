@@ -20,9 +20,9 @@ namespace {
 
 constexpr std::size_t kScriptPathSize = 1024;  // bytes, terminator included
 
-// Tells programs that are started with the daemon's environment from then on, not this command's script, that
-// they may install. Once, because other threads read the environment meanwhile: that the C library replaces
-// the array of its own start is harmless to them, that it grows its replacement would not be.
+// Sets the variable that permits programs to install, for all programs started later with the daemon's environment,
+// though not for this command's script. Done only once, because other threads read the environment: the first change,
+// which copies the original array, is harmless to them, but growing the copy would not be.
 void allow_installation() {
   static char variable[] = "KPKGD=ALLOW";  // becomes part of the environment
   // NOLINTNEXTLINE(concurrency-mt-unsafe): see above
@@ -34,7 +34,7 @@ Outcome install(Request& request) {
   const Json::Value& body = request.body;
   const std::string folder = member_or(body, "sys_install_folder", "").asString();
   std::string package = member_or(body, "app_file_path", "").asString();
-  (void)member_or(body, "install_volume", "").asString();  // must be convertible, but is not passed on
+  (void)member_or(body, "install_volume", "").asString();  // must be convertible to a text, but is unused
   allow_installation();
   const std::string script = format_bounded(kScriptPathSize, "%s/script/operate_kpkgcenter_app.sh", folder.c_str());
   LoggedRun run{.program = script, .arguments = {"install"}, .failure_shows_output = true};

@@ -1,4 +1,4 @@
-// `update_ip_ban_list`: the addresses that the appliance's front web server refuses, always as a whole.
+// `update_ip_ban_list`: replaces the list of addresses that the appliance's front web server refuses.
 //
 //   request  {"ip_list": addresses, separated by commas, each as the web server reads it after "deny from"}
 //   writes   the server's fragment
@@ -27,7 +27,7 @@ constexpr std::string_view kBegin = "<LocationMatch \"/.*\">\norder allow,deny\n
 constexpr std::string_view kBeforeAddress = "deny from ";
 constexpr std::string_view kEnd = "allow from all\n</LocationMatch>\n";
 
-// Calls `act` with each address. A list of pieces would take more memory than the addresses.
+// Calls `act` with each address. A list of strings would need more memory than the addresses.
 template <typename Act>
 void for_each_address(std::string_view addresses, const Act& act) {
   for (std::size_t begin = 0, end = 0; end < addresses.size(); begin = end + 1) {
@@ -54,12 +54,12 @@ std::string fragment_text(std::string_view addresses, std::size_t size) {
 
 Outcome update_ban_list(Request& request, const std::string& addresses) {
   const std::size_t size = fragment_size(addresses);
-  if (size + addresses.size() > kJsonBudget) {  // of tens of millions of addresses of a letter or two
+  if (size + addresses.size() > kJsonBudget) {  // for tens of millions of very short addresses
     LOG_AT(request.log_name.c_str(), "a fragment of %zu bytes is too large.", size);
     return Outcome::failure;
   }
   if (!write_fragment_through_links(kFragment, fragment_text(addresses, size))) return Outcome::failure;
-  // A server that does not run now reads the list when it starts.
+  // A stopped server reads the list when it starts.
   exec_cmd_args(nullptr, nullptr, nullptr, kWebServer, "-k", "graceful", "-f", kWebServerConfig, nullptr);
   exec_cmd_args(nullptr, nullptr, nullptr, kTunnelScript, "reload", nullptr);
   return Outcome::success;

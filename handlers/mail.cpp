@@ -1,26 +1,26 @@
-// Mail, and the three commands that are of no family.
+// Mail, and the commands that belong to no family.
 //
-// `test`, on both services: a sign of life. The body is not read.
+// `test`, on both services: tells that the service answers. The body is not read.
 //
-// `sendmail`, on the mail service: hands a mail that the client has left in the staging directory to the
-// system's mail program.
+// `sendmail`, on the mail service: passes a mail that the client has put into the staging directory to the system's
+// mail program.
 //
 //   request  {"user": text, "pwd": text, "config_file": name, "content_file": name}
 //   runs     /usr/sbin/sendmail -C CONFIG -t                  with the content as input, if user or pwd is empty
 //            /usr/sbin/sendmail -auUSER -auPWD -C CONFIG -t   with the configuration file as input, else
 //   reply    {"result": n}: exit status, 127 for no program, 128 + its signal, or -1 when nothing was started
 //
-// Afterwards both files are moved to the scratch directory, beside the program's output and a record of the
-// send. All four belong to the last mail: with several under way at once the last writer wins. The password
-// appears in the record and in the program's command line, and must not appear in the log.
+// Afterwards both files are moved to the scratch directory, which also gets the program's output and a record of the
+// send. All four are of the last mail; if several are sent at once, the last writer wins. The password is in the record
+// and on the program's command line, and must not be in the log.
 //
-// `exec_cli`: runs the program that the request names and returns what it prints.
+// `exec_cli`: runs the program named in the request and returns its output.
 //
 //   request  {"command": [path, argument, ...]}
 //   reply    {"error_code": 0, "handler": "exec_cli_handler", "result": output, "service": ...}
 //            {"error_code": -1, "error_msg": "Read command fail.", ...} when there is no such command
 //
-// How the program ends is not looked at: one that cannot be run has printed nothing.
+// The program's exit status is ignored. If it cannot be run, the output is empty.
 #include <sys/stat.h>
 
 #include <cstddef>
@@ -53,12 +53,11 @@ constexpr char kLastConfig[] = "sendmail.conf";
 constexpr char kLastContent[] = "sendmail.content";
 constexpr char kDebugRecord[] = "sendmail.dbg";
 
-// Bytes, terminators included.
+// Bytes, including terminators.
 constexpr std::size_t kPathSize = 256;
 constexpr std::size_t kCredentialSize = 64;
 
-// The record and the log have a place for command texts, from when the mail went through a shell. Readers of
-// both expect the lines.
+// The record and the log have lines for a shell command, which is always empty now. Readers of both expect the lines.
 constexpr char kNoCommand[] = "";
 
 struct Mail {
@@ -68,13 +67,13 @@ struct Mail {
   std::string content_path;
 };
 
-// The name is not looked at: one with ".." in it leads out of the directory, as it always has.
+// The name is not checked: as always, ".." in it leads out of the directory.
 std::string staged(const std::string& name) {
   return format_bounded(kPathSize, "%s/%s", kStagingDir, name.c_str());
 }
 
-// The mail program opens its configuration by itself, and would wait for ever on a pipe or a terminal. It reports a
-// missing file, or a folder, itself.
+// The mail program opens its configuration itself, and would wait for ever on a pipe or a terminal. It also reports a
+// missing file or a folder itself.
 bool can_be_configuration(const char* path) {
   struct stat info {};
   return stat(path, &info) != 0 || S_ISREG(info.st_mode) || S_ISDIR(info.st_mode);
@@ -90,20 +89,21 @@ int run_mail_program(const Mail& mail, const HeldFolder& scratch) {
     return exec_cmd_stdio_args(mail.content_path.c_str(), output, output, nullptr, kMailProgram, "-C", config, "-t",
                                nullptr);
   }
-  // Twice the same option, and the configuration as input: clients that authenticate write their files so.
+  // The option appears twice and the configuration is the input: authenticating clients write their files for this.
   const std::string user = format_bounded(kCredentialSize, "-au%s", mail.user.c_str());
   const std::string password = format_bounded(kCredentialSize, "-au%s", mail.password.c_str());
   return exec_cmd_stdio_args(config, output, output, nullptr, kMailProgram, user.c_str(), password.c_str(), "-C",
                              config, "-t", nullptr);
 }
 
-// Only a file is moved: an empty name stands for the staging directory itself.
+// Only a file is moved: an empty name would mean the staging directory itself.
 void keep_file(const std::string& path, const std::string& kept) {
   struct stat info {};
   if (lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode)) std::rename(path.c_str(), kept.c_str());
 }
 
-// Empties the staging directory of this mail. A missing file is no error here: the mail program has missed it before.
+// Removes this mail from the staging directory. A missing file is not an error here: the mail program has already
+// reported it.
 void keep_files(const Mail& mail, const HeldFolder& scratch) {
   keep_file(mail.config_path, scratch.path_of(kLastConfig));
   keep_file(mail.content_path, scratch.path_of(kLastContent));
@@ -125,7 +125,7 @@ void write_log(const char* log_name, const Mail& mail, int result) {
   LOG_AT(log_name, "str_conf_path=[%s].", mail.config_path.c_str());
   LOG_AT(log_name, "str_content_path=[%s].", mail.content_path.c_str());
   LOG_AT(log_name, "str_cmd_sendmail=[%s].", kNoCommand);
-  LOG_AT(log_name, "ret_val=[%d].\n", result);  // the empty line ends a mail's lines
+  LOG_AT(log_name, "ret_val=[%d].\n", result);  // an empty line follows a mail's lines
 }
 
 Outcome send_mail(Request& request, const std::string& user, const std::string& password,
@@ -136,7 +136,7 @@ Outcome send_mail(Request& request, const std::string& user, const std::string& 
   LOG_AT(log_name, "exec sendmail start.");
   const HeldFolder scratch(kScratchDir);
   const int result = exit_status(run_mail_program(mail, scratch));
-  const HeldFolder scratch_now(kScratchDir);  // a mail takes minutes, in which the folder may have been made anew
+  const HeldFolder scratch_now(kScratchDir);  // opened again: the folder may have been replaced while the mail was sent
   keep_files(mail, scratch_now);
   request.reply["result"] = result;
   write_record(mail, result, scratch_now);
@@ -153,11 +153,11 @@ Outcome give_sign_of_life(Request& request) {
 
 // ---- Command lines
 
-constexpr std::size_t kArgumentSize = 256;  // bytes of one argument, its NUL included
+constexpr std::size_t kArgumentSize = 256;  // bytes of one argument, including the NUL
 constexpr std::size_t kMaxOutput = 5120;    // bytes of output that are returned
 
-// The command as texts, program first. Numbers and booleans stand for their JSON texts; nothing when there is
-// no program, or something has no text form.
+// The command as texts, program first. Numbers and booleans become their JSON texts. Nothing if there is no program, or
+// an element cannot become a text.
 std::optional<std::vector<std::string>> read_command_line(const std::string& text) {
   Json::Value root;
   if (!json_parse(text, &root) || !root.isObject()) return std::nullopt;

@@ -1,12 +1,12 @@
-// What the application has the platform or its own package do: protect shares and set their rights, feed the search
-// index, feed the analytics tool, pass notifications on, tell how much of a tiered folder lies in the cloud.
+// Commands that run programs of the platform or of the package: protect shares and set their rights, feed the search
+// index and the analytics tool, pass on notifications, report how much of a tiered folder is in the cloud.
 //
-// Most of these commands run one program, and exit status 0 is success. The others:
+// Most of them only run one program, and exit status 0 is success. The others:
 //
 // `system_call_cloud_analysis_register`
 //   request  {"provide_id": text, "command": word}
 //   runs     /usr/local/bin/kanalytic_tool COMMAND -p PROVIDE_ID -c /share/.@analytic
-//   Whatever comes of it, a record of the registration is left in the scratch directory.
+//   Always leaves a record of the registration in the scratch directory.
 // `system_call_nc_notify`
 //   request  {"nc_notify": base64 of the arguments, as a shell reads them}
 //   runs     /bin/sh -c "INSTALL_PATH/script/nc_wrapper.sh ARGUMENTS", as root
@@ -43,7 +43,7 @@ constexpr char kShareGuard[] = "/sbin/share_guard";
 constexpr char kAnalyticsTool[] = "/usr/local/bin/kanalytic_tool";
 constexpr char kDataDir[] = "/share/.@analytic";
 constexpr char kDebugRecord[] = "cloud_analysis_register.dbg";
-constexpr std::size_t kCommandTextSize = 512;  // bytes, terminator included
+constexpr std::size_t kCommandTextSize = 512;  // bytes, including the terminator
 
 void write_record(const std::string& command, const std::string& provider, int result) {
   const UniqueStream record = open_debug_record(HeldFolder(kScratchDir), kDebugRecord);
@@ -68,19 +68,19 @@ constexpr char kShell[] = "/bin/sh";
 constexpr char kWrapper[] = "script/nc_wrapper.sh";
 constexpr char kNotifyScript[] = "vistalpro_notify.sh";
 
-// Bytes, terminators included.
+// Bytes, including terminators.
 constexpr std::size_t kWrapperPathSize = 512;
 constexpr std::size_t kCommandLineSize = 4096;
 constexpr std::size_t kScriptPathSize = 256;
 
-constexpr std::int32_t kReturnCommand = 3;  // the one "cmd" that the script has a use for
+constexpr std::int32_t kReturnCommand = 3;  // the only "cmd" that the script supports
 
 Outcome pass_notification(Request&, const std::string& encoded) {
   const std::string wrapper = package_file(kOwnPackage, kWrapper, kWrapperPathSize);
   std::string arguments;
   base64_decode(encoded, &arguments);
-  // Not quoted: the arguments are the client's to quote. Without a wrapper the shell runs them by
-  // themselves, which clients rely on; a package list that could not be read counts as one without.
+  // Not quoted: the client quotes the arguments. Without a wrapper the shell runs the arguments as a command, which
+  // clients rely on; an unreadable package list counts as no wrapper.
   const std::string line = format_bounded(kCommandLineSize, "%s %s", wrapper.c_str(), arguments.c_str());
   return success_if(run_quietly(kShell, {base_name(kShell), "-c", line}) == 0);
 }
@@ -98,7 +98,7 @@ Outcome return_notification(Request&, std::int32_t command, std::int32_t type, s
 constexpr char kAttributeReader[] = "/usr/bin/getfattr";
 constexpr char kAttribute[] = "trusted.tm.cloud_usage";
 
-constexpr std::size_t kEncodedSize = 2048;                     // bytes of a "size_info", terminator included
+constexpr std::size_t kEncodedSize = 2048;                     // bytes of a "size_info", including the terminator
 constexpr std::size_t kMaxUsage = (kEncodedSize - 1) / 4 * 3;  // bytes whose encoding still fits
 
 MemberValue get_cloud_usage(Request&, const std::string& encoded_path) {

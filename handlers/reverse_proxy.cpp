@@ -1,4 +1,4 @@
-// `reverse_proxy`: publishes web services of the application on ports of the appliance, or takes them back.
+// `reverse_proxy`: publishes web services of the application on ports of the appliance, or unpublishes them.
 //
 //   request  {"action": "add" or "delete" (default), "rule_list": [{"GUID": name of the rule, "port": number,
 //            "des_port": number, "protocol": "http" or "https", "des_protocol": "http", "https", "ws" or
@@ -30,7 +30,7 @@ constexpr char kPidFile[] = "/var/lock/apache_reverse_proxy_vistalsurveillance.p
 constexpr char kServiceManager[] = "/sbin/svc_mgr";
 constexpr char kServiceName[] = "reverseproxy_vistalsurveillance";
 
-constexpr std::size_t kOtherTextSize = 2048;  // bytes, more than a rule has besides its target
+constexpr std::size_t kOtherTextSize = 2048;  // bytes, more than the rest of a rule needs
 
 struct TlsSettings {
   std::string protocols;
@@ -55,8 +55,8 @@ std::string fragment_path(const std::string& guid) {
   return path;
 }
 
-// Throws when a value has the wrong type or a port is missing; which values are looked at first decides what
-// a client is left with that sends several wrong ones.
+// Throws if a value has the wrong type or a port is missing. The order of the checks is visible to clients that send
+// several wrong values.
 Rule read_rule(const Json::Value& rule) {
   Rule read;
   read.port = member_or(rule, "port", "").asInt();
@@ -65,12 +65,12 @@ Rule read_rule(const Json::Value& rule) {
   read.target_protocol = member_or(rule, "des_protocol", "http").asString();
   read.without_hsts = member_or(rule, "hsts", false).asBool();
   read.target_host = member_or(rule, "host_name", "").asString();
-  (void)member_or(rule, "proxy_timeout", 60).asInt();  // must be a number, but the timeout is the same for all
+  (void)member_or(rule, "proxy_timeout", 60).asInt();  // must be a number, but has no effect
   return read;
 }
 
-// The line of protocols has no directive before it. Web servers refuse that line, and with it their whole
-// configuration, unless the platform's own is taught otherwise; the text has always been this.
+// The line of protocols lacks its directive. Ordinary web servers reject such a configuration, but the platform's own
+// may accept it; the text has always been like this.
 std::string tls_text(const TlsSettings& tls, bool without_hsts) {
   std::string text = "\tSSLEngine on\n";
   text += "\tSSLCipherSuite " + tls.ciphers + "\n";
@@ -104,12 +104,12 @@ std::string rule_text(const Rule& rule, const TlsSettings& tls) {
   return text;
 }
 
-// Calls `act` with each rule that has a GUID, and with the GUID. One with a NUL is none: as a path it would end
-// there, before the ".conf".
+// Calls `act` with each rule that has a GUID, and the GUID. A GUID with a NUL is ignored: the path would end at the
+// NUL, before ".conf".
 template <typename Act>
 void for_each_rule(Request& request, const Act& act) {
   Json::Value& rules = request.body["rule_list"];
-  LogBatch log;  // a list may have a million rules without a GUID
+  LogBatch log;  // a list may contain a million rules without a GUID
   for (Json::ArrayIndex i = 0; i < rules.size(); ++i) {
     const std::string guid = member_or(rules[i], "GUID", "").asString();
     if (guid.empty() || guid.find('\0') != std::string::npos) {
@@ -127,8 +127,8 @@ void add_rules(Request& request) {
   tls.has_chain = has_ssl_chain_file() == 1;
   for_each_rule(request, [&](Json::Value& rule, const std::string& guid) {
     const Rule read = read_rule(rule);
-    rule = Json::Value();  // the text takes its place in memory
-    // A failure is not reported: the other rules still take effect, and there is no reply for a single one.
+    rule = Json::Value();  // free it before the text is kept
+    // A failure is not reported: the other rules still take effect, and the reply is for all rules.
     write_fragment(fragment_path(guid), rule_text(read, tls));
   });
 }

@@ -1,4 +1,4 @@
-// `web_booth`: a browser in a container of the appliance, opened on a page and shown to the user.
+// `web_booth`: opens a page for the user in a browser that runs in a container on the appliance.
 //
 //   request  {"action": "add", "delete" or "get_status", "auth_token": text, "rule_list": [{"bs_id": text,
 //            "des_protocol": scheme, "host_name": text, "des_port": number, "browser_type": text}]}; of the
@@ -25,7 +25,7 @@ constexpr char kTool[] = "/usr/sbin/kesh";
 
 using Arguments = std::vector<std::string>;
 
-// Without the copies that a list in braces makes: a text may be large.
+// An initializer list would copy the texts, which may be large.
 template <typename... Text>
 Arguments listed(Text&&... texts) {
   Arguments arguments;
@@ -34,7 +34,7 @@ Arguments listed(Text&&... texts) {
   return arguments;
 }
 
-// Nothing for an action that the tool has no verb for.
+// Nothing if the tool has no verb for the action.
 std::optional<Arguments> tool_arguments(const std::string& action, std::string token, const Json::Value& rule) {
   std::string id = "id=" + member_or(rule, "bs_id", "").asString();
   std::string url = "open_url=" + member_or(rule, "des_protocol", "http").asString();
@@ -56,7 +56,7 @@ Outcome control_booth(Request& request) {
   const std::string action = member_or(body, "action", "remove").asString();
   const Json::Value& rules = body["rule_list"];  // not get(), which copies
   std::string token = "token=" + member_or(body, "auth_token", "").asString();
-  if (rules.size() == 0) {  // empty() would not do: it does not count a text as a list without elements
+  if (rules.size() == 0) {  // not empty(), which is false for a text
     LOG_AT(log_name, "jRuleList is empty");
     request.reply["error_code"] = -5;
     request.reply["error_msg"] = "jRuleList is empty";

@@ -1,9 +1,9 @@
 #!/bin/sh
-# vistalprod.sh ACTION [--force] [-t SECONDS]: the daemon, from the appliance's start and stop sequence. For a plain
-# Bourne shell, as appliances have. It may be linked to any name but `vistalprod`: the daemon refuses to run beside a
-# process of that name, and a script is one.
+# vistalprod.sh ACTION [--force] [-t SECONDS]: the daemon, from the appliance's start and stop sequence. For a
+# plain Bourne shell, as appliances have. It may be linked to any name but `vistalprod`: the daemon refuses to run
+# beside a process with that name.
 #
-#   start         comes back when clients are served. A daemon that is still stopping is waited for
+#   start         waits for a daemon that is still stopping; returns when clients are served
 #   stop          waits 60 seconds, or SECONDS, for the daemon's end; --force then kills it
 #   restart       stop, and start if that worked
 #   try-restart   the same if the daemon runs, else nothing
@@ -18,9 +18,9 @@ here=$(dirname -- "$self")
 PATH=$here:$here/../bin:$PATH:/sbin:/usr/sbin
 program=$(readlink -f -- "$(command -v vistalprod || echo "$here/vistalprod")")
 start_seconds=30
-stop_seconds=60 # the programs that requests have started are waited for
+stop_seconds=60 # a stop waits for the programs that requests have started
 kill_seconds=10 # for the kernel to end a process
-answer_seconds=5 # ksctl waits no less
+answer_seconds=5 # ksctl's minimum
 configuration=/etc/config/kpkg.conf
 stopping_file=/var/run/vistalprod.stopping # which daemon was told to stop
 
@@ -40,8 +40,8 @@ is_of_root() { # PID
   return 1
 }
 
-# Whether process $1 is a root process that runs the installed executable, or did before that was replaced. What it is
-# called proves nothing: a process of any user may bear the daemon's name.
+# Whether process $1 is a root process that runs the installed executable, or a replaced version of it. The name is not
+# checked, because any user's process may have the daemon's name.
 is_daemon() {
   executable=$(readlink "/proc/$1/exe") || return 1
   # shellcheck disable=SC3013 # the shells of appliances know -ef
@@ -53,15 +53,15 @@ is_daemon() {
   is_of_root "$1"
 }
 
-# Sets `pid` to the daemon's, and `other` to that of another process beside which the daemon would not run.
+# Sets `pid` to the daemon's, and `other` to that of a process that prevents the daemon from running.
 find_daemon() {
   pid='' other=''
   for stat in /proc/[0-9]*/stat; do
     { read -r candidate name state parent _ <"$stat"; } 2>/dev/null || continue
     if [ "$name" != '(vistalprod)' ] || [ "$state" = Z ]; then continue; fi
     if ! is_daemon "$candidate"; then
-      if is_of_root "$candidate"; then other=$candidate; fi # no other user's process keeps it from running
-    elif ! is_daemon "$parent"; then # else it is about to become a program that the daemon runs
+      if is_of_root "$candidate"; then other=$candidate; fi # only root's processes prevent it from running
+    elif ! is_daemon "$parent"; then # otherwise it is a fork of the daemon that will execute a program
       pid=$candidate
       return 0
     fi
@@ -69,7 +69,7 @@ find_daemon() {
   return 1
 }
 
-# No other process has the same, ever.
+# Identifies a process uniquely.
 identity() { cut -d ' ' -f 1,22 "/proc/$pid/stat" 2>/dev/null; }
 was_told_to_stop() { [ -e $stopping_file ] && [ "$(cat $stopping_file)" = "$(identity)" ]; }
 
@@ -99,8 +99,8 @@ names() { # of the processes on standard input
   done
 }
 
-# The processes that are connected to socket $1. Only ss knows which ends belong together; without it, those that have a
-# nameless end of any local connection.
+# The processes that are connected to socket $1. Only ss knows which ends belong together; without it, lists processes
+# with an unnamed end of any local connection.
 connected() {
   if command -v ss >/dev/null; then
     # shellcheck disable=SC2016 # for awk
@@ -124,7 +124,7 @@ programs() { # that the daemon runs
   done | sed -n "s/^$pid //p" | names
 }
 
-# What keeps each service of $1 from answering, or from ending.
+# Explains what prevents each service of $1 from answering or ending.
 explain() {
   known=
   command -v ss >/dev/null || known=', or have any other local connection (there is no ss to tell)'
@@ -137,7 +137,7 @@ explain() {
   echo "vistalprod: programs that it runs:$(programs)"
 }
 
-# Whether files can be made in folder $1, by a copy of this script, which needs space, or of nothing.
+# Whether files can be created in folder $1, tested by copying $2 there.
 can_write() { # FOLDER FILE
   probe=$1/.vistalprod.$$
   reason=$(cp "$2" "$probe" 2>&1) && rm -f "$probe" && return 0
@@ -179,7 +179,7 @@ check_folders() {
   done
 }
 
-# What a start needs, in the order in which the daemon would miss it.
+# Checks what a start needs, in the order in which the daemon needs it.
 check() {
   check_installed && check_configured || return
   if [ -n "$other" ]; then
@@ -188,9 +188,9 @@ check() {
   check_folders
 }
 
-# The daemon writes why it dies to standard error, which it no longer has in the background.
+# Starts the daemon in the foreground to get its error message; in the background it has no standard error.
 why_it_died() {
-  { reason=$(vistalprod -t 2>&1); } 2>/dev/null # where some shells say that it was killed
+  { reason=$(vistalprod -t 2>&1); } 2>/dev/null # hides the shell's own message about a killed process
   status=$?
   if [ $status = 0 ]; then
     fail 1 "died while starting, but another try in the foreground did not; see $log/.nxe_ks_vistalprod.log"
@@ -202,7 +202,7 @@ why_it_died() {
 launch() {
   for service in main mail; do
     socket=$(socket_of $service)
-    if [ -S "$socket" ]; then rm -f "$socket"; fi # left by a crash, and perhaps still held open by a program of then
+    if [ -S "$socket" ]; then rm -f "$socket"; fi # left by a crash; an old program may still hold it open
   done
   umask 022
   # For as many clients as may wait. The daemon raises the soft limit itself.
@@ -253,7 +253,7 @@ stop() {
   else
     kill -KILL "$stopped" 2>/dev/null
     await_end "$stopped" $kill_seconds || fail 1 "pid $stopped cannot be killed" || return
-    rm -f "$(socket_of main)" # or else it would seem to have died by itself
+    rm -f "$(socket_of main)" # otherwise the daemon would seem to have crashed
     say "killed"
   fi
   rm -f $stopping_file

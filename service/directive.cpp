@@ -12,15 +12,15 @@
 
 namespace {
 
-// The kernel's own limit. With less room it would close what does not fit, in the thread that receives: see
-// discard.cpp.
+// The kernel's limit for one message. With a smaller buffer the kernel would close the surplus in the receiving thread,
+// which may have to wait: see discard.cpp.
 constexpr std::size_t kMostDescriptors = 253;
-// As many as have ever been let through, by the room that the rules of alignment leave behind one.
+// Clients may rely on this number: a buffer for one descriptor has always had room for two, because of its alignment.
 constexpr std::size_t kMostTaken = 2;
 
 using Clock = std::chrono::steady_clock;
 
-// A message of `size` bytes and room for descriptors beside it. Points into itself.
+// A message of `size` bytes with a control buffer for descriptors. Contains pointers to itself.
 struct Message {
   Message(void* bytes, std::size_t size, std::size_t control_size) : payload{.iov_base = bytes, .iov_len = size} {
     header.msg_iov = &payload;
@@ -36,7 +36,7 @@ struct Message {
   alignas(cmsghdr) char control[CMSG_SPACE(kMostDescriptors * sizeof(int))];
 };
 
-// Waits until there is something to read or the time is over; for ever without a deadline.
+// Waits until the socket is readable (true) or the deadline has passed (false). A null deadline means no limit.
 bool wait_readable(int sockfd, const Clock::time_point* deadline) {
   pollfd watched{.fd = sockfd, .events = POLLIN, .revents = 0};
   while (true) {
@@ -66,7 +66,8 @@ void for_each_descriptor(msghdr* header, const Take& take) {
   }
 }
 
-// Keeps the first descriptor of all that the message from `sockfd` carries, and none of too many.
+// Returns the first descriptor of a message from `sockfd` and discards the others. Discards all and returns -1 if there
+// are too many.
 int take_first_descriptor(int sockfd, msghdr* header) {
   int first = -1;
   std::size_t count = 0;
@@ -87,7 +88,7 @@ int receive(int sockfd, int flags, const Clock::time_point* deadline) {
   Message message(&byte, sizeof(byte), sizeof(message.control));
   ssize_t got;
   do {
-    got = recvmsg(sockfd, &message.header, flags | MSG_DONTWAIT);  // as a rule it is there already
+    got = recvmsg(sockfd, &message.header, flags | MSG_DONTWAIT);  // usually it has already arrived
   } while (got < 0 && (errno == EINTR || (errno == EAGAIN && wait_readable(sockfd, deadline))));
   return got < 1 ? -1 : take_first_descriptor(sockfd, &message.header);
 }

@@ -1,4 +1,4 @@
-// What crosses a framework socket: fixed records and descriptor-passing messages.
+// The wire format of a framework socket: fixed-size records and descriptor-passing messages.
 #pragma once
 
 #include <chrono>
@@ -8,9 +8,9 @@ inline constexpr int kDirectiveDataSize = 257;
 
 enum ks_directive_type : std::uint8_t {
   KS_DIR_READY = 1,     // consumer -> producer: data = its index, u64
-  KS_DIR_BUSY = 2,      // producer -> client, which is then closed
+  KS_DIR_BUSY = 2,      // producer -> client; the producer then closes the connection
   KS_DIR_QUIT = 3,      // ks_stop -> consumer
-  KS_DIR_PAUSED = 4,    // producer -> client, which is then closed
+  KS_DIR_PAUSED = 4,    // producer -> client; the producer then closes the connection
   KS_DIR_REFUSED = 5,   // understood by clients, never sent
   KS_DIR_TRANSFER = 6,  // producer -> consumer: data = the client's socket number, i32; the consumer echoes it
   KS_DIR_ASK = 7,       // consumer -> client: send your request
@@ -26,27 +26,29 @@ struct directive {
 };
 static_assert(sizeof(directive) == 259 && alignof(directive) == 1, "the wire layout");
 
-// A zeroed record of this type.
+// Returns a record of this type with everything else zero.
 directive make_directive(ks_directive_type type);
 
-// Sends one record without waiting and without SIGPIPE; true when all of it went out.
+// Sends one record without waiting and without SIGPIPE; true when the whole record was sent.
 bool send_directive(int sockfd, const directive& record);
 bool send_directive(int sockfd, ks_directive_type type);
 
-// One read of one record from a socket that has been reported readable; false for anything shorter. Does not wait: an
-// urgent byte makes a socket readable that has nothing to read. Descriptors that come with the record are discarded,
-// and more than two of them spoil it.
+// Reads one record, in one read, from a socket that was reported readable; false if less arrives. Never waits: an
+// urgent byte makes a socket readable although there is nothing to read. Descriptors attached to the record are
+// discarded, and more than two of them make it invalid.
 bool read_directive(int sockfd, directive* record);
 
-// Sends `fd` in a message of its own. True when it went out.
+// Sends `fd` in its own message. True when it was sent.
 bool send_descriptor(int sockfd, int fd);
-// The byte of such a message without a descriptor: the receiver of the record before it waits for one.
+// Sends such a message without a descriptor. The receiver of the preceding record waits for a message.
 void send_no_descriptor(int sockfd);
 
-// Receives one descriptor-passing message and returns its first descriptor, now the caller's; -1 when the message is
-// short or carries none or more than two, or does not come in time. What else it carried is discarded.
+// Receives one descriptor-passing message and returns its first descriptor, which the caller then owns. Returns -1 when
+// the message is empty, carries no descriptor or more than two, or does not arrive in time. All other descriptors are
+// discarded.
 //
-// From a client: close-on-exec, and waited for until `deadline` only.
+// From a client: the descriptor is close-on-exec, and the wait ends at `deadline`.
 int receive_descriptor(int sockfd, std::chrono::steady_clock::time_point deadline);
-// From the producer: inheritable as all connections are, and waited for until it comes or the producer is gone.
+// From the producer: the descriptor is inheritable, as all connections are, and the wait ends only when it arrives or
+// the producer is gone.
 int receive_connection(int sockfd);

@@ -1,22 +1,22 @@
-// Getting rid of what clients hand over, without ever waiting for its owner.
+// Closes descriptors that clients have sent, without ever waiting for their owner.
 //
-// Closing such a descriptor can take as long as its owner likes: the last close of a connection that lingers, every
-// close of a file whose file system is a program of the owner's, the last close of a socket in whose queue such
-// descriptors lie unread. Some of these waits outlast SIGKILL. A thread that serves others therefore closes only what
-// is known to be harmless: a memory file, and a connection that is shut down and has nothing unread.
+// Closing such a descriptor can take as long as its owner likes. Examples are the last close of a lingering connection,
+// any close of a file whose file system is a program of the owner's, and the last close of a socket whose queue
+// contains such descriptors. Some of these waits outlast SIGKILL. A thread that serves others therefore closes only
+// what is harmless: memory files, and connections that are shut down and have no unread data.
 //
 // Everything else is marked as pending, and a closer is started: a process that shares this process's descriptor table
-// and nothing else. It closes the pending numbers, one after the other, and ends. When a close waits, only the closer
-// waits. A thread would not do: one that waits in the kernel keeps its process from ending.
+// and nothing else. It closes the pending numbers one by one and ends. If a close waits, only the closer waits. A
+// closer is not a thread, because a thread that waits in the kernel keeps its process from ending.
 //
-// Waits that a signal can end, a timer ends soon. Only those that it cannot end keep a closer, and only while the
-// owner's process is there to be waited for. Of all closers one user gets a few; what else that user has handed over
-// stays open until one of them is free. A worker does not ask a user who has too much open (ks_has_too_many_open), so
+// A timer interrupts every wait that a signal can end. Only uninterruptible waits keep a closer, and only while the
+// owner's process exists. One user gets only a few of all closers; the user's other descriptors stay open until one of
+// these closers is free. Workers do not ask clients of a user with too many open descriptors (ks_has_too_many_open), so
 // that no user can fill the table.
 //
-// A closer is an orphan (its parent ends at once), so neither a wait() of the program around us nor SIGCHLD sees
-// it. What closers and process share lies in one mapping, made by the first discard of a process; its forks make
-// another, for their numbers are others.
+// A closer is an orphan (its parent ends at once), so the surrounding program sees it neither in wait() nor by SIGCHLD.
+// The process and its closers share one mapping, made by the first discard in the process. A fork makes its own
+// mapping, because its descriptor numbers differ.
 
 #include <fcntl.h>
 #include <linux/sockios.h>
@@ -39,7 +39,7 @@
 namespace {
 
 #ifdef __SANITIZE_THREAD__
-// The sanitizer takes the clone for a fork and loses track of all threads: closers are threads.
+// The sanitizer mistakes the clone for a fork and loses track of all threads, so closers are threads here.
 constexpr bool kProcessesWork = false;
 #else
 constexpr bool kProcessesWork = true;
@@ -47,42 +47,42 @@ constexpr bool kProcessesWork = true;
 
 constexpr int kMostClosers = 256;
 constexpr int kMostClosersOfAUser = 8;
-constexpr int kMostOpenOfAUser = 16;  // a conforming client has two, for the moment that a closer takes
-// Users of the system are counted one by one, others as one if their ids are equal modulo kOtherUsers.
+constexpr int kMostOpenOfAUser = 16;  // a conforming client has two, for the moment a closer needs
+// System users are counted one by one. Other users whose ids are equal modulo kOtherUsers count as one user.
 constexpr std::uint32_t kSystemUsers = 1000;
 constexpr std::uint32_t kOtherUsers = 3096;
-// No process of ours has so many descriptors. A larger number is not remembered, and stays open.
+// No process of ours has this many descriptors. A descriptor with a larger number stays open.
 constexpr std::size_t kMostNumbers = 65536;
 constexpr std::size_t kStackSize = 16384;
 constexpr char kCloserName[] = "ks-close";     // what ps shows
-constexpr suseconds_t kLongestWait = 100'000;  // microseconds, for one wait that a signal can end
-constexpr int kMostInterruptions = 50;         // of a delivery: a reader has five seconds
+constexpr suseconds_t kLongestWait = 100'000;  // microseconds, for one interruptible wait
+constexpr int kMostInterruptions = 50;         // of a delivery: the reader gets five seconds
 
-// What is to be done about a descriptor number, and who handed it over (the user's index): kStranger is to be closed,
-// kConnection to be emptied first.
+// How to close a descriptor number, and the index of the user who sent it. kClose: close it. kEmptyAndClose: read the
+// connection empty first.
 using Mark = std::uint32_t;
 constexpr Mark kNothing = 0;
-constexpr Mark kStranger = 0x10000;
-constexpr Mark kConnection = 0x20000;
+constexpr Mark kClose = 0x10000;
+constexpr Mark kEmptyAndClose = 0x20000;
 constexpr Mark kUserMask = 0xffff;
 
 struct User {
-  std::atomic<int> open;  // descriptors that have been discarded and not been closed yet
-  // How many closers are busy with a stranger, and with a connection. Apart from each other: emptying a connection
-  // hardly ever waits, and one that waited for the closers of strangers would keep its descriptor.
+  std::atomic<int> open;  // descriptors that were discarded and are not closed yet
+  // Closers that are busy with a kClose and with a kEmptyAndClose descriptor. They are counted separately: emptying a
+  // connection hardly ever waits, and must not wait for the user's other closers.
   std::atomic<int> closers[2];
 };
 
-// Shared by a process and its closers. Zero when new.
+// Shared by a process and its closers. All zero at first.
 struct Pending {
-  pid_t owner;  // whose descriptor numbers these are: a fork of it inherits the page, but not the table
+  pid_t owner;  // the process these numbers belong to: a fork inherits the page, but has its own table
   std::atomic<int> closers;
-  std::atomic<std::size_t> end;  // all marks lie below
+  std::atomic<std::size_t> end;  // all marked numbers are below this
   std::atomic<Mark> marks[kMostNumbers];
   User users[kSystemUsers + kOtherUsers];
 
   User& user_of(Mark mark) { return users[mark & kUserMask]; }
-  std::atomic<int>& closers_of(Mark mark) { return user_of(mark).closers[(mark & kConnection) != 0 ? 1 : 0]; }
+  std::atomic<int>& closers_of(Mark mark) { return user_of(mark).closers[(mark & kEmptyAndClose) != 0 ? 1 : 0]; }
 };
 static_assert(std::atomic<std::size_t>::is_always_lock_free && std::atomic<Mark>::is_always_lock_free &&
                   std::atomic<int>::is_always_lock_free,
@@ -90,7 +90,7 @@ static_assert(std::atomic<std::size_t>::is_always_lock_free && std::atomic<Mark>
 
 std::atomic<Pending*> g_pending{nullptr};
 
-// The mapping of this very process, or null.
+// The mapping of this process, or null. A mapping inherited by fork does not count.
 Pending* known_pending() {
   Pending* const known = g_pending.load();
   return known != nullptr && known->owner == getpid() ? known : nullptr;
@@ -108,7 +108,7 @@ Pending* pending() {
   return known;
 }
 
-// One more of something that is limited; false when there are enough.
+// Increments `count`; false if it has reached `most`.
 bool enter(std::atomic<int>& count, int most) {
   if (count.fetch_add(1) < most) return true;
   count.fetch_sub(1);
@@ -123,7 +123,8 @@ void mark(Pending* pending, int fd, Mark mark) {
   while (end <= number && !pending->end.compare_exchange_weak(end, number + 1)) continue;
 }
 
-// Takes a number whose user has not enough closers yet, and counts as one of them; -1 when there is none.
+// Takes one pending number whose user may have another closer, and counts the caller as that closer; -1 if there is
+// none.
 int take(Pending* pending, Mark* taken) {
   const std::size_t end = pending->end.load();
   for (std::size_t number = 0; number < end; ++number) {
@@ -148,13 +149,13 @@ bool holds_any_to_take(Pending* pending) {
   return false;
 }
 
-// After one descriptor of the user has been closed.
+// Updates the user's counts after one descriptor has been closed.
 void finish(Pending* pending, Mark taken) {
   pending->user_of(taken).open.fetch_sub(1);
   pending->closers_of(taken).fetch_sub(1);
 }
 
-// What a closer does before it looks at the pending numbers: passes the bytes of one file on to a client's descriptor.
+// Copies the content of one file to a client's descriptor. A closer does this before it handles the pending numbers.
 struct Delivery {
   int from = -1;
   int to = -1;
@@ -169,8 +170,8 @@ struct Plan {
 
 // ---- The closer ---------------------------------------------------------------------------------------------
 //
-// Bare system calls, and what is safe in a signal handler. The closer was made while other threads ran, and any of them
-// may have held a lock of the C library or of a sanitizer.
+// Only system calls and async-signal-safe functions are used here. Other threads ran when the closer was created, and
+// any of them may have held a lock of the C library or of a sanitizer.
 
 void close_bare(int fd) {
   if (kProcessesWork) {
@@ -180,7 +181,7 @@ void close_bare(int fd) {
   }
 }
 
-// The producer may hold a copy of the connection a moment longer. Once it is empty, no close of it can wait.
+// Once the connection is empty, no close of it can wait, not even that of a copy which the producer still holds.
 void empty_connection(int fd) {
   char bytes[4096];
   while (syscall(SYS_recvfrom, fd, bytes, sizeof(bytes), MSG_DONTWAIT, nullptr, nullptr) > 0) continue;
@@ -202,12 +203,12 @@ void deliver(const Delivery& delivery) {
 void close_pending(Pending* pending) {
   Mark taken;
   for (int fd; (fd = take(pending, &taken)) >= 0; finish(pending, taken)) {
-    if ((taken & kConnection) != 0) empty_connection(fd);
+    if ((taken & kEmptyAndClose) != 0) empty_connection(fd);
     close_bare(fd);
   }
 }
 
-void work_off(const Plan& plan) {
+void run_plan(const Plan& plan) {
   Pending* const pending = plan.pending;
   if (plan.delivery.from >= 0) {
     deliver(plan.delivery);
@@ -218,7 +219,7 @@ void work_off(const Plan& plan) {
   do {
     close_pending(pending);
     pending->closers.fetch_sub(1);
-    // What was marked a moment ago may have found no room for a closer of its own.
+    // A number marked just before the decrement may not have got a closer.
   } while (holds_any_to_take(pending) && enter(pending->closers, kMostClosers));
 }
 
@@ -238,12 +239,12 @@ void end_waits_soon() {
 [[noreturn]] void run_closer(const Plan& plan) {
   syscall(SYS_prctl, PR_SET_NAME, kCloserName, 0, 0, 0);
   end_waits_soon();
-  work_off(plan);
+  run_plan(plan);
   while (true) syscall(SYS_exit_group, 0);
 }
 
-// Runs in a process that ends at once and is waited for: the closer is then an orphan. It borrows the memory of the
-// thread that made it, which stands still; the closer has a copy.
+// Runs in a short-lived process, so that the closer it creates becomes an orphan. This process shares memory with its
+// creator, which is suspended meanwhile; the closer has a copy.
 int make_orphan(void* arg) {
   auto* plan = static_cast<Plan*>(arg);
   const long closer = syscall(SYS_clone, CLONE_FILES, nullptr, nullptr, nullptr, nullptr);
@@ -252,7 +253,8 @@ int make_orphan(void* arg) {
   return 0;
 }
 
-// No signal handler of the program may run in a process that shares its memory, nor in the closer.
+// Blocks all signals: no signal handler of the program may run in the process that shares its memory, nor in the
+// closer.
 bool start_process(Plan* plan) {
   if (!kProcessesWork) return false;
   sigset_t all;
@@ -270,12 +272,12 @@ bool start_process(Plan* plan) {
 
 void* closer_thread(void* arg) {
   const auto* plan = static_cast<Plan*>(arg);
-  work_off(*plan);
+  run_plan(*plan);
   delete plan;
   return nullptr;
 }
 
-// Where no process can be made, and under an emulator that knows no shared table, a thread has to do.
+// The fallback when no process can be created, and under an emulator without shared descriptor tables.
 bool start_thread(const Plan& plan) {
   auto* copy = new (std::nothrow) Plan(plan);
   pthread_t thread;
@@ -288,7 +290,7 @@ bool start_thread(const Plan& plan) {
   return true;
 }
 
-// Starts a closer unless too many are alive. False when none could be started; what is pending then waits for the next.
+// Starts a closer unless too many are alive. False if none was started; pending numbers then wait for the next closer.
 bool start_closer(Pending* pending, const Delivery& delivery) {
   if (!enter(pending->closers, kMostClosers)) return false;
   Plan plan{.pending = pending, .delivery = delivery, .started = false};
@@ -303,7 +305,7 @@ Mark mark_of(Mark kind, std::uint32_t uid) {
 
 void hand_to_closer(int fd, Mark kind, std::uint32_t uid) {
   Pending* const shared = pending();
-  if (shared == nullptr || static_cast<std::size_t>(fd) >= kMostNumbers) return;  // it stays open
+  if (shared == nullptr || static_cast<std::size_t>(fd) >= kMostNumbers) return;  // leave it open
   const Mark handed = mark_of(kind, uid);
   mark(shared, fd, handed);
   if (shared->closers_of(handed).load() < kMostClosersOfAUser) start_closer(shared, {});
@@ -312,7 +314,7 @@ void hand_to_closer(int fd, Mark kind, std::uint32_t uid) {
 bool start_delivery(int from, int to, std::uint32_t uid) {
   Pending* const shared = pending();
   if (shared == nullptr) return false;
-  const Delivery delivery{.from = from, .to = to, .mark = mark_of(kStranger, uid)};
+  const Delivery delivery{.from = from, .to = to, .mark = mark_of(kClose, uid)};
   if (!enter(shared->closers_of(delivery.mark), kMostClosersOfAUser)) return false;
   shared->user_of(delivery.mark).open.fetch_add(1);
   if (start_closer(shared, delivery)) return true;
@@ -320,7 +322,7 @@ bool start_delivery(int from, int to, std::uint32_t uid) {
   return false;
 }
 
-// Memory files alone have seals.
+// Only memory files have seals.
 bool is_memory_file(int fd) {
   return fcntl(fd, F_GET_SEALS) != -1;
 }
@@ -337,7 +339,7 @@ void ks_discard(int fd, uint32_t uid) {
   if (is_memory_file(fd)) {
     close(fd);
   } else {
-    hand_to_closer(fd, kStranger, uid);
+    hand_to_closer(fd, kClose, uid);
   }
 }
 
@@ -349,8 +351,8 @@ void ks_deliver(int from, int to, uint32_t uid) {
 
 bool ks_has_too_many_open(std::uint32_t uid) {
   Pending* const shared = known_pending();
-  if (shared == nullptr || shared->user_of(mark_of(kStranger, uid)).open.load() < kMostOpenOfAUser) return false;
-  // When no closer could be started, this user's next descriptor would have started one, but none is to come.
+  if (shared == nullptr || shared->user_of(mark_of(kClose, uid)).open.load() < kMostOpenOfAUser) return false;
+  // If the system refused a closer, the user's next descriptor would start one; but a refused client sends none.
   if (holds_any_to_take(shared)) start_closer(shared, {});
   return true;
 }
@@ -361,10 +363,10 @@ void hang_up_and_forget(int* fd) {
   close_shut_down(std::exchange(*fd, -1));
 }
 
-// Nothing can arrive on it any more: what is found empty stays empty.
+// Nothing can arrive after the shutdown: an empty connection stays empty.
 void close_shut_down(int fd) {
   if (has_unread(fd)) {
-    hand_to_closer(fd, kConnection, ks_peer(fd).uid);
+    hand_to_closer(fd, kEmptyAndClose, ks_peer(fd).uid);
   } else {
     close(fd);
   }

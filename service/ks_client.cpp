@@ -1,7 +1,7 @@
-// The client's side. A pending request is a ks_io whose socket is registered in a poll set, or the one that ks_call
-// waits for without a set. The service speaks first (ask, or busy, or paused); the client answers an ask with its
-// request name and its memory file, and then waits for done. A request that fails leaves its record empty: no socket,
-// no memory file, no mapping.
+// The client side. A pending request is a ks_io whose socket is registered in a poll set; ks_call waits for its single
+// request without a set. The service sends the first record (ask, busy or paused). The client answers an ask with its
+// request name and its memory file, then waits for done. A failed request leaves its record empty: no socket, no memory
+// file, no mapping.
 
 #include <fcntl.h>
 #include <poll.h>
@@ -23,7 +23,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// A shorter time limit counts as this one.
+// Shorter time limits are raised to this one.
 constexpr std::uint32_t kLeastTimeoutSeconds = 5;
 constexpr std::int64_t kMillisecondsPerSecond = 1000;
 
@@ -31,17 +31,17 @@ bool fits(const char* text, std::size_t limit) {
   return text != nullptr && strnlen(text, limit + 1) <= limit;
 }
 
-// Leaves the record reusable, with no descriptors open. extra_fd is the caller's and stays open.
+// Closes the record's descriptors so that it can be used again. extra_fd is the caller's and stays open.
 void empty_record(ks_io* io) {
   hang_up_and_forget(&io->sockfd);
   ks_io_drop_shm(io);
   io->extra_fd = -1;
 }
 
-// The requests that a client waits for: those of a poll set, or a single one without a set, which is cheaper.
+// The requests that a client waits for: those of a poll set, or a single one without a set, which costs less.
 struct Waiting {
   int pollfd;
-  ks_io* single;  // null: those of the set
+  ks_io* single;  // null: use the poll set
 };
 
 void cancel(const Waiting& waiting, ks_io* io) {
@@ -57,7 +57,7 @@ ks_io* tear_down(const Waiting& waiting, ks_io* io, int code, int* status) {
   return io;
 }
 
-// A number that is no open descriptor counts as none.
+// A number that is not an open descriptor counts as no descriptor.
 bool usable_descriptor(int fd) {
   return fd >= 0 && (fcntl(fd, F_GETFD) != -1 || errno != EBADF);
 }
@@ -67,7 +67,7 @@ void send_request(ks_io* io) {
   directive request = make_directive(KS_DIR_REQUEST);
   request.flag = with_extra ? 1 : 0;
   ks_copy_text(reinterpret_cast<char*>(request.data), sizeof(request.data), io->request_name);
-  // A service that has gone meanwhile shows as a hang-up at the next event.
+  // If the service has gone meanwhile, the next event is a hang-up.
   send_directive(io->sockfd, request);
   send_descriptor(io->sockfd, io->memfd);
   if (with_extra) send_descriptor(io->sockfd, io->extra_fd);
@@ -107,9 +107,9 @@ int start(const char* name, const char* request_name, ks_io* io, int extra_fd) {
     ks_abort("ks_epoll_call", "(io->sockfd = socket(AF_UNIX, SOCK_STREAM, 0)) >= 0 && set_fd_cloexec(io->sockfd)",
              "create request socket fail");
   }
-  // A service that accepts no client fills its backlog, and connect would then wait for ever.
-  const timeval patience{.tv_sec = kLeastTimeoutSeconds, .tv_usec = 0};
-  setsockopt(io->sockfd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
+  // connect would wait for ever if the service does not accept and its backlog is full.
+  const timeval send_timeout{.tv_sec = kLeastTimeoutSeconds, .tv_usec = 0};
+  setsockopt(io->sockfd, SOL_SOCKET, SO_SNDTIMEO, &send_timeout, sizeof(send_timeout));
   const sockaddr_un address = ks_socket_address(path);
   if (connect(io->sockfd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
     return KS_STATUS_CONNECT;
@@ -120,7 +120,7 @@ int start(const char* name, const char* request_name, ks_io* io, int extra_fd) {
   return KS_STATUS_OK;
 }
 
-// Advances the requests by one event: ks_epoll_perform, but for the mapping of a reply.
+// ks_epoll_perform without mapping the reply.
 ks_io* perform(const Waiting& waiting, std::uint32_t timeout_ms, int* status) {
   const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   ks_io* skipped = nullptr;
@@ -163,8 +163,8 @@ std::int64_t now_ms() {
 }
 
 // Repeats perform until the request has finished (true) or its time is over (false, with the status of the last step).
-// What is subtracted is each time the whole time since the beginning, so the budget shrinks faster than the clock runs;
-// callers know it so.
+// Each round subtracts the whole time since the beginning, so the budget shrinks faster than time passes. Callers rely
+// on that.
 bool perform_within(const Waiting& waiting, std::int64_t begin, std::int64_t budget, int* status) {
   while (true) {
     const auto limit = static_cast<std::uint32_t>(std::min<std::int64_t>(budget, UINT32_MAX));
@@ -175,15 +175,15 @@ bool perform_within(const Waiting& waiting, std::int64_t begin, std::int64_t bud
   }
 }
 
-// Maps the reply that a record has, if it has one; returns a status.
+// Maps the record's reply, if there is one; returns a status.
 int map_reply(ks_io* io) {
   if (io->memfd < 0 || ks_io_sync_reply(io)) return KS_STATUS_OK;
   empty_record(io);
   return KS_STATUS_BROKEN;
 }
 
-// Copies the reply out of its file: a mapping would cost page faults besides, and SIGBUS where the service cuts the
-// file short. Returns how much of it there was.
+// Copies the reply out of its file and returns the number of bytes read. A mapping would cost page faults, and SIGBUS
+// if the service truncates the file.
 std::uint64_t read_reply(const ks_io* io, char* buffer, std::uint64_t size) {
   std::uint64_t read = 0;
   ssize_t got;
@@ -193,7 +193,7 @@ std::uint64_t read_reply(const ks_io* io, char* buffer, std::uint64_t size) {
   return read;
 }
 
-// One complete request: ks_call, but for the mapping of the reply.
+// ks_call without mapping the reply.
 int call(const char* name, const char* request_name, ks_io* io, std::uint32_t timeout_s, int extra_fd) {
   ks_verify_io(io, "ks_epoll_call", "cannot make incorrect ks_io %p request");
   const std::int64_t begin = now_ms();
@@ -203,7 +203,7 @@ int call(const char* name, const char* request_name, ks_io* io, std::uint32_t ti
     const std::int64_t budget = std::max(timeout_s, kLeastTimeoutSeconds) * kMillisecondsPerSecond;
     finished = perform_within({.pollfd = -1, .single = io}, begin, budget, &status);
   }
-  // Without a reply nothing may be left that looks like one, the request's own mapping least of all.
+  // Without a reply the record must not look as if it had one: the mapping of the request must go.
   if (!finished || status != KS_STATUS_OK) empty_record(io);
   return status;
 }

@@ -1,25 +1,23 @@
-// A service's life: create, start, pause, stop, free.
+// The life cycle of a service: create, start, pause, stop, free.
 //
-// The handle owns one array of workers: `service_size` consumers and, last, the producer. It exists from
-// ks_start to the end of the service and is published in handle->worker first of all, so that from then on a
-// stop is not lost and a release waits.
+// The handle owns one array of workers: `service_size` consumers followed by the producer. The array exists from
+// ks_start to the end of the service. ks_start publishes it in handle->worker first of all, so that from then on a stop
+// is not lost and ks_free waits.
 //
-// Ending takes two parties, the thread that runs the producer's loop and the thread that calls ks_stop, and
-// either may be late. They meet through the producer's phase word:
+// Two threads take part in a stop, the one that runs the producer's loop and the one that calls ks_stop. Either may
+// come first; they synchronise through the producer's phase:
 //
 //   stopper:  claims the stop (stopping 0 -> 1), waits for kProducerRunning, wakes the producer, waits for
-//             kProducerLeft,
-//             ends each consumer, sets kWorkersStopped; joins a producer on a thread of its own, releases the
-//             array and clears handle->worker
+//             kProducerLeft, ends each consumer, sets kWorkersStopped; with KS_STANDALONE it then joins the producer's
+//             thread, releases the array and clears handle->worker
 //   producer: leaves its loop, sets kProducerLeft, waits for kWorkersStopped; in a blocking ks_start it then
 //             releases the array and clears handle->worker
 //   ks_free:  waits for handle->worker to be null
 //
-// The producer goes first because it would take a consumer process that has quit for one that has died and
-// replace it. Its thread stays to the end: the kernel kills a process that was forked to die with its parent
-// when the very thread that forked it ends, and that is the producer's for each replacement. A blocking
-// ks_start whose loop ends by itself (its sockets are gone) makes its own thread the stopper. Waiting is done
-// on the atomics themselves; there are no locks.
+// The producer's loop ends first, because it would replace a consumer process that has quit. The producer's thread ends
+// last: consumer processes are killed when the thread that forked them ends (PR_SET_PDEATHSIG), and that thread forks
+// the replacements. If the loop of a blocking ks_start ends by itself (its sockets are gone), its thread is the
+// stopper. Threads wait on the atomics themselves; there are no locks.
 
 #include <fcntl.h>
 #include <libgen.h>
@@ -78,14 +76,14 @@ void check_create_arguments(const char* name, std::uint32_t mode, std::uint64_t 
   if (exec == nullptr) ks_abort(kOperation, "exec", "exec must be callable function pointer");
 }
 
-// Makes room for the socket file: its directory when there is no file yet (one level; bind reports what is
-// wrong), and nothing in its place but an old socket.
+// Removes an old socket file, or makes the directory (one level only) if there is no file. Aborts if the path is not a
+// socket. bind reports any other problem.
 void clear_socket_file(const char* sockfile) {
   struct stat status {};
   if (lstat(sockfile, &status) != 0) {
     char copy[kSockFileSize];
     ks_copy_text(copy, sizeof(copy), sockfile);
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): changes its argument, and nothing else
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): changes only its argument
     mkdir(dirname(copy), kSocketDirMode);
   } else if (!S_ISSOCK(status.st_mode)) {
     ks_abort("ks_producer_worker_init", "S_ISSOCK(st.st_mode)", "%s is not a sock file", sockfile);
@@ -168,8 +166,8 @@ void wait_for_phase(ks_worker* producer, ks_producer_phase phase) {
   while ((current = phase_of(producer).load()) < phase) phase_of(producer).wait(current);
 }
 
-// Releases the array. After this the handle may be gone: it is the last thing that the service's own threads do
-// with it.
+// Releases the array. Another thread may free the handle right after this, so the service's own threads must not use it
+// again.
 void end_service(ks_handle* handle, ks_worker* workers) {
   std::free(workers);
   worker_of(handle).store(nullptr);
@@ -183,7 +181,7 @@ void wait_until_ended(ks_handle* handle) {
 
 void end_consumer(ks_worker* worker) {
   send_directive(worker->sockfd[1], KS_DIR_QUIT);
-  // And hung up, for a consumer that takes the record for the descriptor message it is still waiting for.
+  // A consumer that waits for a descriptor message would take the record for that message. It sees the hang-up.
   shutdown(worker->sockfd[1], SHUT_RDWR);
   if ((worker->type & KS_PROCESS_MODE) != 0) {
     while (waitpid(worker->id.pid, nullptr, 0) < 0 && errno == EINTR) {
@@ -191,25 +189,24 @@ void end_consumer(ks_worker* worker) {
   } else {
     pthread_join(worker->id.tid, nullptr);
   }
-  // A consumer thread has closed its own end and said so; the number may be somebody else's by now.
+  // A consumer thread has closed its own end and set it to -1; its old number may be in use again.
   close_and_forget(&worker->sockfd[0]);
   close_and_forget(&worker->sockfd[1]);
   close_and_forget(&worker->pollfd);
   hang_up_and_forget(&worker->transfer_fd);
 }
 
-// Hangs up on the clients that have not been accepted yet. Closing the listening socket would drop them, too, but wait
-// for the owners of what they have sent already.
+// Hangs up on clients that have not been accepted yet. Closing the listening socket would drop them, too, but could
+// wait for the owners of descriptors that they have sent.
 void drain_backlog(int listening) {
   int client;
   while ((client = accept(listening, nullptr, nullptr)) >= 0) hang_up_and_forget(&client);
 }
 
-// Ends every worker. Called by exactly one thread per run of the service: the one that has set `stopping`.
+// Ends every worker. Called by one thread per run of the service, the one that has set `stopping`.
 void stop_workers(ks_handle* handle, ks_worker* workers) {
   ks_worker* producer = &workers[handle->service_size];
-  // A listening socket that has been shut down reports a hang-up until it is closed: the wake-up cannot be
-  // lost.
+  // The wake-up cannot be lost: a listening socket that is shut down reports a hang-up until it is closed.
   shutdown(producer->sockfd[1], SHUT_RDWR);
   wait_for_phase(producer, kProducerLeft);
   for (std::uint64_t i = 0; i < handle->service_size; ++i) end_consumer(&workers[i]);
@@ -281,7 +278,7 @@ void ks_start(ks_handle* handle) {
     ks_abort("ks_start", "(service_handle->worker = calloc(service_option->service_size + 1, sizeof(ks_worker)))",
              "alloc worker memory fail");
   }
-  // A handle that has ended may be started again: what its last stop set must not stop this run.
+  // A stopped service may be started again: clear what its last stop has set.
   if (stopping_of(handle).exchange(0) != 0) paused_of(handle).store(0);
   ks_worker* none = nullptr;
   if (!worker_of(handle).compare_exchange_strong(none, workers)) abort_started_twice();
@@ -291,7 +288,7 @@ void ks_start(ks_handle* handle) {
   if ((handle->mode & KS_STANDALONE) != 0) {
     producer->init_hook = handle->init_hook;
     producer->fini_hook = handle->fini_hook;
-    // The thread says itself who it is: once it runs, the service may be stopped and the array released.
+    // The thread stores its own id: once it runs, the service may be stopped and the array released.
     pthread_t thread;
     if (!ks_create_thread(&thread, standalone_producer, handle)) {
       ks_abort("ks_start", "pthread_create(&producer_worker->id.tid, &attr, ks_producer_worker, service_handle) == 0",
@@ -332,7 +329,7 @@ void ks_stop(ks_handle* handle) {
     wait_until_ended(handle);
     return;
   }
-  // A service that is still being set up is finished first: its socket file must not vanish under its hands.
+  // Wait until the start has finished: it still needs the socket file.
   wait_for_phase(&workers[handle->service_size], kProducerRunning);
   paused_of(handle).store(1);
   unlink(handle->sockfile);

@@ -13,8 +13,7 @@
 
 namespace {
 
-// Bit 1 of a word of descriptor flags. As a status flag it means nothing, which is why the framework's
-// descriptors stay inheritable.
+// As a status flag this bit has no meaning, so the framework's descriptors stay inheritable.
 constexpr int kFlagBit = 1;
 
 constexpr char kHashedSockFile[] = "/var/run/ks/%X.sock";
@@ -37,7 +36,7 @@ void ks_abort(const char* operation, const char* condition, const char* descript
   char line[1024];
   int length = std::snprintf(line, sizeof(line), "[ABORT] @%s() %s: `%s'\n", operation, detail, condition);
   if (length >= static_cast<int>(sizeof(line))) length = sizeof(line) - 1;
-  // One write, so that the lines of two failing threads do not mix. Nothing is left to do should it fail.
+  // One write, so that the lines of two failing threads do not mix. A failure is ignored: the process ends anyway.
   [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line, static_cast<std::size_t>(length));
   std::abort();
 }
@@ -110,7 +109,7 @@ bool ks_create_thread(pthread_t* tid, void* (*start)(void*), void* arg) {
   pthread_attr_t attributes;
   if (pthread_attr_init(&attributes) != 0) return false;
   pthread_attr_setscope(&attributes, PTHREAD_SCOPE_SYSTEM);
-  // A wish only: without PTHREAD_EXPLICIT_SCHED the thread inherits its creator's policy, and it shall.
+  // No effect without PTHREAD_EXPLICIT_SCHED: the thread inherits its creator's policy, as it should.
   pthread_attr_setschedpolicy(&attributes, SCHED_RR);
   const bool created = pthread_create(tid, &attributes, start, arg) == 0;
   pthread_attr_destroy(&attributes);

@@ -1,4 +1,4 @@
-// What the framework's own files share. Nothing outside service/ includes this.
+// Declarations shared by the framework's own files. Nothing outside service/ includes this.
 #pragma once
 
 #include <pthread.h>
@@ -30,17 +30,17 @@ void ks_verify_handle(const ks_handle* record, const char* operation, const char
 
 // ---- Descriptors ------------------------------------------------------------------------------------------
 
-// Sets bit 1 of the descriptor's status flags; false when fcntl fails. In spite of its name it leaves the
-// descriptor inheritable: programs that the process starts see the framework's sockets, and always have.
+// Sets bit 1 of the descriptor's status flags; false when fcntl fails. Despite its name it leaves the descriptor
+// inheritable: programs started by the process have always inherited the framework's sockets.
 bool set_fd_cloexec(int fd);
 
-// Owner of a descriptor that user `uid` handed over, until it is released; discards it.
-class handed_fd {
+// Owns a descriptor received from user `uid`. Discards it unless it is released.
+class received_fd {
  public:
-  explicit handed_fd(std::uint32_t uid, int fd = -1) : uid_(uid), fd_(fd) {}
-  handed_fd(const handed_fd&) = delete;
-  handed_fd& operator=(const handed_fd&) = delete;
-  ~handed_fd() { ks_discard(fd_, uid_); }
+  explicit received_fd(std::uint32_t uid, int fd = -1) : uid_(uid), fd_(fd) {}
+  received_fd(const received_fd&) = delete;
+  received_fd& operator=(const received_fd&) = delete;
+  ~received_fd() { ks_discard(fd_, uid_); }
 
   int get() const { return fd_; }
   explicit operator bool() const { return fd_ >= 0; }
@@ -52,66 +52,67 @@ class handed_fd {
   int fd_;
 };
 
-// The other side of a connection, as it was when it connected; all zero for what is no connection.
+// The credentials that the peer had when it connected; all zero if `sockfd` is not a connected socket.
 ucred ks_peer(int sockfd);
 
-// Whether this user has handed over more than can be closed for now. Such a client is not asked for its request.
+// Whether too many descriptors from this user are still waiting to be closed. Clients of such a user are not asked for
+// their requests.
 bool ks_has_too_many_open(std::uint32_t uid);
 
-// The same descriptor under a number other than 0, which in a queue entry means none; `fd` itself unless it is 0,
-// which then is closed.
+// Returns `fd`, or a duplicate with another number if `fd` is 0, which is then closed. In a queue entry 0 means "no
+// socket".
 int ks_nonzero(int fd);
 
-// close(*fd) unless it is -1, and *fd = -1. For descriptors of our own.
+// Closes *fd unless it is -1, and sets it to -1. Only for descriptors that this process created.
 void close_and_forget(int* fd);
 
-// Closes a connection that has been shut down, without waiting for what lies unread in it.
+// Closes a connection that has been shut down. Never waits, even if it contains unread descriptors.
 void close_shut_down(int fd);
-// The same, and *fd = -1, after shutting it down: the conversation ends even if another process holds a copy. No effect
-// on -1.
+// Shuts *fd down, closes it the same way and sets it to -1. The shutdown ends the conversation even if another process
+// holds a copy. No effect on -1.
 void hang_up_and_forget(int* fd);
 
 // ---- Names ------------------------------------------------------------------------------------------------
 
-// Copies `text` into a buffer of `size` bytes, cutting what does not fit; always ends it with a NUL.
+// Copies `text` into a buffer of `size` bytes, truncated if necessary and always NUL-terminated.
 void ks_copy_text(char* buffer, std::size_t size, const char* text);
 
-// Bytes of a socket path or stored service name, its NUL included.
+// Size of a socket path or stored service name in bytes, including the NUL.
 inline constexpr std::size_t kSockFileSize = 64;
 
-// Writes the socket path of service `name` (at most 64 characters): the rest of a name that begins with "@",
-// else the path made of the first SHA-1 word. A failing digest aborts under `operation` with "generate
-// <what>[name] SHA1 fail".
+// Writes the socket path of service `name` (at most 64 characters): for a name that begins with "@" the rest of the
+// name, otherwise a path made from the first word of its SHA-1. If the digest fails, aborts under `operation` with
+// "generate <what>[name] SHA1 fail".
 void ks_socket_path(const char* name, char (&path)[kSockFileSize], const char* operation, const char* what);
 
-// The address of a socket path; bind and connect take the whole structure.
+// The address for a socket path. Pass the whole structure to bind and connect.
 sockaddr_un ks_socket_address(const char* path);
 
 // ---- Requests ---------------------------------------------------------------------------------------------
 
-// Learns how memory files are told from others. That takes a descriptor, and a service that is being served may be out
-// of them.
+// Learns the device of memory files. Called before the service starts: this needs a descriptor, and later none may be
+// left.
 void ks_io_prepare();
 
-// Makes the record of a request that a client has sent, and takes its connection and memory file over. Null when this
-// is no file that can serve, or cannot be mapped, or memory is short; both stay the caller's then.
+// Makes the record of a client's request; it owns the connection and the memory file from then on. Returns null, and
+// the caller keeps both, if the file is unsuitable or cannot be mapped, or if memory is short.
 //
-// A file that can serve is one of memfd_create, open for reading and writing, and not sealed against shrinking, growing
-// or writing. It stays its client's all the same: resizing, seeking or writing it can fail for the client's reasons, or
-// wait while the client holds its lock. A failure ends that client's connection, and the record goes on with a file of
-// its own that nobody else sees.
+// A suitable file was made by memfd_create, is open for reading and writing, and is not sealed against shrinking,
+// growing or writing. The client still shares it and can make every resize, seek or write fail, or wait by holding the
+// file's lock. After a failure the client is hung up on and the record continues with a private file.
 //
-// `is_mapped`: the record arrives with a mapping of the file.
+// `is_mapped`: map the file at once.
 ks_io* ks_io_accept(int memfd, int sockfd, bool is_mapped);
 
-// Gives the record a new connection, or -1 where there is none to be had.
+// Gives the record a new connection, or -1 if there is none.
 void ks_io_connect(ks_io* io, int sockfd);
 
-// Seeks the memory file to its end and maps all of it (nothing for an empty file). A failed map aborts. No effect
-// without a memory file.
+// Seeks the memory file to its end and maps all of it, or nothing if it is empty. Aborts if mapping our own file fails.
+// No effect without a memory file.
 void ks_io_sync(ks_io* io);
-// The same for a reply, which is as long as the service says: false when it cannot be mapped and is longer than this
-// machine's memory. Nobody can have written that; where it is shorter, it is this process that lacks something.
+// The same for a reply, whose length the service controls. Returns false if mapping fails and the reply is longer than
+// this machine's memory: no service can have written that. If a shorter reply cannot be mapped, this process is short
+// of a resource, and it aborts.
 bool ks_io_sync_reply(ks_io* io);
 // The length of a reply that is not mapped; false when it is longer than this machine's memory.
 bool ks_io_reply_size(ks_io* io, std::uint64_t* size);
@@ -122,12 +123,11 @@ void ks_io_drop_shm(ks_io* io);
 
 // ---- Workers ----------------------------------------------------------------------------------------------
 
-// What the producer's poll set hands back with an event: the listening socket, a consumer or a waiting
-// client.
+// What an entry of the producer's poll set stands for: the listening socket, a consumer or a waiting client.
 enum ks_queue_type : std::uint32_t { LISTEN_SOCK = 1, WORKER_SOCK = 2, CLIENT_SOCK = 3 };
 
-// An entry of the producer's poll set and, for clients, of its queue. A list is a ring through its head. A
-// socket number of 0 marks an entry that has been released while its batch of events is still worked through.
+// An entry of the producer's poll set and, for clients, of its queue. Lists are circular and include their head. Socket
+// number 0 marks an entry that was released while its batch of events is still being processed.
 struct ks_queue {
   std::uint32_t type;
   std::int32_t sockfd;
@@ -143,7 +143,7 @@ union ks_worker_id {
 
 // One consumer, or the producer as the last element of the handle's array.
 struct ks_worker {
-  std::uint8_t ready;      // consumer: may receive a client. Touched atomically
+  std::uint8_t ready;      // consumer: may receive a client. Accessed atomically
   std::int32_t pollfd;     // its own poll set, -1 when closed
   std::int32_t sockfd[2];  // [0] the consumer's end, [1] the producer's; producer: [1] is the listening socket
   std::uint64_t index;
@@ -157,43 +157,43 @@ struct ks_worker {
   ks_queue queue;  // producer: also the head of the client queue
 
   // Bookkeeping for stopping and restarting without a leak.
-  std::int32_t transfer_fd;      // consumer: the client handed over and not yet echoed, -1 when none
-  std::uint8_t transfer_failed;  // consumer thread: has not received that client. Touched atomically
-  std::int32_t client_fd;        // consumer: the client that has been asked for its request, -1 when none
-  ucred client;                  // consumer: whose that is
+  std::int32_t transfer_fd;      // consumer: the client whose transfer it has not echoed yet, or -1
+  std::uint8_t transfer_failed;  // consumer thread: it failed to receive that client. Accessed atomically
+  std::int32_t client_fd;        // consumer: the client that was asked for its request, or -1
+  ucred client;                  // consumer: that client's credentials
   const ks_handle* handle;       // consumer: the service it works for
-  ks_silence_fn on_silence;      // consumer: what it does about a silent client, null for nothing
+  ks_silence_fn on_silence;      // consumer: called for a silent client, or null
   void* silence_arg;
   bool leaves_unmapped;  // consumer: see ks_leave_unmapped
-  std::uint32_t phase;   // producer: ks_producer_phase. Touched atomically
+  std::uint32_t phase;   // producer: ks_producer_phase. Accessed atomically
 };
 
-// How far the end of a service has got. The producer's thread and the stopping thread wait for one another
-// through this word.
+// How far a service has started or stopped. The producer's thread and the stopping thread wait for each other on this
+// word.
 enum ks_producer_phase : std::uint32_t {
   kProducerStarting = 0,  // the array is being set up
-  kProducerRunning = 1,   // all of it stands, and the loop is entered
-  kProducerLeft = 2,      // the loop has ended and touches nothing any more
+  kProducerRunning = 1,   // the array is complete and the loop runs
+  kProducerLeft = 2,      // the loop has ended and uses the array no longer
   kWorkersStopped = 3,    // every consumer has ended
 };
 
-// (Re)creates one consumer of `handle`. Called while the service starts and, for a consumer process that has
-// died, by the producer.
+// Creates or replaces one consumer of `handle`. Called when the service starts and by the producer when a consumer
+// process has died.
 void ks_consumer_worker_init(ks_handle* handle, ks_worker* worker);
-// The consumer's loop. Closes the consumer's end of the control socket; the other end is the producer's.
+// The consumer's loop. Closes the consumer's end of the control socket; the producer closes the other.
 void ks_consumer_worker(ks_worker* worker);
 // Whether the calling thread is a consumer of this service.
 bool ks_is_consumer_of(const ks_handle* handle);
-// The producer's loop; `workers` is the whole array. Leaves an empty client queue.
+// The producer's loop; `workers` is the whole array. The client queue is empty when it returns.
 void ks_producer_worker(ks_handle* handle, ks_worker* workers);
 
-// The one way to create a worker thread; false on failure.
+// Creates a worker thread; false on failure.
 bool ks_create_thread(pthread_t* tid, void* (*start)(void*), void* arg);
 
 // Adds `fd` to the poll set `pollfd`.
 bool ks_poll_add(int pollfd, int fd, std::uint32_t events, epoll_data_t data);
 
 inline constexpr std::uint32_t kWatchEvents = EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLRDHUP;
-// A waiting client is watched for loss, not for data.
+// Events of a waiting client: only the loss of its connection, not data.
 inline constexpr std::uint32_t kWatchLoss = EPOLLERR | EPOLLHUP;
 inline constexpr std::uint32_t kPeerClosed = EPOLLIN | EPOLLHUP | EPOLLRDHUP;

@@ -1,10 +1,10 @@
-// The request record. Request and reply live in one memory file; the record holds its descriptor, at most one mapping
-// of all of it, and the connection to the other side. Every operation that resizes or maps leaves the file's offset at
-// its end, which is what makes writes append.
+// The request record. Request and reply use one memory file. The record holds its descriptor, at most one mapping of
+// the whole file, and the connection to the other side. Every operation that resizes or maps leaves the file's offset
+// at its end, so that writes append.
 //
-// On the service's side the file is the client's. What the framework's own threads do with it neither waits nor fails:
-// they look at its flags, seals and status, and map it. Moving its offset can wait for the client, who shares it. It is
-// therefore put off until an operation of the callback needs it (seek_due).
+// On the service's side the client shares the file. The framework's own threads use only calls that never wait for the
+// client: they read the file's flags, seals and status, and map it. A seek can wait for the client, so it is postponed
+// until an operation of the callback needs it (seek_due).
 
 #include <fcntl.h>
 #include <poll.h>
@@ -24,12 +24,12 @@ namespace {
 
 constexpr char kMemoryFileName[] = "kservice";
 
-// A record as it is allocated: what callers see, and what they do not.
+// A record as allocated: the public part, followed by private fields.
 struct Record {
   ks_io io;
-  bool clients;   // the memory file is a client's: see ks_io_accept
-  bool shut;      // the connection has been shut down
-  bool seek_due;  // the offset has yet to be moved to the end
+  bool from_client;  // the memory file came from a client: see ks_io_accept
+  bool shut;         // the connection has been shut down
+  bool seek_due;     // the offset must still be moved to the end
 };
 
 Record* record_of(ks_io* io) {
@@ -56,38 +56,38 @@ void seek_to_end(ks_io* io) {
   record_of(io)->seek_due = false;
 }
 
-// No client can have written more. A longer file has holes, and a few such mappings would use up our addresses.
+// The longest file that a client can have filled. Mapping a few longer, sparse files would exhaust our address space.
 std::uint64_t physical_memory() {
   static const auto bytes =
       static_cast<std::uint64_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
   return bytes;
 }
 
-// Maps all of the file, unless it is mapped already; *size is how long that is.
+// Maps the whole file unless it is mapped already; stores its length in *size.
 bool sync(ks_io* io, std::uint64_t* size) {
   record_of(io)->seek_due = true;
-  if (!record_of(io)->clients) seek_to_end(io);
+  if (!record_of(io)->from_client) seek_to_end(io);
   *size = ks_io_size(io);
   if (io->shared_data != nullptr && *size == io->shared_size) return true;
   unmap(io);
-  if (record_of(io)->clients && *size > physical_memory()) return false;
+  if (record_of(io)->from_client && *size > physical_memory()) return false;
   return *size == 0 || map(io, *size);
 }
 
-// A client's file has failed, which costs that client its connection. The callback goes on with an empty file that
-// no other process sees. False when the file is our own.
-bool replace_clients_file(ks_io* io) {
+// Called when an operation on the file has failed. If it is a client's, hangs up on that client and replaces the file
+// by an empty private one. False if the file is our own.
+bool replace_client_file(ks_io* io) {
   Record* const record = record_of(io);
-  if (!record->clients) return false;
+  if (!record->from_client) return false;
   ks_io_hang_up(io);
-  record->clients = false;
+  record->from_client = false;
   record->seek_due = false;
   ks_io_drop_shm(io);
   ks_io_shm(io);
   return true;
 }
 
-// Files of memfd_create lie on a device that nothing else lies on.
+// The device number of memfd_create files. No other files have it.
 dev_t memory_device() {
   static const dev_t device = [] {
     struct stat status {};
@@ -99,9 +99,9 @@ dev_t memory_device() {
   return device;
 }
 
-// Whether requests can be served from this file; *size is its length. Asks for the seals before the status: only what
-// lies in memory has seals, and other files can make the caller wait.
-bool can_serve(int memfd, std::uint64_t* size) {
+// Whether this file is suitable for requests; stores its length in *size. Checks the seals before the status: only
+// memory files have seals, and fstat of other files can make the caller wait.
+bool is_suitable(int memfd, std::uint64_t* size) {
   constexpr int kForbidding = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_FUTURE_WRITE;
   const int flags = fcntl(memfd, F_GETFL);
   if (flags == -1 || (flags & O_ACCMODE) != O_RDWR) return false;
@@ -134,7 +134,7 @@ int file_at_end(ks_io* io) {
   return io->memfd;
 }
 
-// The path under which the memory file can be opened once more.
+// A path by which the memory file can be opened again.
 struct MemoryFilePath {
   explicit MemoryFilePath(ks_io* io) { std::snprintf(text, sizeof(text), "/proc/self/fd/%d", ks_io_fd(io)); }
   char text[32];
@@ -161,7 +161,7 @@ void ks_io_drop_shm(ks_io* io) {
 
 void ks_io_sync(ks_io* io) {
   std::uint64_t size;
-  if (io->memfd >= 0 && !sync(io, &size) && !replace_clients_file(io)) abort_unmapped();
+  if (io->memfd >= 0 && !sync(io, &size) && !replace_client_file(io)) abort_unmapped();
 }
 
 bool ks_io_reply_size(ks_io* io, std::uint64_t* size) {
@@ -178,11 +178,11 @@ bool ks_io_sync_reply(ks_io* io) {
 
 ks_io* ks_io_accept(int memfd, int sockfd, bool is_mapped) {
   std::uint64_t size;
-  if (!can_serve(memfd, &size)) return nullptr;
+  if (!is_suitable(memfd, &size)) return nullptr;
   ks_io* io = make_record();
   if (io == nullptr) return nullptr;
   io->memfd = memfd;
-  record_of(io)->clients = true;
+  record_of(io)->from_client = true;
   record_of(io)->seek_due = true;
   if (is_mapped && size != 0 && !map(io, size)) {
     std::free(io);
@@ -203,10 +203,10 @@ void ks_io_free(ks_io* io) {
   if (record_of(io)->shut) {
     close_shut_down(io->sockfd);
   } else {
-    ks_discard(io->sockfd, ks_peer(io->sockfd).uid);  // another process may go on with a copy
+    ks_discard(io->sockfd, ks_peer(io->sockfd).uid);  // another process may continue with a copy
   }
   ks_io_drop_shm(io);
-  io->magic = 0;  // a second release is caught instead of closing somebody else's descriptors
+  io->magic = 0;  // a second release aborts instead of closing unrelated descriptors
   std::free(io);
 }
 
@@ -240,13 +240,13 @@ void* ks_io_realloc(ks_io* io, uint64_t size) {
   ks_io_shm(io);
   unmap(io);
   if (ftruncate(io->memfd, static_cast<off_t>(size)) != 0) {
-    if (replace_clients_file(io)) return ks_io_realloc(io, size);
+    if (replace_client_file(io)) return ks_io_realloc(io, size);
     ks_abort("ks_io_realloc", "ftruncate(io->memfd, size) == 0", "ftruncate memory file fail");
   }
   seek_to_end(io);
   if (size == 0) return nullptr;
   if (!map(io, size)) {
-    if (replace_clients_file(io)) return ks_io_realloc(io, size);
+    if (replace_client_file(io)) return ks_io_realloc(io, size);
     ks_abort("ks_io_realloc", "io->shared_data != MAP_FAILED", "create memory map fail");
   }
   return io->shared_data;
@@ -299,7 +299,7 @@ bool ks_io_alive(ks_io* io) {
   ks_verify_io(io, "ks_io_alive", "cannot check incorrect ks_io %p alive");
   if (io->peer_pid == 0) return true;
   if (io->sockfd < 0) return false;
-  // poll, not select: a busy daemon has descriptor numbers that do not fit a select set.
+  // Not select: descriptor numbers of a busy daemon can exceed its limit.
   pollfd watched{.fd = io->sockfd, .events = POLLIN, .revents = 0};
   int ready;
   while ((ready = poll(&watched, 1, 0)) < 0 && errno == EINTR) continue;

@@ -1,6 +1,6 @@
-// Holds the public header to what it promises: this file is compiled as strict C11, and pins the records whose
-// fields clients read, byte by byte. A library and a client built at different times have to agree on them, and
-// both processors that the daemon ships for lay them out alike.
+// Checks the public header: it must compile as strict C11, and the records whose fields clients read must keep their
+// layout, because a library and its clients may be built at different times. The layout is the same on both processors
+// that the daemon ships for.
 #include <stddef.h>
 
 #include "service/ks.h"

@@ -1,19 +1,19 @@
-// The producer. One loop owns the listening socket, the producer's ends of the control sockets and the queue
-// of waiting clients; it moves descriptors and 259-byte records and waits for nothing but its poll set.
+// The producer. One loop owns the listening socket, the producer's ends of the control sockets and the queue of waiting
+// clients. It passes on descriptors and 259-byte records, and waits only in epoll_wait.
 //
 //   new connection   -> paused, busy (1000 wait already, or descriptors run short) or to the tail of the queue
 //   ready consumer   -> the client at the head of the queue is handed over; consumers take turns
 //   lost client      -> out of the queue
 //   dead process     -> found and replaced when a client is to be handed over
 //
-// Events come in batches. What an event does can make a later one of the same batch stale: a client's entry
-// is therefore released only after the batch, its socket number 0 until then, and a worker's socket, which
-// may have been replaced, is read without waiting.
+// Events come in batches, and handling one event can make a later one of the same batch stale. A removed client's entry
+// is therefore marked by socket number 0 and released only after the batch. A worker's socket may have been replaced
+// and is therefore read without waiting.
 //
-// Clients that wait hold descriptors of the whole process. They are kept at numbers that no fixed-size set of a library
-// knows, and out of a reserve at the top of the table: workers, and whatever else the process does, go on when the
-// queue is full. Should a connection find no descriptor at all, listening pauses for a moment: the loop would spin
-// otherwise.
+// Waiting clients use descriptors of the whole process. They get numbers from 1024 on, because libraries that call
+// select need the smaller ones, and never one of a reserve at the top of the table, so that workers and the rest of the
+// process keep working when the queue is full. If accept finds no free descriptor, listening pauses for a moment; the
+// loop would spin otherwise.
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -32,11 +32,11 @@
 namespace {
 
 constexpr int kBatchSize = 64;
-// With more than this many clients waiting, the next one is told that the service is busy.
+// If more clients than this wait, the next one is told that the service is busy.
 constexpr std::uint16_t kMostWaiting = 999;
-// Waiting clients live at this number and above where the limit allows: select knows the numbers below.
+// Waiting clients get numbers from this one on, if the limit allows: select can handle only the smaller ones.
 constexpr int kFirstWaitingFd = 1024;
-// The reserve: this part of the limit on descriptors, but no more than kMostReserved.
+// The reserve: one such part of the descriptor limit, but at most kMostReserved.
 constexpr rlim_t kReservedPart = 4;
 constexpr rlim_t kMostReserved = 1024;
 constexpr int kListenPauseMs = 100;
@@ -60,11 +60,11 @@ struct Producer {
   std::uint16_t waiting;  // clients in the queue; wraps
   std::uint64_t cursor;   // the consumer to look at first
   ks_queue released;      // entries of this batch that are no longer in use
-  bool deaf;              // listening pauses
+  bool listen_paused;     // after accept found no free descriptor
 };
 
-// Takes a client out of the queue and the poll set. Its socket is then the caller's; its entry stays readable
-// until the batch ends.
+// Removes a client from the queue and the poll set. The caller then owns its socket; its entry stays readable until the
+// batch ends.
 int detach_client(Producer& p, ks_queue* client) {
   const int sockfd = client->sockfd;
   epoll_ctl(p.self->pollfd, EPOLL_CTL_DEL, sockfd, nullptr);
@@ -88,7 +88,7 @@ void free_entries(ks_queue* head) {
   }
 }
 
-// Says why a consumer process is replaced, as its wait status tells it.
+// Prints why a consumer process is replaced, from its wait status.
 void print_restart(const ks_handle* handle, const ks_worker* worker, int status) {
   const char* how = "WIFSTOPPED";
   int value = (status >> 8) & 0xff;
@@ -102,7 +102,7 @@ void print_restart(const ks_handle* handle, const ks_worker* worker, int status)
                static_cast<std::size_t>(worker->index), static_cast<int>(worker->id.pid), how, value);
 }
 
-// A process that has ended, or cannot be waited for, is replaced on the spot; the new one is ready.
+// Replaces a consumer process that has ended or cannot be waited for. The new one is ready at once.
 void replace_if_dead(Producer& p, ks_worker* worker) {
   if ((worker->type & KS_PROCESS_MODE) == 0) return;
   int status = 0;
@@ -124,8 +124,8 @@ ks_worker* find_ready(Producer& p) {
   return nullptr;
 }
 
-// Hands the client at the head of the queue to a ready consumer, if there are both, and returns its entry, else
-// null. This side's copy of the socket stays open until the consumer's echo.
+// Hands the client at the head of the queue to a ready consumer and returns its entry; null if there is no client or no
+// ready consumer. The producer's copy of the socket stays open until the consumer's echo.
 ks_queue* dispatch(Producer& p) {
   ks_queue* client = p.self->queue.next;
   if (client == &p.self->queue) return nullptr;
@@ -149,7 +149,8 @@ void turn_away(int client, ks_directive_type why) {
   hang_up_and_forget(&client);
 }
 
-// The number under which a client waits; -1, and the client is told, when only the reserve is left.
+// Moves a client to the number under which it waits. If only the reserve is left, tells the client that the service is
+// busy and returns -1.
 int place_to_wait(int client) {
   const int high = fcntl(client, F_DUPFD, kFirstWaitingFd);
   if (high >= 0) close(std::exchange(client, high));
@@ -168,15 +169,15 @@ void queue_client(Producer& p, int client) {
   entry->sockfd = client;
   append(&p.self->queue, entry);
   ++p.waiting;
-  // Placed and watched only when it has to wait: most clients are handed over at once.
+  // Moved and watched only if it has to wait: most clients are handed over at once.
   if (dispatch(p) == entry) return;
   client = place_to_wait(client);
   entry->sockfd = client;
   if (client < 0 || !ks_poll_add(p.self->pollfd, client, kWatchLoss, {.ptr = entry})) drop_client(p, entry);
 }
 
-void listen_again(Producer& p, bool on) {
-  p.deaf = !on;
+void set_listening(Producer& p, bool on) {
+  p.listen_paused = !on;
   epoll_event event{.events = on ? kWatchEvents : 0, .data = {.ptr = &p.self->queue}};
   epoll_ctl(p.self->pollfd, EPOLL_CTL_MOD, p.self->queue.sockfd, &event);
 }
@@ -184,8 +185,8 @@ void listen_again(Producer& p, bool on) {
 void accept_client(Producer& p) {
   const int client = ks_nonzero(accept(p.self->queue.sockfd, nullptr, nullptr));
   if (client < 0) {
-    const bool short_of = errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS;
-    if (short_of) listen_again(p, false);
+    const bool out_of_resources = errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS;
+    if (out_of_resources) set_listening(p, false);
     return;
   }
   if (std::atomic_ref(p.handle->paused).load() != 0) return turn_away(client, KS_DIR_PAUSED);
@@ -193,7 +194,7 @@ void accept_client(Producer& p) {
   queue_client(p, client);
 }
 
-// Whether a consumer process has ended, without taking note of it: find_ready does that.
+// Whether a consumer process has ended. Does not reap it: find_ready does that.
 bool has_ended(const ks_worker* worker) {
   siginfo_t info{};
   return (worker->type & KS_PROCESS_MODE) != 0 &&
@@ -208,19 +209,19 @@ void finish_transfer(ks_worker* worker, const directive& echo) {
     ks_abort("ks_producer_worker", "*((int*)&directive.data) >= 0", "producer-worker transfer client sockfd fail");
   }
   const bool failed = std::atomic_ref(worker->transfer_failed).exchange(0) != 0;
-  // Only the number handed over is ours to close, whatever a consumer process may claim.
+  // A consumer process may send any number; only the one that was handed over is closed.
   if (sockfd != worker->transfer_fd) return;
   if (failed || has_ended(worker)) {
     return hang_up_and_forget(&worker->transfer_fd);
   }
-  // The consumer has the other copy, or has closed it with nothing unread: this close does not wait.
+  // This close does not wait: the consumer still has a copy, or has closed its copy with nothing unread.
   close_and_forget(&worker->transfer_fd);
 }
 
 void serve_worker(Producer& p, ks_queue* entry) {
   directive record;
   const ssize_t got = recv(entry->sockfd, &record, sizeof(record), MSG_DONTWAIT);
-  // The event was of a socket that has been replaced since.
+  // The event belongs to a socket that has been replaced since.
   if (got < 0 && (errno == EAGAIN || errno == EINTR)) return;
   if (got != sizeof(record)) {
     ks_abort("ks_producer_worker", "read(event_queue->sockfd, &directive, sizeof(directive)) == sizeof(directive)",
@@ -242,7 +243,7 @@ void serve_worker(Producer& p, ks_queue* entry) {
 void serve_event(Producer& p, ks_queue* entry, std::uint32_t events) {
   if (entry->sockfd == 0) return;
   if (entry->type == CLIENT_SOCK) {
-    // Watched for loss alone, so any event is one.
+    // Only a loss is watched for, so every event is one.
     drop_client(p, entry);
   } else if (events == kPeerClosed) {
     close_and_forget(&p.self->pollfd);
@@ -271,18 +272,18 @@ void ks_producer_worker(ks_handle* handle, ks_worker* workers) {
              .waiting = 0,
              .cursor = 0,
              .released = {},
-             .deaf = false};
+             .listen_paused = false};
   p.released.next = p.released.prev = &p.released;
   while (p.self->pollfd >= 0) {
     epoll_event events[kBatchSize];
-    const int count = epoll_wait(p.self->pollfd, events, kBatchSize, p.deaf ? kListenPauseMs : -1);
+    const int count = epoll_wait(p.self->pollfd, events, kBatchSize, p.listen_paused ? kListenPauseMs : -1);
     if (std::atomic_ref(handle->stopping).load() != 0) break;
     if (count < 0 && errno == EINTR) {
       errno = 0;
       continue;
     }
-    if (count < 0 || (count == 0 && !p.deaf)) break;
-    if (p.deaf) listen_again(p, true);
+    if (count < 0 || (count == 0 && !p.listen_paused)) break;
+    if (p.listen_paused) set_listening(p, true);
     for (int i = 0; i < count && p.self->pollfd >= 0; ++i) {
       serve_event(p, static_cast<ks_queue*>(events[i].data.ptr), events[i].events);
     }

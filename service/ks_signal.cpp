@@ -1,6 +1,5 @@
-// Process-wide signal facilities. One table maps signal numbers to handlers; every handler is reached through
-// the one dispatcher. The crash report and the list of blocked programs are here for whoever wants them; this
-// daemon switches on neither.
+// Process-wide signal facilities. One table maps signal numbers to handlers; one dispatcher calls them all. The crash
+// report and the list of blocked programs are for programs that want them; this daemon uses neither.
 
 #include <errno.h>
 #include <execinfo.h>
@@ -20,10 +19,10 @@
 namespace {
 
 constexpr int kMaxFrames = 50;
-// The report itself and the signal trampoline.
+// The frames of the report itself and of the signal trampoline.
 constexpr int kOwnFrames = 2;
 
-// Written by the thread that starts the process up, read by whichever thread a signal finds.
+// Written during start-up, read by the thread that receives a signal.
 std::array<std::atomic<ks_signal_fn>, MAX_SIGNAL_SIZE> signal_table{};
 
 regex_t blocked_programs;
@@ -32,8 +31,7 @@ void set_action(int signum, void (*action)(int), int flags) {
   struct sigaction change {};
   sigemptyset(&change.sa_mask);
   change.sa_flags = flags;
-  // The dispatcher takes the number alone; under SA_SIGINFO the kernel passes two more arguments that it
-  // ignores.
+  // The dispatcher takes only the number. Under SA_SIGINFO the kernel passes two more arguments, which it ignores.
   change.sa_handler = action;
   sigaction(signum, &change, nullptr);
 }
@@ -85,9 +83,9 @@ void ks_crash_install(void) {
   }
 }
 
-// Allocates and uses standard I/O inside a signal handler: the process is about to end either way.
+// Allocates and uses standard I/O in a signal handler, which is acceptable because the process is about to end.
 void ks_crash_report(int signum) {
-  std::signal(SIGABRT, [](int) { _exit(1); });  // what the report cannot have is no reason to end otherwise
+  std::signal(SIGABRT, [](int) { _exit(1); });  // an abort inside the report ends the same way
   // NOLINTNEXTLINE(concurrency-mt-unsafe): the process is about to end
   const char* const name = strsignal(signum);
   std::fprintf(stderr, "%s\n", name);
@@ -103,7 +101,7 @@ void ks_crash_report(int signum) {
   std::free(symbols);
   std::uint64_t size = 0;
   const void* text = ks_io_read(report, &size);
-  // In one write if it can be, so that it becomes one record of the kernel log.
+  // One write if possible, so that it becomes one record of the kernel log.
   write_all(kernel_log, static_cast<const char*>(text), size);
   ks_io_free(report);
   fsync(kernel_log);

@@ -3,15 +3,14 @@
 //   control socket: TRANSFER + descriptor  ->  echo TRANSFER, ask the client
 //   client:         REQUEST + memory file (+ extra descriptor)  ->  exec  ->  READY on the control socket
 //
-// Who owns what. The control socket is a pair: the consumer's loop closes its end ([0]), the producer's side
-// closes the other ([1]). A client handed over is open twice, here and in the producer, until the echo tells
-// the producer that its copy is no longer needed. From REQUEST on, socket, memory file and extra descriptor
-// belong to the exec callback. A consumer process holds nothing but descriptors 0 to 3, 3 being its control
-// socket.
+// Ownership. The control socket is a pair: the consumer's loop closes its end ([0]), the producer closes the other
+// ([1]). A client that is being handed over is open twice, here and in the producer, until the echo tells the producer
+// that its copy is no longer needed. From REQUEST on, socket, memory file and extra descriptor belong to the exec
+// callback. A consumer process holds only descriptors 0 to 3; 3 is its control socket.
 //
-// Client input is untrusted: records may be short or of any type, descriptors missing or of any kind. Each of these
-// costs that client its connection. A client has kAnswerTimeout to answer, and its descriptors kHandoverTimeout to
-// follow. Ready is reported when the worker is rid of the client, and getting rid of it never waits (discard.cpp).
+// Client input is untrusted: records may be short or of any type, descriptors missing or of any kind. The worker hangs
+// up on such a client. A client has kAnswerTimeout to send its request, and kHandoverTimeout to send the descriptors
+// that follow. The worker reports ready when it has dropped the client, and dropping one never waits (discard.cpp).
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -33,17 +32,17 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// A client that has been asked and is silent holds the worker; a conforming one answers at once.
+// A silent client holds the worker; a conforming one answers at once.
 constexpr std::chrono::seconds kAnswerTimeout{60};
-// A client that has been silent for so long is told of, if the service wants to know.
+// A client that has been silent for this long is reported to the service's callback.
 constexpr std::chrono::seconds kSilenceTimeout{30};
-// The descriptors that belong to a request already read; a conforming client sends all at once.
+// For the descriptors that follow a request; a conforming client sends all at once.
 constexpr std::chrono::seconds kHandoverTimeout{5};
 
 // The number under which a consumer process keeps its control socket.
 constexpr int kChildControlFd = 3;
 
-// The consumer that this thread is.
+// The consumer that runs on this thread.
 thread_local ks_worker* self = nullptr;
 
 void report_ready(ks_worker* worker) {
@@ -61,8 +60,8 @@ void drop_client(ks_worker* worker) {
   hang_up_and_forget(&worker->client_fd);
 }
 
-// Takes over the environment of the client, as far as its first newline: each name up to an equals sign, each
-// value up to its NUL.
+// Replaces this process's environment by the client's, up to the client's first newline. A name ends at its equals
+// sign, a value at its NUL.
 void take_over_environment(pid_t peer) {
   char path[32];
   std::snprintf(path, sizeof(path), "/proc/%d/environ", static_cast<int>(peer));
@@ -88,10 +87,11 @@ void take_over_environment(pid_t peer) {
   std::free(text);
 }
 
-// Receives what belongs to the request record and makes the request. Null when that fails; the client is then dropped.
-ks_io* receive_request(ks_worker* worker, const directive& record, handed_fd* extra) {
+// Receives the descriptors that follow the request record and makes the request. Null on failure; the caller then drops
+// the client.
+ks_io* receive_request(ks_worker* worker, const directive& record, received_fd* extra) {
   const auto deadline = Clock::now() + kHandoverTimeout;
-  handed_fd memfd(worker->client.uid, receive_descriptor(worker->client_fd, deadline));
+  received_fd memfd(worker->client.uid, receive_descriptor(worker->client_fd, deadline));
   if (!memfd) return nullptr;
   if ((record.flag & 1) != 0) {
     extra->reset(receive_descriptor(worker->client_fd, deadline));
@@ -112,7 +112,7 @@ void set_credentials(const ks_worker* worker, ks_io* io) {
 }
 
 void serve_request(ks_worker* worker, const directive& record) {
-  handed_fd extra(worker->client.uid);
+  received_fd extra(worker->client.uid);
   ks_io* io = receive_request(worker, record, &extra);
   if (io == nullptr) {
     extra.reset();
@@ -124,17 +124,17 @@ void serve_request(ks_worker* worker, const directive& record) {
   worker->exec(io->request_name, io, extra.release());
 }
 
-// A client comes over the control socket: it is asked for its request and watched.
+// Receives a client over the control socket, asks for its request and watches it.
 void accept_transfer(ks_worker* worker, const directive& record) {
   worker->client_fd = receive_connection(worker->sockfd[0]);
-  // The producer's copy is then the last one, and must not be closed as if it were not.
+  // The producer's copy is then the last one, whose close could wait.
   if (worker->client_fd < 0) std::atomic_ref(worker->transfer_failed).store(1);
   // The echo tells the producer that its copy of the client is no longer needed.
   send_directive(worker->sockfd[0], record);
   if (worker->client_fd < 0) return;
   worker->client = ks_peer(worker->client_fd);
   if (ks_has_too_many_open(worker->client.uid)) return hang_up_and_forget(&worker->client_fd);
-  // An urgent byte is read like any other. Otherwise the kernel drops it, and what came with it, in this thread.
+  // Read urgent bytes inline. Otherwise the kernel drops them, and closes descriptors sent with them, in this thread.
   const int on = 1;
   setsockopt(worker->client_fd, SOL_SOCKET, SO_OOBINLINE, &on, sizeof(on));
   if (!send_directive(worker->client_fd, KS_DIR_ASK) ||
@@ -147,17 +147,17 @@ void serve_control(ks_worker* worker, std::uint32_t events) {
   directive record;
   if (events == kPeerClosed) return leave_loop(worker);
   if (!read_directive(worker->sockfd[0], &record)) {
-    // Nothing to read and no peer: the producer is gone in a way that also set an error.
+    // Nothing to read: the producer is gone, and its loss was reported with an error.
     if ((events & (EPOLLHUP | EPOLLERR)) != 0) leave_loop(worker);
   } else if (record.type == KS_DIR_TRANSFER) {
     accept_transfer(worker, record);
   } else {
-    // Quit, or something that no producer sends: without its control socket a consumer has nothing to do.
+    // Quit, or a record that no producer sends.
     leave_loop(worker);
   }
 }
 
-// Only a request is a client's to send; a hand-over or a quit from this side is a forgery.
+// Clients may send only requests. A transfer or quit record from a client is forged.
 void serve_client(ks_worker* worker, std::uint32_t events) {
   directive record;
   if (events == kPeerClosed || !read_directive(worker->client_fd, &record) || record.type != KS_DIR_REQUEST) {
@@ -166,7 +166,7 @@ void serve_client(ks_worker* worker, std::uint32_t events) {
   serve_request(worker, record);
 }
 
-void tell_silence(const ks_worker* worker) {
+void report_silence(const ks_worker* worker) {
   if (worker->on_silence != nullptr) worker->on_silence(worker->silence_arg, worker->client.pid);
 }
 
@@ -177,28 +177,28 @@ int time_to_wait(const ks_worker* worker, Clock::time_point deadline) {
   return static_cast<int>(std::max<std::int64_t>(left, 0));
 }
 
-// Serves the producer, and the client that it hands over, until the service ends.
+// Serves the producer and the clients that it hands over, until the service ends.
 void serve(ks_worker* worker) {
   Clock::time_point asked;
-  bool told = false;
+  bool reported = false;
   while (worker->pollfd >= 0) {
     epoll_event event{};
-    const int ready =
-        epoll_wait(worker->pollfd, &event, 1, time_to_wait(worker, asked + (told ? kAnswerTimeout : kSilenceTimeout)));
+    const int ready = epoll_wait(worker->pollfd, &event, 1,
+                                 time_to_wait(worker, asked + (reported ? kAnswerTimeout : kSilenceTimeout)));
     if (ready < 0 && errno == EINTR) {
       errno = 0;
       continue;
     }
     if (ready < 0) break;
-    if (ready == 0 && !told) {
-      tell_silence(worker);
-      told = true;
+    if (ready == 0 && !reported) {
+      report_silence(worker);
+      reported = true;
     } else if (ready == 0) {
       drop_client(worker);
     } else if (event.data.fd == worker->sockfd[0]) {
       serve_control(worker, event.events);
       asked = Clock::now();
-      told = false;
+      reported = false;
     } else {
       serve_client(worker, event.events);
     }
@@ -206,15 +206,14 @@ void serve(ks_worker* worker) {
   }
 }
 
-// Closes every descriptor above the control socket: what other clients and workers of the parent hold is not
-// this process's.
+// Closes every descriptor above the control socket. They belong to the parent's other clients and workers.
 void close_inherited_descriptors() {
-  // Older kernels do not know it.
+  // Older kernels do not have close_range.
   if (close_range(kChildControlFd + 1, ~0U, 0) == 0) return;
   DIR* directory = opendir("/proc/self/fd");
   if (directory == nullptr) return;
   const int own = dirfd(directory);
-  // NOLINTNEXTLINE(concurrency-mt-unsafe): a directory stream of its own
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread uses this directory stream
   while (const dirent* entry = readdir(directory)) {
     const int fd = static_cast<int>(std::strtol(entry->d_name, nullptr, 10));
     if (fd > kChildControlFd && fd != own) close(fd);
@@ -225,12 +224,12 @@ void close_inherited_descriptors() {
 [[noreturn]] void run_consumer_process(ks_worker* worker, pid_t parent) {
   if (worker->sockfd[0] != kChildControlFd) dup2(worker->sockfd[0], kChildControlFd);
   worker->sockfd[0] = kChildControlFd;
-  worker->sockfd[1] = -1;  // the producer's end; closed with all the others
+  worker->sockfd[1] = -1;  // the producer's end; closed below
   close_inherited_descriptors();
   std::signal(SIGINT, SIG_IGN);
   std::signal(SIGTERM, SIG_IGN);
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  // A parent that ended before that call will send nothing.
+  // If the parent ended before that call, no signal will come.
   if (getppid() == parent) ks_consumer_worker(worker);
   _exit(0);
 }
@@ -255,11 +254,11 @@ void open_control_pair(ks_worker* worker) {
 
 void ks_consumer_worker_init(ks_handle* handle, ks_worker* worker) {
   constexpr char kOperation[] = "ks_consumer_worker_init";
-  // The array, not handle->worker: that one is published only when all of it stands.
+  // The last element of the array.
   ks_worker* producer = worker - worker->index + handle->service_size;
   std::atomic_ref(worker->ready).store(1);
   worker->pollfd = -1;
-  // Taken out by hand: a program started meanwhile may hold a copy that would keep it registered.
+  // Removed explicitly: a program started meanwhile may hold a copy that would keep it registered.
   if (worker->sockfd[1] >= 0) epoll_ctl(producer->pollfd, EPOLL_CTL_DEL, worker->sockfd[1], nullptr);
   close_and_forget(&worker->sockfd[0]);
   close_and_forget(&worker->sockfd[1]);
@@ -314,7 +313,7 @@ void ks_consumer_worker(ks_worker* worker) {
              "consumer-worker epoll add sockfd fail");
   }
   serve(worker);
-  hang_up_and_forget(&worker->client_fd);  // asked, and stopped before it has said anything
+  hang_up_and_forget(&worker->client_fd);  // asked, but stopped before it sent its request
   if (worker->sockfd[0] >= 0) shutdown(worker->sockfd[0], SHUT_RDWR);
   close_and_forget(&worker->sockfd[0]);
   close_and_forget(&worker->pollfd);

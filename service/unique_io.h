@@ -1,5 +1,5 @@
-// The owner of a request record. When it goes out of scope the client, if there is one, is hung up on: a program that
-// was started meanwhile may hold a copy of the connection.
+// Owns a request record, and hangs up on its client before releasing it. Closing alone would not end the connection: a
+// program that was started meanwhile may hold a copy.
 #pragma once
 
 #include <memory>

@@ -1,6 +1,6 @@
-// `ksctl call`: one request, the reply on standard output. The conversation is led step by step, because what is
-// known about a request that got no reply depends on how far it came: a service asks for a request when one of its
-// workers is free, and only what was sent then can have been done.
+// `ksctl call`: sends one request and prints the reply. It drives the conversation step by step, so that it can report
+// how far a request without a reply got. A service asks for the request when a worker is free; only a request sent
+// after that can have been carried out.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -25,7 +25,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kDescriptors = 3;  // memory file, socket, poll set
 
-// A longer reply is passed on, but not looked into.
+// A longer reply is passed on without parsing it.
 constexpr std::uint64_t kLongestJudged = 64 << 20;
 
 struct IoRelease {
@@ -52,10 +52,10 @@ struct Call {
 struct Outcome {
   int status = KS_STATUS_OK;
   int connect_error = 0;  // errno
-  bool sent = false;      // the service has asked for the request
+  bool sent = false;      // the service has asked for the request and got it
 };
 
-// The steps of a conversation on standard error, each with its time since the first.
+// Prints the steps of a conversation on standard error, with the time since the first step.
 class Trace {
  public:
   explicit Trace(bool wanted) : wanted_(wanted) {}
@@ -100,14 +100,14 @@ bool append_body(ks_io* io, const char* body) {
   return append(io, body, std::strlen(body));
 }
 
-// Milliseconds until then, begun ones included.
+// Milliseconds until `deadline`, rounded up.
 std::uint32_t time_left(Clock::time_point deadline) {
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
   return static_cast<std::uint32_t>(std::max<std::int64_t>(left, 0));
 }
 
 Outcome converse(const Call& call, ks_io* io, const Trace& trace) {
-  // Taken now: once the request is sent, the file is the service's to write its reply into.
+  // Taken before the request is sent: after that the service writes into the file.
   const std::string body = std::to_string(ks_io_size(io)) + " bytes of body";
   const Clock::time_point deadline = Clock::now() + std::chrono::seconds(call.seconds);
   const PollSet set(ks_epoll_create());
@@ -128,13 +128,13 @@ Outcome converse(const Call& call, ks_io* io, const Trace& trace) {
                  (call.extra_fd >= 0 ? " and descriptor " + std::to_string(call.extra_fd) : ""));
       continue;
     }
-    // A reply, an empty one too, comes with its file. Without it the time ran out behind a record that says nothing.
+    // Every reply, even an empty one, has its file. Without a file an unknown record came and the time ran out.
     if (finished != nullptr && outcome.status == KS_STATUS_OK && io->memfd == -1) outcome.status = KS_STATUS_TIMEOUT;
     return outcome;
   }
 }
 
-// Why the socket could not be connected to.
+// Explains why connecting failed.
 std::string connect_text(const Call& call, int error) {
   switch (error) {
     case ENOENT:
@@ -175,7 +175,7 @@ std::string outcome_text(const Call& call, const Outcome& outcome, bool with_bod
   }
 }
 
-// Whether the terminal shows colours and its user has not refused them.
+// Whether the terminal supports colours and the user has not disabled them.
 bool colours_wanted() {
   // NOLINTBEGIN(concurrency-mt-unsafe): there is one thread
   const char* refused = std::getenv("NO_COLOR");
@@ -194,7 +194,7 @@ int show_reply(const Call& call, ks_io* io) {
     const std::string shown = indented(text, colours_wanted());
     written = write_all(STDOUT_FILENO, shown.data(), shown.size());
   } else {
-    // From the mapping straight into the kernel: a service that cuts the file short now costs an error only.
+    // Written straight from the mapping: if the service truncates the file now, write fails without a signal.
     written = write_all(STDOUT_FILENO, io->shared_data, io->shared_size);
   }
   if (!written) return local_trouble(kCallCommand, "cannot write the reply");
@@ -221,7 +221,7 @@ int perform(const Call& call) {
   return kExitStatusBase + outcome.status;
 }
 
-// The framework leaves out a descriptor that is not open; the user should know.
+// The framework silently omits a descriptor that is not open; the user should know.
 bool store_descriptor(const char* value, int* fd) {
   unsigned number = 0;
   if (!parse_number(value, INT_MAX, &number) || fcntl(static_cast<int>(number), F_GETFD) == -1) return false;

@@ -32,7 +32,7 @@ int print_help(const Subcommand& command, std::span<const Option> options) {
   return std::fflush(stdout) == 0 ? 0 : kExitLocal;
 }
 
-// What getopt_long returned as '?' or ':'.
+// Explains a '?' or ':' from getopt_long.
 int wrong_option(const Subcommand& command, int result, char** argv) {
   if (optopt > 0 && optopt <= UCHAR_MAX) {
     const std::string letter = std::string("-") + static_cast<char>(optopt);
@@ -60,7 +60,7 @@ std::optional<int> read_arguments(const Subcommand& command, std::span<const Opt
   }
   long_options.push_back({});
 
-  opterr = 0;  // the complaints are worded here
+  opterr = 0;  // errors are reported below
   for (int found; (found = getopt_long(argc, argv, letters.c_str(), long_options.data(), nullptr)) != -1;) {
     if (found == 'h') return print_help(command, options);
     if (found == '?' || found == ':') return wrong_option(command, found, argv);
@@ -102,7 +102,7 @@ void complain(std::string_view text) {
     line += control ? '?' : c;
   }
   line += '\n';
-  write_all(STDERR_FILENO, line.data(), line.size());  // there is nowhere to report a failure to
+  write_all(STDERR_FILENO, line.data(), line.size());  // a failure cannot be reported
 }
 
 int wrong_usage(const Subcommand& command, std::string_view why) {

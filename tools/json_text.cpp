@@ -17,7 +17,7 @@ bool is_blank(char c) {
   return c == ' ' || c == '\t' || c == '\n' || c == '\r';
 }
 
-// The end of the string literal that begins at `at`.
+// The index after the string literal that begins at `at`.
 std::size_t string_end(std::string_view json, std::size_t at) {
   for (++at; at < json.size() && json[at] != '"'; ++at)
     if (json[at] == '\\') ++at;
@@ -35,7 +35,7 @@ std::string escaped(std::string_view literal) {
   return text;
 }
 
-// Where a blank would be skipped: the first character from `at` on that means something.
+// The index of the first character from `at` on that is not whitespace.
 std::size_t skip_blanks(std::string_view json, std::size_t at) {
   while (at < json.size() && is_blank(json[at])) ++at;
   return at;

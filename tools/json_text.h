@@ -1,4 +1,4 @@
-// JSON replies as texts: what a terminal is shown of them, and what they say about failure.
+// JSON replies as texts: formats them for a terminal and finds out whether they report a failure.
 #pragma once
 
 #include <json/value.h>
@@ -7,13 +7,13 @@
 #include <string>
 #include <string_view>
 
-// The value of a text that is one JSON object or array and nothing else.
+// Parses a text that is exactly one JSON object or array.
 std::optional<Json::Value> parse_json(std::string_view text);
 
-// The same text, for which parse_json holds, one member a line. Names, numbers and strings stay as they were
-// written, but for control characters, which a terminal would obey: they are escaped.
+// Formats a text that parse_json accepts with one member per line. Names, numbers and strings stay unchanged, except
+// that control characters are escaped, because a terminal would interpret them.
 std::string indented(std::string_view json, bool coloured);
 
-// Which of "result" and "error_code" is a number other than 0, with the "error_msg" beside it; empty when neither
-// is. Where a command returns a text as its "result", that is no failure.
+// If "result" or "error_code" is a number other than 0, that member together with "error_msg"; otherwise empty. A text
+// as "result" is not a failure.
 std::string reported_failure(const Json::Value& reply);

@@ -1,5 +1,4 @@
-// ksctl: the services of this machine from the command line. A new subcommand is a row here and a file
-// beside.
+// ksctl: uses the services of this machine from the command line. A new subcommand needs a row here and its own file.
 #include <cstdio>
 #include <cstring>
 #include <string>

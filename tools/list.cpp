@@ -1,4 +1,4 @@
-// `ksctl list`: the commands of the daemon's two services, from the daemon's own tables. No daemon need run.
+// `ksctl list`: lists the commands of the daemon's two services, from the daemon's own tables. The daemon need not run.
 #include <json/value.h>
 #include <unistd.h>
 
@@ -16,7 +16,7 @@
 
 namespace {
 
-// As a person would write the call.
+// The call in readable form.
 std::string runs_text(const Command& command) {
   if (command.runs != nullptr) return command.runs;
   if (command.library != nullptr) return std::string(command.function) + " of " + command.library;
@@ -66,7 +66,7 @@ std::string text_of(const Json::Value& described, bool in_full) {
   return text + "\n";
 }
 
-// Adds the commands of that name, all when it is null; false when there is none.
+// Adds the commands called `name`, or all if it is null; false if there are none.
 bool add(const char* wanted, Json::Value& list) {
   const Json::ArrayIndex before = list.size();
   for (const char* service : {"main", "mail"}) {

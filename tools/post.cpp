@@ -29,7 +29,7 @@ Option number_option(const char* name, std::int32_t* number, const char* help) {
           }};
 }
 
-// A text fills its field up to the last byte; one that fits exactly has no NUL.
+// A text may fill its field to the last byte and then has no NUL.
 Option text_option(const char* name, std::span<char> field, const char* help) {
   return {.name = name, .value = "TEXT", .help = help, .store = [=](const char* value) {
             const std::size_t length = std::strlen(value);
@@ -63,7 +63,7 @@ int run_post_notify(int argc, char** argv) {
 }
 
 int run_post_log(int argc, char** argv) {
-  // Read as a connection record, which begins with what an event record consists of.
+  // Read as a connection record, which begins with the fields of an event record.
   ConnectionRecord record{};
   record.time = std::time(nullptr);
   bool connection_only = false;

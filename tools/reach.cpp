@@ -1,4 +1,4 @@
-// `ksctl wait` and `ksctl path`: where a service is and whether it accepts.
+// `ksctl wait` and `ksctl path`: whether a service accepts connections, and the path of its socket.
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,7 +17,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kPollPeriod{5};
 
-// Tries until a connection is accepted or the time is over, once at least; 0, or the last try's errno.
+// Tries at least once, until a connection is accepted or the time is over. Returns 0 or the last errno.
 int wait_for_accept(const std::string& path, std::chrono::seconds limit) {
   const Clock::time_point deadline = Clock::now() + limit;
   for (;;) {

@@ -1,5 +1,5 @@
-// `ksctl serve`: stands in for a service, so that what the daemon sends can be watched. What the framework would end
-// the process over is tried beforehand.
+// `ksctl serve`: stands in for a service to show the requests that the daemon sends. It first checks the conditions
+// under which the framework would abort.
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -19,16 +19,16 @@
 
 namespace {
 
-// The service's own 7 (listening socket, poll sets, control sockets, a spare one), and what requests bring.
+// The service's own 7 (listening socket, poll sets, control sockets, a spare one), plus those of requests.
 constexpr int kDescriptors = 16;
 
-// What the exec callback needs; it is handed no argument of ours. One worker, so no lock.
+// Used by the exec callback, which has no user argument. There is one worker, so no lock is needed.
 std::string reply_text;
 unsigned requests_left = 0;  // 0: no limit
 int output_error = 0;        // errno of the first line that could not be written
 int end_signal = SIGTERM;
 
-// The request's body with line feeds shown as "\n", less a last one, so that it stays on its line.
+// The request's body on one line: a final line feed is dropped, others are shown as "\n".
 std::string body_on_a_line(ks_io* io) {
   std::string body = read_whole(ks_io_fd(io));
   if (body.ends_with('\n')) body.pop_back();
@@ -47,12 +47,12 @@ void show_and_reply(const char* request_name, ks_io* io, int extra_fd) {
   }
   ks_discard(extra_fd, ks_io_uid(io));
   ks_io_free(io);
-  // An output that the caller left closed (EBADF) was not wanted; one that fails has lost its reader.
+  // EBADF: the caller has closed standard output on purpose. Other errors mean that its reader is gone.
   const bool lost_reader = !shown && output_error != EBADF;
   if (lost_reader || (requests_left > 0 && --requests_left == 0)) kill(getpid(), end_signal);
 }
 
-// Binds the socket file once, for the reason why it cannot be. It stays: the service replaces it. False with errno.
+// Binds the socket file, to get the reason if that is impossible (false, with errno). The service replaces the file.
 bool try_bind(const std::string& path) {
   struct stat status {};
   if (lstat(path.c_str(), &status) != 0) {
@@ -70,7 +70,7 @@ bool try_bind(const std::string& path) {
   return trial.get() >= 0 && bind(trial.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
-// As many threads at once as the service has.
+// Whether as many threads as the service needs can exist at once.
 bool can_start_threads() {
   const auto until_stopped = [](const std::stop_token& stop) {
     while (!stop.stop_requested()) std::this_thread::yield();
@@ -84,7 +84,7 @@ bool can_start_threads() {
   }
 }
 
-// Nullopt when the service's name is ours to serve; else the exit status, after a complaint.
+// Nullopt if we can serve this name; otherwise prints an error message and returns the exit status.
 std::optional<int> take_over(const Service& service, bool replace) {
   const std::string who = "serve " + std::string(service.name);
   if (const auto over = check_service(kServeCommand, service, kDescriptors)) return over;
@@ -108,7 +108,7 @@ std::optional<int> take_over(const Service& service, bool replace) {
 }
 
 int serve(const Service& service) {
-  // Blocked before the service's threads exist, so that they only ever end the wait below.
+  // Blocked before the service's threads exist, so that only the wait below receives them.
   sigset_t ends;
   sigemptyset(&ends);
   sigaddset(&ends, SIGINT);

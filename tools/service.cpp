@@ -1,5 +1,5 @@
-// Services as the command line names them, and whether they can be worked on. The framework ends a process that
-// hands it a bad name, or that has no descriptor left; a tool says what is wrong instead.
+// Resolves service names from the command line and checks whether the services can be used. The framework aborts on a
+// bad name or without free descriptors; a tool should print the reason instead.
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -34,13 +34,13 @@ constexpr ShortName kShortNames[] = {
 
 void never_run(const char*, ks_io*, int) {}
 
-// ks_create would end the process over any other name.
+// ks_create would abort on any other name.
 bool can_name_socket(std::string_view name) {
   return name.size() <= MAXIMUM_NAME_SIZE && (!name.starts_with('@') || name.starts_with("@/"));
 }
 
 std::string socket_path(const char* name) {
-  // The framework tells the path to the owner of a service only, so own one that is never started.
+  // Only a service handle has the path, so create one without starting it.
   ks_handle* handle = ks_create(name, KS_PTHREAD_MODE, 1, never_run);
   std::string path = handle->sockfile;
   ks_free(handle);
@@ -57,7 +57,7 @@ bool can_open(int descriptors) {
 }
 
 void occupy_standard_descriptors() {
-  // open(2) takes the lowest free number, so walking upwards fills each gap with itself.
+  // open(2) takes the lowest free number, so each gap is filled in ascending order.
   const int modes[] = {O_WRONLY, O_RDONLY, O_RDONLY};
   for (int fd = 0; fd < static_cast<int>(std::size(modes)); ++fd)
     if (fcntl(fd, F_GETFD) == -1) (void)open("/dev/null", modes[fd]);
@@ -115,7 +115,7 @@ int try_connect(const std::string& path) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof address.sun_path - 1);
-  // Non-blocking: connecting to a service whose backlog is full would otherwise last as long as the jam.
+  // Non-blocking: connecting would otherwise wait while the service's backlog is full.
   const UniqueFd client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (client.get() < 0) return errno;
   const int result = connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);

@@ -126,7 +126,7 @@ ks_worker* find_ready(Producer& p) {
 
 // Hands the client at the head of the queue to a ready consumer and returns its entry; null if there is no client or no
 // ready consumer. The producer's copy of the socket stays open until the consumer's echo.
-ks_queue* dispatch(Producer& p) {
+ks_queue* hand_over(Producer& p) {
   ks_queue* client = p.self->queue.next;
   if (client == &p.self->queue) return nullptr;
   ks_worker* worker = find_ready(p);
@@ -170,7 +170,7 @@ void queue_client(Producer& p, int client) {
   append(&p.self->queue, entry);
   ++p.waiting;
   // Moved and watched only if it has to wait: most clients are handed over at once.
-  if (dispatch(p) == entry) return;
+  if (hand_over(p) == entry) return;
   client = place_to_wait(client);
   entry->sockfd = client;
   if (client < 0 || !ks_poll_add(p.self->pollfd, client, kWatchLoss, {.ptr = entry})) drop_client(p, entry);
@@ -237,7 +237,7 @@ void serve_worker(Producer& p, ks_queue* entry) {
     if (index >= p.handle->service_size) return;
     std::atomic_ref(p.workers[index].ready).store(1);
   }
-  dispatch(p);
+  hand_over(p);
 }
 
 void serve_event(Producer& p, ks_queue* entry, std::uint32_t events) {

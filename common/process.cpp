@@ -41,15 +41,15 @@
 
 namespace {
 
-enum class Environment { kEmpty, kInherited };
+enum class Environment { empty, inherited };
 
 // The differences between the two exec families.
 struct ExecFamily {
   Environment environment;
   bool traces_input;
 };
-constexpr ExecFamily kExecCmd = {.environment = Environment::kEmpty, .traces_input = false};
-constexpr ExecFamily kExecCmdStdio = {.environment = Environment::kInherited, .traces_input = true};
+constexpr ExecFamily kExecCmd = {.environment = Environment::empty, .traces_input = false};
+constexpr ExecFamily kExecCmdStdio = {.environment = Environment::inherited, .traces_input = true};
 
 constexpr char kNull[] = "/dev/null";
 constexpr char kLibraryPath[] = "LD_LIBRARY_PATH=";
@@ -143,7 +143,7 @@ void reset_signals() {
 
 std::vector<char*> make_environment(Environment policy) {
   std::vector<char*> environment;
-  if (policy == Environment::kInherited) {
+  if (policy == Environment::inherited) {
     for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
       if (std::strncmp(*entry, kLibraryPath, sizeof kLibraryPath - 1) != 0) environment.push_back(*entry);
     }
@@ -350,7 +350,7 @@ FILE* popen_cmd(const char* input, const char* output, const char* error, const 
   if (!stream) return nullptr;
   ours.release();
   node->stream = stream.get();
-  node->pid = start(path, argv, Environment::kInherited, streams);
+  node->pid = start(path, argv, Environment::inherited, streams);
   if (node->pid < 0) return nullptr;
   node->run.started(node->pid);
 

@@ -23,7 +23,7 @@ install_missing() {
     return
   fi
   if [ "$(id -u)" != 0 ]; then
-    echo "$0: not installed, and only root can do that: apt-get install$missing" >&2
+    echo "$0: only root can run apt-get install$missing (VISTALPROD_INSTALL=no goes on without)" >&2
     exit 1
   fi
   echo "$0: runs apt-get update and apt-get install$missing (not with VISTALPROD_INSTALL=no)"

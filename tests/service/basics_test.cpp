@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "harness.h"
+#include "service/ks_internal.h"
 
 namespace {
 
@@ -105,6 +106,13 @@ TEST_F(GuardedTest, AReplyEndsTheConversationEvenForCopiesOfTheConnection) {
   ks_reply(io);
   EXPECT_EQ(Peer(line.ours.release()).rest(), (std::vector<int>{KS_DIR_DONE, 0}));
   ks_io_free(io);
+}
+
+// A command would have been carried out before its reply fails.
+TEST_F(GuardedTest, AFileThatCannotTakeAReplyIsNoRequest) {
+  const UniqueFd file = memory_file("");
+  const UniqueFd reading(open(("/proc/self/fd/" + std::to_string(file.get())).c_str(), O_RDONLY | O_CLOEXEC));
+  EXPECT_EQ(ks_io_accept(reading.get(), -1, false), nullptr);
 }
 
 TEST_F(GuardedTest, OfDescriptorsThatDoNotAllFitNoneIsTaken) {

@@ -80,7 +80,6 @@ class Faults : public DaemonTest {
 
 constexpr char kEcho[] = R"({"command":["/bin/echo","on"]})";
 constexpr char kShare[] = R"({"share_name":"s"})";
-constexpr char kSession[] = R"({"type":1,"user":"u","sid":"s"})";
 constexpr char kMessage[] = R"({"user":"","pwd":"","config_file":"c","content_file":"m"})";
 
 const struct {
@@ -101,8 +100,6 @@ const struct {
      "nos_update_ip_ban_list_handler fail"},
     {FAULT_OPEN, ENOSPC, kMain, "read_hwsn", "", "nos_read_hwsn_handler fail"},
     {FAULT_OPEN, ENOSPC, kMail, "sendmail", kMessage, R"({"result":-1})"},
-    {FAULT_DLOPEN, ENOMEM, kMain, "vistal_auth_add_session", kSession, "nos_vistal_auth_add_session_handler fail"},
-    {FAULT_DLOPEN, ENOMEM, kMain, "get_all_users", "", "nos_get_all_users_handler fail"},
     {FAULT_PTHREAD_CREATE, EAGAIN, kMain, "test", "", nullptr},
     {FAULT_EPOLL_ADD, ENOMEM, kMail, "test", "", nullptr},
 };

@@ -54,7 +54,6 @@ static int fails(enum fault_kind kind) {
   }
 
 CALL(FAULT_ACCEPT, int, -1, accept, (int fd, __SOCKADDR_ARG address, socklen_t* size), (fd, address, size))
-CALL(FAULT_DLOPEN, void*, NULL, dlopen, (const char* path, int mode), (path, mode))
 CALL(op == EPOLL_CTL_ADD ? FAULT_EPOLL_ADD : FAULT_KINDS, int, -1, epoll_ctl,
      (int set, int op, int fd, struct epoll_event* event), (set, op, fd, event))
 CALL(FAULT_FORK, pid_t, -1, fork, (void), ())

@@ -7,7 +7,6 @@
 
 enum fault_kind { /* opening includes streams and templates; forking includes vfork */
                   FAULT_ACCEPT,
-                  FAULT_DLOPEN,
                   FAULT_EPOLL_ADD,
                   FAULT_FORK,
                   FAULT_OPEN,

@@ -30,7 +30,3 @@ std::string Input::text() {
   const std::uint8_t* const begin = std::exchange(at_, at_ + std::min(length, end_ - at_));
   return {begin, at_};
 }
-
-std::string Input::rest() {
-  return {std::exchange(at_, end_), end_};
-}

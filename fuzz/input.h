@@ -24,7 +24,6 @@ class Input {
   bool flag() { return below(2) == 1; }
   // A byte, its length, and so many bytes, as far as there are any.
   std::string text();
-  std::string rest();
 
  private:
   const std::uint8_t* at_;

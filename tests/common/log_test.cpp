@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -64,21 +63,6 @@ TEST_F(LogTest, ThreadsThatMeetAFullFileMoveItOnce) {
     ASSERT_TRUE(all.starts_with(std::string(524288, 'x'))) << "round " << round;
     EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 160);
   }
-}
-
-TEST_F(LogTest, ABatchWritesManyLinesAtATime) {
-  log_set_dir(in_dir("log").c_str());
-  const std::string path = in_dir("log/.nxe_ks_vistalprod.log");
-  {
-    LogBatch batch;
-    for (int i = 0; i < 3000; ++i) batch.write("[caller][1] %d", i);
-    EXPECT_EQ(read_file(path).find("[caller][1] 2999"), std::string::npos);
-  }
-  std::istringstream lines(read_file(path));
-  int count = 0;
-  for (std::string line; std::getline(lines, line); ++count)
-    ASSERT_TRUE(line.ends_with("] [caller][1] " + std::to_string(count))) << line;
-  EXPECT_EQ(count, 3000);
 }
 
 }  // namespace

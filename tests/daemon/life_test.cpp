@@ -63,20 +63,6 @@ TEST(StartUp, OfInstancesThatStartAtTheSameTimeOneServes) {
   }
 }
 
-TEST(StartUp, AProcessOfAnotherUserIsNoInstance) {
-  std::filesystem::copy_file("/bin/sleep", "/tmp/vistalprod");
-  Process stranger("setpriv --reuid 65534 --clear-groups /tmp/vistalprod 60");
-  if (!eventually([] { return run("pgrep -x vistalprod") == 0; })) GTEST_SKIP() << "cannot be another user here";
-  EXPECT_EQ(run("vistalprod -t"), 0);
-}
-
-TEST(StartUp, TheDaemonOptionDetachesFromItsStarter) {
-  EXPECT_EQ(run("vistalprod -d"), 0);
-  ASSERT_TRUE(eventually([] { return call(kMain, "test").status == KS_STATUS_OK; }));
-  EXPECT_EQ(run("pkill -INT -x vistalprod"), 0);
-  EXPECT_TRUE(eventually([] { return run("pgrep -x vistalprod") == 1; }));
-}
-
 TEST(StartUp, ACrashLeavesABacktraceAndEndsInSigkill) {
   Daemon daemon;
   const std::size_t log = read_file(kLogFile).size();

@@ -53,16 +53,10 @@ static int fails(enum fault_kind kind) {
     return next arguments;                                      \
   }
 
-#define IS_MEMORY_FILE ((flags & MAP_SHARED) != 0 && fd >= 0)
-
 CALL(FAULT_ACCEPT, int, -1, accept, (int fd, __SOCKADDR_ARG address, socklen_t* size), (fd, address, size))
-CALL(FAULT_DLOPEN, void*, NULL, dlopen, (const char* path, int mode), (path, mode))
 CALL(op == EPOLL_CTL_ADD ? FAULT_EPOLL_ADD : FAULT_KINDS, int, -1, epoll_ctl,
      (int set, int op, int fd, struct epoll_event* event), (set, op, fd, event))
 CALL(FAULT_FORK, pid_t, -1, fork, (void), ())
-CALL(IS_MEMORY_FILE ? FAULT_MMAP : FAULT_KINDS, void*, MAP_FAILED, mmap,
-     (void* at, size_t size, int protection, int flags, int fd, off_t offset),
-     (at, size, protection, flags, fd, offset))
 CALL(FAULT_OPEN, FILE*, NULL, fopen, (const char* path, const char* mode), (path, mode))
 CALL(FAULT_OPEN, FILE*, NULL, freopen, (const char* path, const char* mode, FILE* stream), (path, mode, stream))
 CALL(FAULT_OPEN, int, -1, mkostemp, (char* path, int flags), (path, flags))

@@ -5,12 +5,10 @@
 
 #define FAULTS_FILE "/tmp/faults"
 
-enum fault_kind { /* opening includes streams and templates; mapping is of memory files; forking includes vfork */
+enum fault_kind { /* opening includes streams and templates; forking includes vfork */
                   FAULT_ACCEPT,
-                  FAULT_DLOPEN,
                   FAULT_EPOLL_ADD,
                   FAULT_FORK,
-                  FAULT_MMAP,
                   FAULT_OPEN,
                   FAULT_PTHREAD_CREATE,
                   FAULT_SOCKETPAIR,

@@ -6,7 +6,7 @@
 // what is harmless: memory files, and connections that are shut down and have no unread data.
 //
 // Everything else is marked as pending, and a closer is started: a process that shares this process's descriptor table
-// and nothing else. It closes the pending numbers one by one and ends. If a close waits, only the closer waits. A
+// and nothing else, and drops the memory that it copied. It closes the pending numbers one by one and ends. If a close waits, only the closer waits. A
 // closer is not a thread, because a thread that waits in the kernel keeps its process from ending.
 //
 // A timer interrupts every wait that a signal can end. Only uninterruptible waits keep a closer, and only while the
@@ -171,7 +171,8 @@ struct Plan {
 // ---- The closer ---------------------------------------------------------------------------------------------
 //
 // Only system calls and async-signal-safe functions are used here. Other threads ran when the closer was created, and
-// any of them may have held a lock of the C library or of a sanitizer.
+// any of them may have held a lock of the C library or of a sanitizer. Once a closer process has dropped its memory, it
+// uses system calls only: static data of the C library is gone.
 
 void close_bare(int fd) {
   if (kProcessesWork) {
@@ -239,6 +240,7 @@ void end_waits_soon() {
 [[noreturn]] void run_closer(const Plan& plan) {
   syscall(SYS_prctl, PR_SET_NAME, kCloserName, 0, 0, 0);
   end_waits_soon();
+  ks_drop_memory({&plan, plan.pending, &errno, &g_pending});
   run_plan(plan);
   while (true) syscall(SYS_exit_group, 0);
 }

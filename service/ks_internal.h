@@ -11,6 +11,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <utility>
 
 #include "service/directive.h"
@@ -58,6 +59,11 @@ ucred ks_peer(int sockfd);
 // Whether too many descriptors from this user are still waiting to be closed. Clients of such a user are not asked for
 // their requests.
 bool ks_has_too_many_open(std::uint32_t uid);
+
+// For a process that was cloned without CLONE_VM: unmaps all data but the mappings that contain the `kept` addresses.
+// Code and initialised static data stay. Afterwards the caller can use its own stack, what it kept, and system calls.
+// Atomics need the static data of this library on some machines: keep one of its zero-initialised variables.
+void ks_drop_memory(std::initializer_list<const void*> kept);
 
 // Returns `fd`, or a duplicate with another number if `fd` is 0, which is then closed. In a queue entry 0 means "no
 // socket".

@@ -1,5 +1,7 @@
 // What needs no running service: request records, names, signals, and errors that end the process.
 #include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 
 #include <chrono>
@@ -154,6 +156,22 @@ TEST(ServiceNames, AreHashedIntoSocketPaths) {
     ks_free(handle);
   }
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST(DropMemory, AProcessKeepsOnlyTheDataThatItNames) {
+  constexpr std::size_t kSize = 1 << 20;
+  const auto map = [](int flags) { return mmap(nullptr, kSize, PROT_READ | PROT_WRITE, flags | MAP_ANONYMOUS, -1, 0); };
+  void* const kept = map(MAP_SHARED);
+  void* const dropped[] = {map(MAP_SHARED), map(MAP_PRIVATE)};
+  const auto is_mapped = [](void* at) { return syscall(SYS_msync, at, kSize, MS_ASYNC) == 0; };
+  const auto drop = [&] {
+    ks_drop_memory({&kept, kept, &errno});
+    syscall(SYS_exit_group, is_mapped(kept) && !is_mapped(dropped[0]) && !is_mapped(dropped[1]) ? 0 : 1);
+  };
+  EXPECT_EXIT(drop(), testing::ExitedWithCode(0), "");
+  for (void* mapping : {kept, dropped[0], dropped[1]}) munmap(mapping, kSize);
+}
+#endif
 
 volatile sig_atomic_t last_signal = 0;
 

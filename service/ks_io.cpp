@@ -202,7 +202,7 @@ void ks_io_free(ks_io* io) {
   ks_verify_io(io, "ks_io_free", "cannot free incorrect ks_io %p");
   if (record_of(io)->shut) {
     close_shut_down(io->sockfd);
-  } else {
+  } else if (io->sockfd >= 0) {
     ks_discard(io->sockfd, ks_peer(io->sockfd).uid);  // another process may continue with a copy
   }
   ks_io_drop_shm(io);

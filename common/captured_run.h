@@ -21,9 +21,9 @@ std::vector<std::string> argument_vector(std::string name, std::vector<std::stri
 // shells, or -1 if nothing was run.
 int exit_status(int status);
 
-// These functions run the program at `path` and wait for its end. It inherits standard input. `arguments` is the
-// complete argument vector, beginning with argument 0. The environment is empty, except for the piped_ functions. Any
-// thread.
+// Any thread may call these functions. They run the program at `path` and wait for its end. It inherits standard input.
+// `arguments` is the complete argument vector, beginning with argument 0. The environment is empty, or that of the
+// daemon where a function says so.
 
 // Discards the output. Returns the result of exec_cmd (common/process.h): the raw wait status, exit status 127 for a
 // program that cannot be executed, 0 if no process can be created.

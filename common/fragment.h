@@ -8,6 +8,6 @@
 // NUL in it. Any thread.
 bool write_fragment(const std::string& path, const std::string& text);
 
-// The same, but follows links at `path` and keeps them. The new file keeps the old one's owner and mode; a device is
-// written to.
+// The same, but follows links at `path` and keeps them. The new file has the old one's owner and mode. A device is not
+// replaced but written to.
 bool write_fragment_through_links(const std::string& path, const std::string& text);

@@ -1,5 +1,5 @@
-// Opens files in folders that other users can write to. Whatever has the name, these calls neither wait for its owner
-// nor are redirected elsewhere. (A user-space or network file system can still hold up every access.)
+// Opens files in folders that other users can write to. Whatever is at the path, these calls neither wait for its owner
+// nor follow it elsewhere. (A user-space or network file system can still hold up every access.)
 #pragma once
 
 #include <sys/types.h>

@@ -66,8 +66,7 @@ void json_value_type_name(const Json::Value& root, const std::string& key, std::
   }
 }
 
-// The library deprecates these classes, but clients depend on what Reader accepts and on the exact text that FastWriter
-// writes.
+// The library deprecates Reader and FastWriter, but clients depend on what the one accepts and the other writes.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 

@@ -19,6 +19,6 @@ struct LoggedOutput {
   bool removed;      // whether the output file could be removed
 };
 
-// Runs the program with its output in a temporary file. Returns nothing if it does not exit with 0; the file then stays
-// for diagnosis.
+// Runs the program with its output in a temporary file. If it does not exit with 0, the result is empty, and the file
+// stays so that the failure can be diagnosed.
 std::optional<LoggedOutput> run_logged(const char* log_name, LoggedRun run);

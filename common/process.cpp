@@ -2,13 +2,13 @@
 //
 //   1. open    the files and the pipe, as owned descriptors (Streams). On any failure the owners close them.
 //   2. prepare argument vector and environment, in the parent. The daemon has many threads, and one of them
-//              may hold the allocator's lock at this moment: a child that allocates can hang for ever.
-//   3. start   vfork: the child borrows the parent's memory and stack, and the calling thread stands still until
-//              the child executes its program or ends. No page table is copied, so a start costs the same however
-//              large the daemon has grown, and the other threads get no page faults from it. In return whatever
-//              the child writes is written in the parent: it reads a ChildPlan, keeps what it needs on its own
-//              stack frames, and makes nothing but async-signal-safe calls: streams, signals, descriptor limit,
-//              execve, and _exit(127) when that returns. Its descriptors and signal settings are its own.
+//              may hold the allocator's lock: a child that allocates could hang for ever.
+//   3. start   vfork: the child borrows the parent's memory and stack, and the calling thread is suspended until
+//              the child executes its program or ends. No page table is copied, so the cost of a start does not
+//              depend on the daemon's size, and other threads get no page faults from it. But what the child
+//              writes to memory, the parent sees. So the child reads a ChildPlan, writes only to its own stack
+//              frames, and makes only async-signal-safe calls: streams, signals, descriptor limit, execve, and
+//              _exit(127) if that returns. Its descriptors and signal settings are its own.
 //   4. finish  the parent's owners close its copies; it waits (exec) or puts the stream on the list (popen).
 //
 // Every descriptor made here is created close-on-exec, including pipe ends and input files; dup2 in the child makes the
@@ -74,8 +74,7 @@ struct Start {
 };
 std::atomic<const Start*> g_start{nullptr};
 
-// The number of threads that need the original descriptor limit, and the limit to restore when the last one has
-// finished.
+// The number of threads that need the original descriptor limit, and the limit to restore after the last one.
 struct Lowered {
   std::mutex mutex;
   int users = 0;

@@ -32,10 +32,10 @@ int exec_cmd_stdio(const char* input, const char* output, const char* error, con
 int exec_cmd_stdio_args(const char* input, const char* output, const char* error, const char* trace, const char* path,
                         ...) __attribute__((sentinel));
 
-// Start a program and return a stream, to be closed with pclose_cmd, that reads its standard output (mode "r"; `input`
-// may name its input, `output` is ignored) or writes to its standard input (mode "w"; its output goes to `output`,
-// `input` is ignored). Null with errno set if a file, the pipe or the process cannot be created, and for any other mode
-// (EINVAL).
+// Start a program and return a stream, to be closed with pclose_cmd. With mode "r" the stream reads the program's
+// standard output; `input` may name its input, and `output` is ignored. With mode "w" the stream writes to the
+// program's standard input; its output goes to `output`, and `input` is ignored. Null, with errno set, for any other
+// mode (EINVAL), or if a file, the pipe or the process cannot be created.
 FILE* popen_cmd(const char* input, const char* output, const char* error, const char* mode, const char* path,
                 char* const argv[]);
 FILE* popen_cmd_args(const char* input, const char* output, const char* error, const char* mode, const char* path, ...)

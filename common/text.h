@@ -17,9 +17,8 @@ void strip_blanks_newlines(std::string* text);
 // Removes characters in `set` from both ends of `*text`.
 void trim_chars(std::string* text, const std::string& set);
 
-// Formats like snprintf into a buffer of `buffer_size` bytes and returns the text, silently truncated to buffer_size -
-// 1 characters. Arguments of platform programs have fixed maximum sizes; this keeps the size visible where the text is
-// made. The v form takes a va_list, like vsnprintf.
+// Formats like snprintf into a buffer of `buffer_size` bytes, NUL included, and returns the text, silently truncated to
+// fit. For arguments of platform programs, which have fixed maximum sizes. The v form takes a va_list, like vsnprintf.
 std::string format_bounded(std::size_t buffer_size, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 std::string vformat_bounded(std::size_t buffer_size, const char* fmt, va_list arguments)
     __attribute__((format(printf, 2, 0)));

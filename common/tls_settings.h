@@ -3,8 +3,8 @@
 
 #include <string>
 
-// Replace `*protocols` with the accepted versions and `*ciphers` with the accepted cipher suites, in the web
-// server's syntax. Always 0.
+// Replace `*protocols` with the accepted versions and `*ciphers` with the accepted cipher suites, in the web server's
+// syntax. Always return 0.
 int get_ssl_protocols(std::string* protocols);
 int get_ssl_cipher_suite(std::string* ciphers);
 

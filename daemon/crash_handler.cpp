@@ -21,8 +21,7 @@ struct Free {
   void operator()(void* block) const { std::free(block); }
 };
 
-// Makes the kernel kill the process if the dump hangs: it allocates, which can wait for ever after a crash inside the
-// allocator.
+// Makes the kernel kill the process if the dump hangs: it allocates, which can hang after a crash in the allocator.
 void kill_when_stuck() {
   sigevent event{};
   event.sigev_notify = SIGEV_SIGNAL;

@@ -25,8 +25,7 @@ constexpr std::uint32_t kCallSeconds = 5;
 constexpr std::size_t kTimeTextSize = 32;
 constexpr unsigned kSequenceRange = 1000;
 
-// Log readers tell the three failures apart by these line numbers. They are part of the log's format and do not follow
-// the code.
+// Log readers tell the three failures apart by these line numbers, so they are fixed.
 constexpr int kEventFailLine = 222;
 constexpr int kLogFailLine = 286;
 constexpr int kConnectionFailLine = 321;

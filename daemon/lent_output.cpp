@@ -39,8 +39,8 @@ UniqueFd make_collected() {
   return UniqueFd(memfd_create(kCollectedName, MFD_CLOEXEC));
 }
 
-// Moves the stream's unwritten data to `*collected`. Does not wait for the stream's lock: its holder may be stuck in a
-// write.
+// Moves the stream's unwritten data to `*collected`. Does not wait for the stream's lock, whose holder may hang in a
+// write to a client.
 void take_unwritten(UniqueFd* collected) {
   if (ftrylockfile(stdout) != 0) return;
   const std::size_t size = __fpending(stdout);

@@ -26,8 +26,7 @@ bool is_ours(const ipc_perm& permissions) {
   return permissions.uid == self && permissions.cuid == self && (permissions.mode & kTooOpen) == 0;
 }
 
-// Opens or makes the queue; -1 on failure. A queue that another user made, or that others may write to, is removed and
-// made anew.
+// Opens or makes the queue; -1 on failure. Replaces a queue that another user made or that others may write to.
 int open_own_queue(key_t key) {
   bool logged = false;
   for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {

@@ -20,8 +20,8 @@ class MsgQueueListener {
  public:
   // Receives the whole block: 8 bytes of message type, then `msg_size` bytes of payload. A shorter message is padded
   // with zeros, and a NUL follows the block, so that texts are always terminated. The block belongs to the listener and
-  // is valid until the callback returns. The result is ignored. If the callback throws, the message is dropped and this
-  // is logged.
+  // is valid until the callback returns. The result is ignored. If the callback throws, the listener drops the message
+  // and logs a line.
   using Callback = int (*)(void* message);
 
   // Does not report a failure to open the queue; the thread does.

@@ -1,12 +1,12 @@
 // Local users and groups, the members of a group, text message (SMS) settings and login sessions, from the platform's
 // closed libraries; and a login with the platform's command-line tool.
 //
-//   get_all_users, get_all_groups   answer "local_count" and the names, null for none
+//   get_all_users, get_all_groups   answer "local_count" and the names; null if there are none
 //   get_group_members               takes "group_name"; answers "user_count" and a true or false per entry
 //   get_sms_config                  answers the eight settings
 //   vistal_auth_add_session         takes "type", "user", "sid"; has the library add the session
 //   vistal_auth_get_session         takes "type", "length", "sid"; answers the "user" of the session. "length"
-//                                   must be there, as clients of old send it, but is not used
+//                                   is required but not used
 //   get_sess_id                     takes "user", "pwd"; answers the session id as "sid". Its replies have an
 //                                   "error_code" where others have "result"
 //

@@ -4,15 +4,15 @@
 //   request  {"cmd": text}
 //   runs     INSTALL_PATH/bin/rdconf CMD
 //   reply    {"cli_ret": raw wait status, "is_enabled": 1 or 0, "is_installed": 1 or 0, "result": 0,
-//            "result_out": base64 of the output}; without the program a success too, with "cli_ret" -1,
-//            "is_installed" 0 and a message as output. "result" is -1, with "error_msg" and "error_code", when
-//            the request is refused or nothing can be started.
+//            "result_out": base64 of the output}. A missing program is a success, too: "cli_ret" is -1,
+//            "is_installed" 0, and the output is a message. If the request is refused or no process can be
+//            created, "result" is -1, with "error_msg" and "error_code".
 // `vistal_agent_cli`, our own cloud agent's
 //   request  {"opt": [argument, ...]}
 //   runs     INSTALL_PATH/ext_service/ExtVistalCloudAgent/vistal_agent_cli OPT...
 //   reply    {"cli_ret": raw wait status, "result": 0, "result_out": base64 of the output}, however the program
-//            ended; "error_msg" and a negative "result" without a program or a request; no reply for an option
-//            that is not a text.
+//            ended; "error_msg" and a negative "result" if the program is missing or the body is not JSON; no
+//            reply if an option is not a text
 #include <unistd.h>
 
 #include <cerrno>

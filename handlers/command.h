@@ -95,7 +95,7 @@ struct Row {
   std::array<Argument, kMostArguments> args = {};
   const char* library = nullptr;
   const char* function = nullptr;
-  const char* runs = nullptr;     // shown by `ksctl list` if the fields above do not tell
+  const char* runs = nullptr;     // shown by `ksctl list` if the fields above do not say it
   const char* member = nullptr;   // the member that the action adds to the reply
   const char* answers = nullptr;  // shown by `ksctl list`: the reply's members, if not `member` and "result"
   Action action = {};

@@ -1,15 +1,6 @@
-// Add entries to the platform's own logs.
-//
-// `system_call_evrec_tool`, the event log
-//   request  {"log_type": number, "log_mseg": text}
-//   runs     /sbin/evrec_tool -t LOG_TYPE -a LOG_MSEG
-// `system_connrec_tool`, the connection log
-//   request  {"log_type": number, "service_type": number, "action_type": number, "log_mseg": text,
-//            "user_name": text, "IP": text, "computer_name": text}
-//   runs     /sbin/connrec_tool -t LOG_TYPE -i SERVICE_TYPE -n ACTION_TYPE -a LOG_MSEG -u USER_NAME -p IP
-//            -m COMPUTER_NAME
-//
-// Both reply {"result": 0}, or the failure reply of the first command if the tool does not exit with 0.
+// Add entries to the platform's own logs: `system_call_evrec_tool` to the event log, `system_connrec_tool` to the
+// connection log. Both run one tool, as their rows below say, and log its arguments. If it does not exit with 0, both
+// send the failure reply of the first command.
 #include <cstdint>
 #include <string>
 
@@ -41,7 +32,7 @@ Outcome write_connection(Request& request, std::int32_t type, std::int32_t servi
          service, action, message.c_str(), user.c_str(), address.c_str(), computer.c_str());
   if (run_tool(request)) return Outcome::success;
   LOG_AT(log_name, "fail .");
-  // The other command's name: clients match on it.
+  // The other command's name, which clients expect here.
   request.reply["error_msg"] = "nos_system_call_evrec_tool_handler fail";
   request.reply["result"] = -1;
   return Outcome::own;

@@ -84,8 +84,8 @@ using MemberValue = std::optional<Json::Value>;
 Outcome success_if(bool done);
 Outcome success_if_had(Request& request, MemberValue member);
 
-// Makes an action from a function that takes the row's parameters in order. If it returns a MemberValue, the row needs
-// a `member`.
+// calls<f> is the action that calls `f` with the request and the row's parameters, in order. If `f` returns a
+// MemberValue, the row needs a `member`.
 template <auto function>
 struct Call;
 template <typename Result, typename... Taken, Result (*function)(Request&, Taken...)>

@@ -1,10 +1,5 @@
-// `install_app`: installs an application package by the package centre's script.
-//
-//   request  {"sys_install_folder": folder of the script, "app_file_path": the package, "install_volume": text,
-//            not used}
-//   runs     SYS_INSTALL_FOLDER/script/operate_kpkgcenter_app.sh install APP_FILE_PATH
-//   reply    {"cli_ret": 0, "result": 0, "result_out": base64 of the output}, indented; none when the script
-//            failed
+// `install_app`: installs an application package with the package centre's script, which is in the folder that the
+// request names, and replies with the script's output. No reply if the script fails.
 #include <stdlib.h>
 
 #include <cstddef>
@@ -20,9 +15,9 @@ namespace {
 
 constexpr std::size_t kScriptPathSize = 1024;  // bytes, terminator included
 
-// Sets the variable that permits programs to install, for all programs started later with the daemon's environment,
-// though not for this command's script. Done only once, because other threads read the environment: the first change,
-// which copies the original array, is harmless to them, but growing the copy would not be.
+// Sets the variable that permits programs to install. All programs started later with the daemon's environment get it;
+// this command's script does not. Set only once, because other threads read the environment: the first change copies
+// the original array and is harmless to them, but growing the copy would not be.
 void allow_installation() {
   static char variable[] = "KPKGD=ALLOW";  // becomes part of the environment
   // NOLINTNEXTLINE(concurrency-mt-unsafe): see above

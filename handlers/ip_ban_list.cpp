@@ -4,7 +4,7 @@
 //   writes   the server's fragment
 //   runs     /usr/local/apache/bin/httpd_proxy -k graceful -f /etc/httpd-sys-proxy.conf, then
 //            /etc/init.d/stunnel.sh reload
-//   reply    {"result": 0}, whatever the two made of it; the failure reply when the list could not be written
+//   reply    {"result": 0}, whatever their exit statuses; the failure reply if the list cannot be written
 #include <algorithm>
 #include <string>
 #include <string_view>

@@ -1,24 +1,23 @@
 // Mail, and the commands that belong to no family.
 //
-// `test`, on both services: tells that the service answers. The body is not read.
+// `test`, on both services: shows that the service answers. The body is not read.
 //
-// `sendmail`, on the mail service: passes a mail that the client has put into the staging directory to the system's
-// mail program.
+// `sendmail`, on the mail service: passes a mail from the staging directory to the system's mail program.
 //
 //   request  {"user": text, "pwd": text, "config_file": name, "content_file": name}
 //   runs     /usr/sbin/sendmail -C CONFIG -t                  with the content as input, if user or pwd is empty
-//            /usr/sbin/sendmail -auUSER -auPWD -C CONFIG -t   with the configuration file as input, else
-//   reply    {"result": n}: exit status, 127 for no program, 128 + its signal, or -1 when nothing was started
+//            /usr/sbin/sendmail -auUSER -auPWD -C CONFIG -t   otherwise, with the configuration file as input
+//   reply    {"result": n}: exit status, 127 for no program, 128 + its signal, or -1 if nothing was started
 //
-// Afterwards both files are moved to the scratch directory, which also gets the program's output and a record of the
-// send. All four are of the last mail; if several are sent at once, the last writer wins. The password is in the record
-// and on the program's command line, and must not be in the log.
+// Afterwards both files are moved to the scratch directory, where the program's output and a record are written, too.
+// If several mails are sent at once, the last writer wins. The password is in the record and on the program's command
+// line, and must not be in the log.
 //
 // `exec_cli`: runs the program named in the request and returns its output.
 //
 //   request  {"command": [path, argument, ...]}
 //   reply    {"error_code": 0, "handler": "exec_cli_handler", "result": output, "service": ...}
-//            {"error_code": -1, "error_msg": "Read command fail.", ...} when there is no such command
+//            {"error_code": -1, "error_msg": "Read command fail.", ...} if the request has no such command
 //
 // The program's exit status is ignored. If it cannot be run, the output is empty.
 #include <sys/stat.h>
@@ -102,8 +101,7 @@ void keep_file(const std::string& path, const std::string& kept) {
   if (lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode)) std::rename(path.c_str(), kept.c_str());
 }
 
-// Removes this mail from the staging directory. A missing file is not an error here: the mail program has already
-// reported it.
+// Removes this mail from the staging directory. A missing file is not an error here: the mail program reports it.
 void keep_files(const Mail& mail, const HeldFolder& scratch) {
   keep_file(mail.config_path, scratch.path_of(kLastConfig));
   keep_file(mail.content_path, scratch.path_of(kLastContent));
@@ -125,7 +123,7 @@ void write_log(const char* log_name, const Mail& mail, int result) {
   LOG_AT(log_name, "str_conf_path=[%s].", mail.config_path.c_str());
   LOG_AT(log_name, "str_content_path=[%s].", mail.content_path.c_str());
   LOG_AT(log_name, "str_cmd_sendmail=[%s].", kNoCommand);
-  LOG_AT(log_name, "ret_val=[%d].\n", result);  // an empty line follows a mail's lines
+  LOG_AT(log_name, "ret_val=[%d].\n", result);  // an empty line ends the lines of a mail
 }
 
 Outcome send_mail(Request& request, const std::string& user, const std::string& password,
@@ -145,7 +143,7 @@ Outcome send_mail(Request& request, const std::string& user, const std::string& 
 }
 
 template <const char* service>
-Outcome give_sign_of_life(Request& request) {
+Outcome name_handler_and_service(Request& request) {
   request.reply["handler"] = request.log_name;
   request.reply["service"] = service;
   return Outcome::own;
@@ -173,7 +171,7 @@ std::optional<std::vector<std::string>> read_command_line(const std::string& tex
 }
 
 Outcome relay_command_line(Request& request) {
-  give_sign_of_life<kMainServiceName>(request);
+  name_handler_and_service<kMainServiceName>(request);
   const auto answer = [&](int code, const char* member, const std::string& text) {
     request.reply["error_code"] = code;
     request.reply[member] = text;
@@ -199,7 +197,7 @@ Outcome relay_command_line(Request& request) {
 constexpr Command mail_service::test = Row{.log_name = "nos_test_sendmail_srv_handler",
                                            .runs = "nothing",
                                            .answers = "handler, service",
-                                           .action = give_sign_of_life<kMailServiceName>};
+                                           .action = name_handler_and_service<kMailServiceName>};
 
 constexpr Command mail_service::sendmail =
     Row{.params = {text("user"), text("pwd"), text("config_file"), text("content_file")},
@@ -210,7 +208,7 @@ constexpr Command mail_service::sendmail =
 constexpr Command main_service::test = Row{.log_name = "test_handler",
                                            .runs = "nothing",
                                            .answers = "handler, service",
-                                           .action = give_sign_of_life<kMainServiceName>};
+                                           .action = name_handler_and_service<kMainServiceName>};
 
 constexpr Command main_service::exec_cli = Row{.log_name = "exec_cli_handler",
                                                .params = {array("command")},

@@ -1,12 +1,9 @@
-// Commands that run programs of the platform or of the package: protect shares and set their rights, feed the search
-// index and the analytics tool, pass on notifications, report how much of a tiered folder is in the cloud.
+// Commands that run programs of the platform or of the package: for shares and their rights, the search index,
+// analytics, notifications, and the part of a tiered folder that is in the cloud.
 //
 // Most of them only run one program, and exit status 0 is success. The others:
 //
-// `system_call_cloud_analysis_register`
-//   request  {"provide_id": text, "command": word}
-//   runs     /usr/local/bin/kanalytic_tool COMMAND -p PROVIDE_ID -c /share/.@analytic
-//   Always leaves a record of the registration in the scratch directory.
+// `system_call_cloud_analysis_register` also writes a record of the registration to the scratch directory.
 // `system_call_nc_notify`
 //   request  {"nc_notify": base64 of the arguments, as a shell reads them}
 //   runs     /bin/sh -c "INSTALL_PATH/script/nc_wrapper.sh ARGUMENTS", as root
@@ -15,11 +12,9 @@
 //   runs     INSTALL_PATH/vistalpro_notify.sh NOTIFY_CMD TYPE ACY
 // `system_get_tiermount_cloud_usage`
 //   request  {"full_path": base64 of the path}
-//   runs     /usr/bin/getfattr --only-values --absolute-names -n trusted.tm.cloud_usage PATH, an attribute in
-//            which the tiering service notes it, and which only root may read
-//   reply    {"result": 0, "size_info": base64 of what it printed}. The failure reply when it printed nothing
-//            (no such file or attribute, no such tool), or more than a "size_info" holds. Its exit status is
-//            not looked at.
+//   runs     /usr/bin/getfattr, to read an attribute that the tiering service sets and only root may read
+//   reply    {"result": 0, "size_info": base64 of the output}; the failure reply if there is no output (no such
+//            file, attribute or tool) or more than a "size_info" can hold. The exit status is ignored.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>

@@ -2,12 +2,12 @@
 //
 //   request  {"action": "add" or "delete" (default), "rule_list": [{"GUID": name of the rule, "port": number,
 //            "des_port": number, "protocol": "http" or "https", "des_protocol": "http", "https", "ws" or
-//            "wss", "host_name": text, "hsts": true for no such header, "proxy_timeout": number without
+//            "wss", "host_name": text, "hsts": true omits the header, "proxy_timeout": number without
 //            effect}, ...]}
-//   writes   or removes one fragment a rule, named by the GUID
-//   runs     the proxy, asked to reload gracefully, or the daemon manager when an added rule needs it started
-//   reply    {"cli_ret": 0 or -1, "result": 0, "result_out": base64 of what that printed}; none when it failed,
-//            for another action, and for a rule whose values have the wrong type
+//   writes   or removes one fragment per rule, named by the GUID
+//   runs     the proxy, to reload its configuration; or the daemon manager, to start a proxy for an added rule
+//   reply    {"cli_ret": 0 or -1, "result": 0, "result_out": base64 of the output}; none if that program fails,
+//            the action is unknown, or a value of a rule has the wrong type
 #include <unistd.h>
 
 #include <string>

@@ -1,14 +1,11 @@
 // `web_booth`: opens a page for the user in a browser that runs in a container on the appliance.
 //
 //   request  {"action": "add", "delete" or "get_status", "auth_token": text, "rule_list": [{"bs_id": text,
-//            "des_protocol": scheme, "host_name": text, "des_port": number, "browser_type": text}]}; of the
-//            list only the first element counts
-//   runs     /usr/sbin/kesh with web-booth.container.create token=... open_url=... ttl=300
-//                                resolution=1920x1080 type=...
-//                              web-booth.container.delete token=... id=...
-//                              web-booth.container token=... id=...
-//   reply    {"cli_ret": 0, "result": 0, "result_out": base64 of the output}; without a list {"error_code": -5,
-//            "error_msg": "jRuleList is empty"}; none when the tool failed, and for another action or none
+//            "des_protocol": scheme, "host_name": text, "des_port": number, "browser_type": text}]}
+//   runs     /usr/sbin/kesh with one verb per action. Only the first element of the list counts.
+//   reply    {"cli_ret": 0, "result": 0, "result_out": base64 of the output}; an error if the list is empty; none if
+//   the
+//            tool fails or the action is unknown or absent
 #include <optional>
 #include <string>
 #include <utility>

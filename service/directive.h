@@ -43,9 +43,8 @@ bool send_descriptor(int sockfd, int fd);
 // Sends such a message without a descriptor. The receiver of the preceding record waits for a message.
 void send_no_descriptor(int sockfd);
 
-// Receives one descriptor-passing message and returns its first descriptor, which the caller then owns. Returns -1 when
-// the message is empty, carries no descriptor or more than two, or does not arrive in time. All other descriptors are
-// discarded.
+// Receives one descriptor-passing message and returns its first descriptor, which the caller then owns. Discards all
+// others. Returns -1 when the message is empty, carries no descriptor or more than two, or does not arrive in time.
 //
 // From a client: the descriptor is close-on-exec, and the wait ends at `deadline`.
 int receive_descriptor(int sockfd, std::chrono::steady_clock::time_point deadline);

@@ -39,7 +39,7 @@
 namespace {
 
 #ifdef __SANITIZE_THREAD__
-// The sanitizer mistakes the clone for a fork and loses track of all threads, so closers are threads here.
+// The sanitizer takes the clone for a fork and loses track of all threads, so closers are threads here.
 constexpr bool kProcessesWork = false;
 #else
 constexpr bool kProcessesWork = true;
@@ -123,8 +123,8 @@ void mark(Pending* pending, int fd, Mark mark) {
   while (end <= number && !pending->end.compare_exchange_weak(end, number + 1)) continue;
 }
 
-// Takes one pending number whose user may have another closer, and counts the caller as that closer; -1 if there is
-// none.
+// Takes one pending number whose user may have another closer, and counts the caller as that closer. Returns -1 if no
+// such number is pending.
 int take(Pending* pending, Mark* taken) {
   const std::size_t end = pending->end.load();
   for (std::size_t number = 0; number < end; ++number) {
@@ -255,8 +255,7 @@ int make_orphan(void* arg) {
   return 0;
 }
 
-// Blocks all signals: no signal handler of the program may run in the process that shares its memory, nor in the
-// closer.
+// Blocks all signals: no signal handler of the program may run in the short-lived process or in the closer.
 bool start_process(Plan* plan) {
   if (!kProcessesWork) return false;
   sigset_t all;

@@ -14,8 +14,7 @@
 //       ks_discard(extra_fd, ks_io_uid(io));                             // the callback owns the descriptor ...
 //       ks_io_free(io);                                                  // ... and io
 //     }
-//     ks_start(ks_create("greeter", KS_PTHREAD_MODE, 2, answer));        // returns when a thread calls
-//     ks_stop
+//     ks_start(ks_create("greeter", KS_PTHREAD_MODE, 2, answer));        // returns after ks_stop
 //
 //     void* reply = NULL; uint64_t size = 0;                             // in another process
 //     int status = ks_ez_call("greeter", "world", NULL, 0, &reply, &size, 5, -1);
@@ -54,8 +53,8 @@ extern "C" {
 
 // ---- Requests ---------------------------------------------------------------------------------------------
 
-// One request in flight. On the service side it arrives filled; on the client side ks_io_create makes an
-// empty one. The fields are for reading; the operations below change them.
+// One request in flight. On the service side it arrives filled; on the client side ks_io_create makes an empty one. The
+// fields are for reading; the operations below change them.
 typedef struct ks_io {
   uint32_t magic;                               // KS_IO_MAGIC
   int32_t memfd;                                // the memory file, -1 until an operation needs one; owned
@@ -65,8 +64,8 @@ typedef struct ks_io {
   uint64_t user_data;                           // the owner's, see ks_io_set
   void* shared_data;                            // the whole memory file as it was when mapped, or null
   uint64_t shared_size;                         // length of that mapping in bytes, 0 when unmapped
-  int32_t peer_pid;                             // who sent the request (service side); all three 0 on the
-  uint32_t peer_uid;                            // client side; together they form one struct ucred
+  int32_t peer_pid;                             // the client's process, user and group; all 0 on the client
+  uint32_t peer_uid;                            // side. Together the three form one struct ucred
   uint32_t peer_gid;
 } ks_io;
 
@@ -78,8 +77,8 @@ ks_io* ks_io_create(void);
 void ks_io_free(ks_io* io);
 
 // Ends the conversation without a reply, in every process that holds a copy of the connection (programs that this
-// process starts inherit connections). ks_reply ends it, too. Freeing a record without either closes only this
-// process's copy.
+// process starts inherit connections). ks_reply ends it, too. Without either, ks_io_free closes only this process's
+// copy of the connection.
 void ks_io_hang_up(ks_io* io);
 
 // Unmaps and closes the memory file early, for a service that keeps a connection open without answering it.
@@ -100,9 +99,9 @@ void* ks_io_read(ks_io* io, uint64_t* size);
 // survive that makes these calls on a thread that it can abandon.
 void* ks_io_realloc(ks_io* io, uint64_t size);
 
-// Append to the memory file, creating it if absent. ks_io_write writes once and returns what write(2)
-// returned. ks_io_splice moves at most `len` bytes from the descriptor `fdin`, one end of which must be a
-// pipe, without waiting, and returns what splice(2) returned. A failed ks_io_printf is not reported.
+// Append to the memory file, creating it if absent. ks_io_write writes once and returns the result of write(2).
+// ks_io_splice moves at most `len` bytes from the pipe `fdin` without waiting and returns the result of splice(2). A
+// failed ks_io_printf is not reported.
 int64_t ks_io_write(ks_io* io, const void* buf, uint64_t len);
 void ks_io_printf(ks_io* io, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 int64_t ks_io_splice(ks_io* io, int32_t fdin, uint64_t len);
@@ -113,7 +112,7 @@ int32_t ks_io_fwrite(const void* data, uint64_t size, ks_io* io);
 // The current size of the memory file in bytes; 0 when there is none. Maps nothing and does not check the magic.
 uint64_t ks_io_size(ks_io* io);
 
-// Who sent the request, as the kernel saw it when the client connected.
+// The client's process, user and group, as the kernel recorded them when the client connected.
 int32_t ks_io_pid(ks_io* io);
 uint32_t ks_io_uid(ks_io* io);
 uint32_t ks_io_gid(ks_io* io);
@@ -202,13 +201,12 @@ ks_handle* ks_create(const char* name, uint32_t mode, uint64_t workers, ks_exec_
 void ks_worker_init(ks_handle* handle, ks_hook_fn fn, void* arg);
 void ks_worker_fini(ks_handle* handle, ks_hook_fn fn, void* arg);
 
-// Sets the calling worker's callback for silent clients. For use in the hook of ks_worker_init; aborts in any thread
-// that is not a worker.
+// Sets the calling worker's callback for silent clients. For use in the hook of ks_worker_init; aborts in threads that
+// are not workers.
 void ks_on_silence(ks_silence_fn fn, void* arg);
 
 // Leaves the requests of the calling worker unmapped: shared_data is null until ks_io_read. Saves the cost of a mapping
-// if the service reads bodies through ks_io_fd. For use in the hook of ks_worker_init; aborts in any thread that is not
-// a worker.
+// if the service reads bodies through ks_io_fd. For use in the hook of ks_worker_init; aborts in other threads.
 void ks_leave_unmapped(void);
 
 // Publishes the socket and starts the workers. SIGPIPE is ignored in the whole process from here on. With KS_STANDALONE
@@ -217,8 +215,7 @@ void ks_leave_unmapped(void);
 // thread that created them ends: with KS_STANDALONE | KS_PROCESS_MODE that is the caller's.
 void ks_start(ks_handle* handle);
 
-// ks_pause refuses new connections, ks_resume accepts them again. Clients that already wait are served in either case.
-// Any thread.
+// ks_pause refuses new connections, ks_resume accepts them again. Clients that wait already are served. Any thread.
 void ks_pause(ks_handle* handle);
 void ks_resume(ks_handle* handle);
 
@@ -268,8 +265,7 @@ typedef struct ks_epoll {
 ks_epoll* ks_epoll_create(void);
 // Connects and starts one request; returns a status. The poll set keeps a pointer to `io` until it is finished or
 // cancelled, and `extra_fd` must stay open until then. After KS_STATUS_CONNECT the socket is still in `io`: cancel or
-// free it. ks_epoll_perform sends the request itself; call it within 60 seconds after the service has asked for the
-// request.
+// free it. ks_epoll_perform sends the request; call it within 60 seconds after the service has asked for the request.
 int ks_epoll_call(ks_epoll* epoll, const char* name, const char* request_name, ks_io* io, int extra_fd);
 // Processes one event, waiting at most `timeout_ms`. Returns the record of a finished request (empty unless it holds a
 // reply), or null. `*status`, unless `status` is null, is set to the status of the finished request, to 0 if a request

@@ -164,7 +164,7 @@ std::int64_t now_ms() {
 
 // Repeats perform until the request has finished (true) or its time is over (false, with the status of the last step).
 // Each round subtracts the whole time since the beginning, so the budget shrinks faster than time passes. Callers rely
-// on that.
+// on this shorter limit.
 bool perform_within(const Waiting& waiting, std::int64_t begin, std::int64_t budget, int* status) {
   while (true) {
     const auto limit = static_cast<std::uint32_t>(std::min<std::int64_t>(budget, UINT32_MAX));

@@ -1,8 +1,8 @@
 // The life cycle of a service: create, start, pause, stop, free.
 //
 // The handle owns one array of workers: `service_size` consumers followed by the producer. The array exists from
-// ks_start to the end of the service. ks_start publishes it in handle->worker first of all, so that from then on a stop
-// is not lost and ks_free waits.
+// ks_start to the end of the service. ks_start publishes it in handle->worker before it does anything else: from then
+// on a stop is not lost, and ks_free waits.
 //
 // Two threads take part in a stop, the one that runs the producer's loop and the one that calls ks_stop. Either may
 // come first; they synchronise through the producer's phase:
@@ -166,8 +166,7 @@ void wait_for_phase(ks_worker* producer, ks_producer_phase phase) {
   while ((current = phase_of(producer).load()) < phase) phase_of(producer).wait(current);
 }
 
-// Releases the array. Another thread may free the handle right after this, so the service's own threads must not use it
-// again.
+// Releases the array. The service's own threads must not use the handle afterwards: another thread may free it.
 void end_service(ks_handle* handle, ks_worker* workers) {
   std::free(workers);
   worker_of(handle).store(nullptr);

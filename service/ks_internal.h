@@ -56,8 +56,8 @@ class received_fd {
 // The credentials that the peer had when it connected; all zero if `sockfd` is not a connected socket.
 ucred ks_peer(int sockfd);
 
-// Whether too many descriptors from this user are still waiting to be closed. Clients of such a user are not asked for
-// their requests.
+// Whether too many descriptors from this user are still waiting to be closed (discard.cpp). Consumers do not ask
+// clients of such a user for requests.
 bool ks_has_too_many_open(std::uint32_t uid);
 
 // For a process that was cloned without CLONE_VM: unmaps all data but the mappings that contain the `kept` addresses.
@@ -65,16 +65,15 @@ bool ks_has_too_many_open(std::uint32_t uid);
 // Atomics need the static data of this library on some machines: keep one of its zero-initialised variables.
 void ks_drop_memory(std::initializer_list<const void*> kept);
 
-// Returns `fd`, or a duplicate with another number if `fd` is 0, which is then closed. In a queue entry 0 means "no
-// socket".
+// Returns `fd`, but replaces descriptor 0 by a duplicate with another number: 0 in a queue entry means "no socket".
 int ks_nonzero(int fd);
 
 // Closes *fd unless it is -1, and sets it to -1. Only for descriptors that this process created.
 void close_and_forget(int* fd);
 
-// Closes a connection that has been shut down. Never waits, even if it contains unread descriptors.
+// Closes a connection that has been shut down. Never waits, even if it contains unread descriptors (discard.cpp).
 void close_shut_down(int fd);
-// Shuts *fd down, closes it the same way and sets it to -1. The shutdown ends the conversation even if another process
+// Shuts *fd down, closes it in this way and sets it to -1. The shutdown ends the conversation even if another process
 // holds a copy. No effect on -1.
 void hang_up_and_forget(int* fd);
 
@@ -96,8 +95,7 @@ sockaddr_un ks_socket_address(const char* path);
 
 // ---- Requests ---------------------------------------------------------------------------------------------
 
-// Learns the device of memory files. Called before the service starts: this needs a descriptor, and later none may be
-// left.
+// Looks up the device of memory files. Called before the service starts, because it needs a free descriptor.
 void ks_io_prepare();
 
 // Makes the record of a client's request; it owns the connection and the memory file from then on. Returns null, and
@@ -174,8 +172,7 @@ struct ks_worker {
   std::uint32_t phase;   // producer: ks_producer_phase. Accessed atomically
 };
 
-// How far a service has started or stopped. The producer's thread and the stopping thread wait for each other on this
-// word.
+// How far a service has started or stopped. The producer's thread and the stopping thread wait for each other on it.
 enum ks_producer_phase : std::uint32_t {
   kProducerStarting = 0,  // the array is being set up
   kProducerRunning = 1,   // the array is complete and the loop runs

@@ -11,9 +11,9 @@
 // and is therefore read without waiting.
 //
 // Waiting clients use descriptors of the whole process. They get numbers from 1024 on, because libraries that call
-// select need the smaller ones, and never one of a reserve at the top of the table, so that workers and the rest of the
-// process keep working when the queue is full. If accept finds no free descriptor, listening pauses for a moment; the
-// loop would spin otherwise.
+// select need the smaller ones. The numbers at the top of the table are reserved, so that workers and the rest of the
+// process keep working when the queue is full. If accept finds no free descriptor, listening pauses for a moment;
+// otherwise the loop would spin.
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -63,8 +63,8 @@ struct Producer {
   bool listen_paused;     // after accept found no free descriptor
 };
 
-// Removes a client from the queue and the poll set. The caller then owns its socket; its entry stays readable until the
-// batch ends.
+// Removes a client from the queue and the poll set and returns its socket, which the caller then owns. The entry stays
+// readable until the batch ends.
 int detach_client(Producer& p, ks_queue* client) {
   const int sockfd = client->sockfd;
   epoll_ctl(p.self->pollfd, EPOLL_CTL_DEL, sockfd, nullptr);

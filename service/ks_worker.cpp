@@ -60,8 +60,8 @@ void drop_client(ks_worker* worker) {
   hang_up_and_forget(&worker->client_fd);
 }
 
-// Replaces this process's environment by the client's, up to the client's first newline. A name ends at its equals
-// sign, a value at its NUL.
+// Replaces this process's environment by the client's, up to the first newline in it. A name ends at its equals sign, a
+// value at its NUL.
 void take_over_environment(pid_t peer) {
   char path[32];
   std::snprintf(path, sizeof(path), "/proc/%d/environ", static_cast<int>(peer));
@@ -87,8 +87,7 @@ void take_over_environment(pid_t peer) {
   std::free(text);
 }
 
-// Receives the descriptors that follow the request record and makes the request. Null on failure; the caller then drops
-// the client.
+// Receives the descriptors that follow the request record and makes the request; null on failure.
 ks_io* receive_request(ks_worker* worker, const directive& record, received_fd* extra) {
   const auto deadline = Clock::now() + kHandoverTimeout;
   received_fd memfd(worker->client.uid, receive_descriptor(worker->client_fd, deadline));
@@ -127,7 +126,7 @@ void serve_request(ks_worker* worker, const directive& record) {
 // Receives a client over the control socket, asks for its request and watches it.
 void accept_transfer(ks_worker* worker, const directive& record) {
   worker->client_fd = receive_connection(worker->sockfd[0]);
-  // The producer's copy is then the last one, whose close could wait.
+  // Then the producer's copy is the last one, and closing it could wait.
   if (worker->client_fd < 0) std::atomic_ref(worker->transfer_failed).store(1);
   // The echo tells the producer that its copy of the client is no longer needed.
   send_directive(worker->sockfd[0], record);

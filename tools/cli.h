@@ -67,15 +67,13 @@ Option timeout_option(unsigned* seconds);
 // The short names of services, as --help shows them.
 std::string short_names_text();
 
-// Writes "ksctl: " and the text as one line to standard error. Control characters, which may come from arguments,
-// become '?'.
+// Writes "ksctl: " and the text as one line to standard error, with '?' in place of control characters.
 void complain(std::string_view text);
 
 // Prints an error message that mentions --help, and returns kExitUsage.
 int wrong_usage(const Subcommand& command, std::string_view why);
 
-// Prints an error message for a failed system call and returns kExitLocal. Call it right after the failure, because it
-// uses errno.
+// Prints an error message for a failed system call, from errno, and returns kExitLocal.
 int local_trouble(const Subcommand& command, std::string_view what);
 
 // Parses `text` as a decimal number from 0 to `max`. If it is not one, returns false and leaves *value unchanged.

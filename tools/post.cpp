@@ -1,5 +1,5 @@
-// `ksctl post-notify` and `ksctl post-log`: put one record into a message queue of the daemon, as the
-// package's other programs do.
+// `ksctl post-notify` and `ksctl post-log`: put one record into a message queue of the daemon, in place of the programs
+// that usually do.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>

@@ -1,9 +1,8 @@
 // mail_sink PORT FILE: a mail server on 127.0.0.1 that accepts mail and delivers none.
 //
-// PORT 0 means any free port. When it accepts connections it prints its port as one line, so its starter only has to
-// read that line. It serves one client after the other until it is killed. Every line from a client is appended to
-// FILE, without its line end, before it is answered: when a client is told that its mail is accepted, the mail is in
-// FILE.
+// PORT 0 means any free port. When it accepts connections, it prints its port as one line. It serves one client after
+// the other until it is killed. It appends every line from a client to FILE, without the line end, before it answers:
+// when a client is told that its mail is accepted, the mail is in FILE.
 //
 // It supports enough SMTP for the system's mail program. It accepts any sender, recipient, user and password, except
 // recipients that begin with "nobody" and the user "stranger".

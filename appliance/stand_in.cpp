@@ -1,34 +1,33 @@
-// Stands at the absolute path of a platform program in the simulated appliance: it records how it was called
-// and then plays the outcome that a test wrote for it.
+// Stands in for a platform program, at its absolute path in the simulated appliance: records how it was called, then
+// carries out the script that a test wrote for it.
 //
 // The files for the program at PATH are under /tmp/stand_in. PATH is the path of the running file, because the caller
 // can choose any argument 0:
 //
-//   /tmp/stand_in/PATH.outcome   the script, read once at the start; no such file: print nothing and exit 0
+//   /tmp/stand_in/PATH.outcome   the script, read once at the start; without it the program prints nothing and exits 0
 //   /tmp/stand_in/PATH.calls     the record, one block appended per call
 //
-// The script is one step a line, played in order; after the last one the program exits with status 0:
+// The script has one step per line, carried out in order; after the last one the program exits with status 0:
 //
 //   stdout TEXT      write TEXT to standard output (escapes: \n \\ \xHH); `stderr TEXT` likewise
 //   stdout-file F    write the content of file F to standard output
 //   bytes N          write N filler bytes to standard output
 //   delay MS         wait
 //   linger MS        close the three standard streams, then wait
-//   run N            as the daemon manager does: take argument N, quotes and all, as one word of a shell's
-//                    line, and what that is as a command; wait for its end, and end with its status if not 0
+//   run N            run argument N as the daemon manager does: remove its quotes as a shell would, run the result
+//                    as a command, and wait for its end; end with its status if that is not 0
 //   exit N           end with status N
 //   signal N         die from signal N
 //
-// The record is one item a line, with every byte outside printable ASCII and every backslash escaped as
-// above:
+// The record has one item per line. Bytes outside printable ASCII and backslashes are escaped as in the script:
 //
 //   call
 //   argv0 TEXT       then `arg TEXT` per further argument, `env NAME=VALUE` per variable of the environment
-//   stdin TEXT       only when standard input is a regular file or a pipe: all that could be read
+//   stdin TEXT       all of standard input, if it is a regular file or a pipe
 //   end
 //
-// A block is appended by one write before the first step is played. So blocks of calls at the same moment do
-// not mix, and a test that sees the block knows that the program has started.
+// A block is appended by one write before the first step. So blocks of simultaneous calls do not mix, and a test that
+// sees the block knows that the program has started.
 
 #include <fcntl.h>
 #include <signal.h>
@@ -60,7 +59,7 @@ constexpr int kBadScript = 125;  // an exit status that scripts do not use
 std::string own_path() {
   char path[PATH_MAX];
   const ssize_t length = readlink("/proc/self/exe", path, sizeof path);
-  if (length <= 0) give_up("cannot tell its own path");
+  if (length <= 0) give_up("cannot read its own path");
   return std::string(path, static_cast<std::size_t>(length));
 }
 

@@ -15,13 +15,13 @@ struct sms_settings {
   char phone2[32];
 };
 
-enum { kRoom = 4096 };  // what a caller who does not know the record's end gives it
+enum { kRecordSize = 4096 };  // callers pad the record to this size, because they do not know its end
 
 int Get_SMS_config(struct sms_settings* settings);
 int Get_SMS_config(struct sms_settings* settings) {
   const struct sms_settings kSettings = {1, 8, 2, -1, "Norway", "+47", "0912345678", "0987654321"};
   record_call(__func__, NULL);
   *settings = kSettings;
-  if (scripted("full", NULL)) memset(settings->country, 'x', kRoom - 4 * sizeof(int32_t));
+  if (scripted("full", NULL)) memset(settings->country, 'x', kRecordSize - 4 * sizeof(int32_t));
   return scripted_or("return", 0);
 }

@@ -10,7 +10,7 @@ enum { kEntrySize = 33 };
 static const char* const kUsers[] = {"admin", "alice", "bob"};
 static const char* const kGroups[] = {"administrators", "everyone"};
 
-// The list is exactly as long as its entries, so that a reader who runs past it can be caught.
+// The block is exactly as long as its entries, so that a sanitizer can detect a reader that runs past the end.
 static int list_names(const char* function, const char* const* names, int size, char** list, int first, int second,
                       const void* nothing, int* count) {
   char texts[2][16];
@@ -38,8 +38,8 @@ int Get_Local_Group_List_V2(char** list, int first, int second, void* nothing, i
   return list_names(__func__, kGroups, 2, list, first, second, nothing, count);
 }
 
-// Everyone has all users, the administrators the first; there are no other groups. The list lies in the
-// library's own memory, as its entries do: a caller who frees it is caught.
+// "everyone" has all users, "administrators" only the first; there are no other groups. The list and its entries are in
+// the library's own memory: a caller that frees them crashes.
 int Get_NAS_User_List_Of_Group_Ex(const char* group, const char*** list);
 int Get_NAS_User_List_Of_Group_Ex(const char* group, const char*** list) {
   record_call(__func__, group, NULL);

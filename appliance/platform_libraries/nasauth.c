@@ -1,5 +1,5 @@
-// Stands in for the platform's session library. The sessions are lines "type sid user" of a file, for the
-// library does not stay loaded between two calls; a user may contain blanks.
+// Stands in for the platform's session library. The sessions are lines "type sid user" in a file, because the library
+// is unloaded between two calls. A user may contain blanks.
 #include <stdio.h>
 #include <string.h>
 
@@ -7,7 +7,7 @@
 
 #define SESSIONS "/tmp/stand_in" PLATFORM_LIBRARY ".sessions"
 
-enum { kUserOffset = 82, kUserSize = 65, kRoom = 4096 };
+enum { kUserOffset = 82, kUserSize = 65, kRecordSize = 4096 };
 
 int auth_add_session(const char* sid, const char* user, int type, const char* empty);
 int auth_add_session(const char* sid, const char* user, int type, const char* empty) {
@@ -35,11 +35,11 @@ int auth_get_session(const char* sid, int type, char* record) {
   char line[512];
   while (fgets(line, sizeof line, sessions) != NULL) {
     if (strncmp(line, start, length) != 0) continue;
-    memset(record, '#', kUserOffset);  // what the record holds besides is not a text
+    memset(record, '#', kUserOffset);  // the rest of the record is not a text
     snprintf(record + kUserOffset, kUserSize, "%.*s", (int)strcspn(line + length, "\n"), line + length);
     result = 0;
   }
   fclose(sessions);
-  if (scripted("full", NULL)) memset(record, 'x', kRoom);
+  if (scripted("full", NULL)) memset(record, 'x', kRecordSize);
   return scripted_or("return", result);
 }

@@ -24,7 +24,7 @@ static void put_item(FILE* record, const char* item, const char* text) {
   fputc('\n', record);
 }
 
-// Without a shell in between: some give their programs a signal mask of their own.
+// Without a shell: some shells give their programs a signal mask of their own.
 static void run_program(void) {
   const pid_t pid = fork();
   if (pid == 0) {

@@ -3,8 +3,8 @@
 PEERS is the program of peers.cpp, PROGRAM one that exits at once. Runs in the simulated appliance, where the daemon can
 be started and a platform program replaced.
 
-Times change with the machine from minute to minute. So the columns of one row take turns in short slices, and whatever
-disturbs one of them disturbs them all; what counts is the ratios.
+Other load on the machine changes the times from minute to minute. The columns of one row therefore take turns in short
+slices: a disturbance affects all of them, and the ratios stay valid.
 """
 
 import array
@@ -22,13 +22,13 @@ import tempfile
 KIB, MIB = 1 << 10, 1 << 20
 PEERS, PROGRAM = sys.argv[1:3]
 QUICK = "--quick" in sys.argv
-# Seconds of a turn, number of turns, and the seconds after which a column that makes long calls gets no more of them.
+# Seconds of a turn; number of turns; a column that has used this many seconds gets no further turns.
 TURN, TURNS, MOST = (0.02, 3, 0.3) if QUICK else (0.1, 6, 1.5)
 BODIES = [0, 200, 4 * KIB, 64 * KIB, MIB] + ([] if QUICK else [16 * MIB, 64 * MIB])
-SUMMARY = [200, 64 * KIB, MIB if QUICK else 16 * MIB]  # bodies that the first table shows
+SUMMARY = [200, 64 * KIB, MIB if QUICK else 16 * MIB]  # bodies in the first table
 PLACEMENTS = [(1, 1), (1, 2), (8, 2)]  # clients, cores
 
-COLUMNS = {  # what peers.cpp calls it, and the table
+COLUMNS = {  # names in peers.cpp and in the tables
     "floor": "floor",
     "conversation": "conversation",
     "ks_call": "`ks_call`",
@@ -51,7 +51,7 @@ COMMAND_TARGET = 1.1  # of a plain fork and exec
 
 @contextlib.contextmanager
 def process(*command, ready=True):
-    """A process that ends with the block; it says with a line when it is ready."""
+    """A process that is ended with the block. It prints a line when it is ready."""
     running = subprocess.Popen(
         command,
         stdin=subprocess.PIPE,
@@ -88,7 +88,7 @@ def compare(clients, contenders, size=0):
     for _ in range(TURNS):
         for contender in contenders:
             if spent[contender] < MOST:
-                if size < MIB:  # the first call after a pause finds cold caches; a large body drowns that
+                if size < MIB:  # warms the caches up; with a large body this makes no difference
                     turn(clients, contender, size)
                 each = turn(clients, contender, size, TURN)
                 results[contender] += each
@@ -130,7 +130,7 @@ def measure_placement(clients, cores):
 def measure_calls():
     allowed = sorted(os.sched_getaffinity(0))
     for clients, cores in PLACEMENTS:
-        os.sched_setaffinity(0, allowed[-cores:])  # all that is started from here on keeps to them
+        os.sched_setaffinity(0, allowed[-cores:])  # processes started from now on inherit this
         yield from measure_placement(clients, min(cores, len(allowed)))
     os.sched_setaffinity(0, allowed)
 
@@ -141,7 +141,7 @@ def resident(pid):
 
 
 def measure_costs():
-    """What the daemon costs beside a call: medians, and rows about its memory."""
+    """The costs of the daemon that calls do not show: medians of a command with a program, and rows about memory."""
     shutil.copy(PROGRAM, "/sbin/share_guard")
     with process("vistalprod", ready=False) as daemon, process(PEERS, "client", "/") as client:
         turn([client], "test")

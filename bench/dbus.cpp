@@ -35,15 +35,15 @@ int echo(sd_bus_message* message, void*, sd_bus_error*) {
 const sd_bus_vtable kMethods[] = {
     SD_BUS_VTABLE_START(0), SD_BUS_METHOD("Echo", "ay", "ay", echo, SD_BUS_VTABLE_UNPRIVILEGED), SD_BUS_VTABLE_END};
 
-// Tells the broker at the other end of `controller` where to listen and to allow everything. The broker's own launcher
-// does the same, but wants systemd and its journal.
+// Tells the broker at the other end of `controller` where to listen, and to allow everything. The broker's own launcher
+// would need systemd and its journal.
 void order_listener(int controller, const std::string& path) {
   sd_bus* broker = nullptr;
   check_bus(sd_bus_new(&broker), "sd_bus_new");
   check_bus(sd_bus_set_fd(broker, controller, controller), "sd_bus_set_fd");
   check_bus(sd_bus_start(broker), "connect to the broker");
   const UniqueFd listener = listen_at(path);
-  fcntl(listener.get(), F_SETFL, O_NONBLOCK);  // the broker accepts until nothing is left
+  fcntl(listener.get(), F_SETFL, O_NONBLOCK);  // the broker accepts until there are no more connections
   sd_bus_message* order = nullptr;
   check_bus(sd_bus_message_new_method_call(broker, &order, nullptr, "/org/bus1/DBus/Broker", "org.bus1.DBus.Broker",
                                            "AddListener"),
@@ -76,7 +76,7 @@ void run_broker(const std::string& path) {
     close(ends[1]);
     order_listener(ends[0], path);
     report_ready();
-    while (true) pause();  // the broker ends when its controller has left
+    while (true) pause();  // the broker ends when its controller ends
   }
   close(ends[0]);
   execlp("dbus-broker", "dbus-broker", "--controller", std::to_string(ends[1]).c_str(), "--machine-id",

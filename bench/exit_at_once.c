@@ -1,4 +1,4 @@
-// A program that costs what any program costs.
+// Measures the minimum cost of starting a program.
 int main(void) {
   return 0;
 }

@@ -22,8 +22,8 @@ UniqueFd socket_at(const std::string& path, int (*attach)(int, const sockaddr*, 
   return sockfd;
 }
 
-// Waits for all of `size` bytes and returns the descriptor that comes with the last one. The framework reads a record
-// and its descriptor one after the other and never waits in the reading; this is one call.
+// Waits for `size` bytes and returns the descriptor that comes with the last byte. One system call, unlike in the
+// framework, which reads a record and its descriptor separately and without waiting.
 UniqueFd receive(int sockfd, void* data, std::size_t size) {
   iovec payload{.iov_base = data, .iov_len = size};
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
@@ -44,13 +44,13 @@ void await_records(int sockfd, std::size_t count) {
   check(recv(sockfd, records, size, MSG_WAITALL) == static_cast<ssize_t>(size), "await records");
 }
 
-// A record, and the byte that carries a descriptor behind it.
+// A record, followed by the byte that carries a descriptor.
 struct Handover {
   directive record;
   char byte;
 };
 
-// Reads the body and writes it back as the reply. Each thread that serves has a buffer of its own.
+// Reads the body and writes it back as the reply. Each serving thread has its own buffer.
 class Echo {
  public:
   void operator()(int memfd) {
@@ -138,7 +138,7 @@ void serve_conversation(const std::string& path) {
   UniqueFd served;
   while (true) {
     UniqueFd client(accept(listener.get(), nullptr, nullptr));
-    // The echo and the ready of the client before: they have arrived by now without a wake-up.
+    // The echo and the ready record for the previous client; they have arrived, so this costs no wake-up.
     if (served) await_records(pair[1], 2);
     send_directive(pair[1], KS_DIR_TRANSFER);
     send_descriptor(pair[1], client.get());

@@ -1,4 +1,4 @@
-// peers ROLE DIRECTORY: a server whose socket is in DIRECTORY, or a client that is told by standard input what to call.
+// peers ROLE DIRECTORY: a server with its socket in DIRECTORY, or a client that reads orders from standard input.
 #include "bench/peers.h"
 
 #include <sys/wait.h>
@@ -20,8 +20,8 @@ namespace {
 
 constexpr std::uint64_t kWorkers = 2;  // as many as the daemon's main service has
 constexpr std::uint32_t kTimeoutSeconds = 60;
-constexpr char kProgram[] = "/sbin/share_guard";            // bench.py has put one there that exits at once
-constexpr char kCommand[] = "system_call_share_guard_add";  // which runs that program
+constexpr char kProgram[] = "/sbin/share_guard";            // here, a program that exits at once
+constexpr char kCommand[] = "system_call_share_guard_add";  // runs this program
 constexpr char kCommandBody[] = R"({"share_name":"recordings"})";
 
 struct FreeBuffer {
@@ -52,7 +52,7 @@ void serve_echo(const std::string& directory) {
 
 // ---- The client
 
-// Waits for a service that is not there yet.
+// If the service does not exist yet, waits for it.
 std::size_t call_service(const std::string& service, const char* request, const std::string& body) {
   int status;
   UniqueIo io;
@@ -108,8 +108,8 @@ constexpr Contender kContenders[] = {
     {"fork", [](Text, Text) { return fork_and_exec(kProgram); }},
 };
 
-// Takes orders of a contender, a body's size and the least number of seconds to go on, and answers with a line that has
-// the number of calls and the seconds of each as so many doubles.
+// Reads orders: a contender, the size of the body and the minimum duration in seconds. Answers each order with a line
+// that contains the number of calls, followed by the seconds of each call as a double.
 void run_client(const std::string& directory) {
   std::string body;
   std::vector<double> each;

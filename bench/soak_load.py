@@ -1,14 +1,13 @@
-"""soak_load.py MINUTES: inside the booted appliance, a mixed load on the daemon.
+"""soak_load.py MINUTES: puts a mixed load on the daemon, inside the booted appliance.
 
-Every command of docs/commands.md is called as shown there, at random, by several client processes at once; some of
-them are killed under way. Records go through both message queues meanwhile, and hostile clients speak to both services,
-each of which is to be hung up on. After each phase of some seconds every
-platform program and library is told anew whether to succeed, at once or slowly, or to fail, and how. So it is known
-what each reply must be: the one that the page shows, or that command's failure. A posted record must be delivered, once
-and in order.
+Several client processes call random commands of docs/commands.md as shown there; some clients are killed meanwhile.
+Records go through both message queues. Hostile clients connect to both services, and each must be hung up on. In each
+phase of some seconds, the stand-in of every platform program and library succeeds at once, succeeds slowly, or fails in
+a given way. So the reply to each call is known: the one that the page shows, or that command's failure. A posted record
+must be delivered once and in order.
 
-Prints what was served and what the daemon holds at the start, after a phase of warming up, and at the end. Exit status
-1 when a reply or record was lost or wrong, or when the daemon has grown.
+Prints counts of calls, and the daemon's memory, descriptors and threads after the warm-up and at the end. Exit status 1
+if a reply or record was lost or wrong, or if the daemon has grown.
 """
 
 import collections
@@ -30,7 +29,7 @@ import time
 CLIENTS = 6
 PHASE_SECONDS = 3
 WARM_UP_PHASES = 5
-# More than what the allocator's arenas come and go by; a leak of 100 bytes a request shows.
+# More than the allocator's arenas vary; a leak of 100 bytes per request exceeds it.
 GROWTH_KIB = 2048
 KILLED = 0.05  # of all clients
 STAND_INS = pathlib.Path("/tmp/stand_in")
@@ -45,10 +44,10 @@ PRINTED = {  # by a program that succeeds; the others print nothing
     "/usr/sbin/kesh": r'{"state":"up"}\n',
     "/share/CayinMediaViewer/bin/rdconf": r"2.0.3\n",
 }
-PRINTED = {os.path.realpath(path): text for path, text in PRINTED.items()}  # as a stand-in knows its own
-FAILURES = {"exit 3": 3 << 8, "signal 9": 9}  # the step, and what waitpid then says
+PRINTED = {os.path.realpath(path): text for path, text in PRINTED.items()}  # stand-ins use paths without links
+FAILURES = {"exit 3": 3 << 8, "signal 9": 9}  # steps and their raw wait statuses
 RESULTS = {"exit 3": 3, "signal 9": 128 + 9}  # of the mail program
-# Replies when the program or library fails, with STATUS for what waitpid said; where none is given, the usual one.
+# Replies if the program or library fails; STATUS stands for the raw wait status. Other commands reply with USUAL.
 FAILED = {
     "sendmail": '{"result":RESULT}',
     "system_call_vistalpro_disable": '{"error_msg":"nos_system_system_call_vistalpro_disable_handler fail","result":-1}',
@@ -82,8 +81,8 @@ def sealed_file():
     return fd
 
 
-# What a client does once it is asked. Then, if that is true, it says that it has nothing more to send, and waits to be hung
-# up on; a silent one leaves.
+# Each function sends something after the ask. If it returns true, the client shuts down its sending side. Then it waits
+# until it is hung up on; a silent client leaves.
 HOSTILE = {
     "half a record": lambda peer: peer.send(REQUEST[:100]),
     "an unknown record": lambda peer: peer.send(bytes(len(REQUEST))),
@@ -108,7 +107,7 @@ def read_commands():
 
 
 def client(command):
-    """Starts one, with files of its own for a mail."""
+    """Starts a client. Each mail gets its own files."""
     body = command.body
     if command.name == "sendmail":
         number = next(numbers)
@@ -144,7 +143,7 @@ def called():
 
 
 def right(command, steps, result):
-    """Whether this is the reply, its programs being told to do these steps."""
+    """Whether `result` is a correct reply if the command's programs carry out these steps."""
     failed = [step for step in steps if step in FAILURES]
     replies = [command.shown] if len(failed) < len(steps) or not steps else []
     for step in failed:
@@ -165,7 +164,7 @@ class Load:
         for path in PRINTED:
             set_stand_in(path, "")
         called()
-        for command in self.commands:  # alone, so that it shows what each calls
+        for command in self.commands:  # one at a time, to learn which programs each command runs
             result = outcome(command)
             self.uses[command] = called()
             if result != command.shown:
@@ -173,13 +172,13 @@ class Load:
         self.tools = sorted(set().union(*self.uses.values()))
 
     def deal(self):
-        """Tells every stand-in what to do in the coming phase."""
+        """Writes a new script for every stand-in."""
         for path in self.tools:
             kind = random.choice(["", "", "delay 20\n", *FAILURES])
             self.steps[path] = kind
             set_stand_in(path, kind)
         called()  # records would fill the memory
-        for left in glob.glob("/tmp/file??????"):  # the outputs that failed programs leave behind, as described
+        for left in glob.glob("/tmp/file??????"):  # failed programs leave their outputs behind, as documented
             os.unlink(left)
 
     def request(self):
@@ -210,7 +209,7 @@ class Load:
 
 
 def post(stop):
-    """Posts numbered records into both queues in turn, as fast as they are taken."""
+    """Posts numbered records into both queues in turn."""
     while not stop.is_set():
         number = len(posted)
         if number % 2:
@@ -223,7 +222,7 @@ def post(stop):
 
 
 def attack(stop):
-    """One hostile client after another."""
+    """Runs one hostile client after another."""
     while not stop.wait(0.02):
         kind = random.choice(list(HOSTILE))
         digest = hashlib.sha1(random.choice(SERVICES).encode()).hexdigest()
@@ -252,7 +251,7 @@ def state(daemon):
 
 
 def at_rest(daemon, wanted=None):
-    """The daemon's state once nothing runs in it, and as soon as it holds no more than wanted, within 10 s."""
+    """The daemon's state once it has no children and, within 10 s, no more descriptors and threads than `wanted`."""
     deadline = time.monotonic() + 10
     while True:
         subprocess.run(["ksctl", "call", "main", "test"], stdout=subprocess.DEVNULL)
@@ -264,7 +263,7 @@ def at_rest(daemon, wanted=None):
 
 
 def received(file):
-    """The numbers in what the notification service was sent."""
+    """The numbers of the records that the notification service has received."""
     found = []
     for line in file.read_text().splitlines():
         record = json.loads(line.split(" ", 1)[1].removesuffix("\\n"))

@@ -1,4 +1,5 @@
-# Sourced by ./run, ./test, fuzz/run and the programs in bench/: what they need installed, and how a preset is built.
+# Sourced by ./run, ./test, fuzz/run and the scripts in bench/: installs the packages they need and builds presets.
+#
 # shellcheck shell=sh
 
 # The packages that install_missing checks.
@@ -59,8 +60,7 @@ build() {
 # emulated BUILD CMD...: runs CMD so that the AArch64 programs in BUILD can be executed. If the kernel already has an
 # emulator registered, it runs CMD directly. Otherwise it registers one in a user namespace, which is possible from
 # Linux 6.7 on: flag P passes argument 0 to the program, flag F keeps the emulator available inside the appliance. If
-# that fails, CMD runs anyway: ctest starts the emulator for tests that are programs, and skips those that need the
-# appliance.
+# that fails, CMD runs anyway: ctest then starts the emulator itself, and skips the tests that need the appliance.
 emulated() {
   probe=$1/bin/ksctl
   shift

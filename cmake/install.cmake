@@ -1,7 +1,6 @@
 # Installation rules for `cmake --install`, and the Debian packages that `cpack` makes. Each component is a package:
-# `daemon` for an appliance, `library` for programs that call it, `development` for building such programs. The header
-# is <ks.h>. The daemon and ksctl are linked statically, so that they always use the library version they were built
-# with.
+# `daemon` for an appliance, `library` for programs that call it, `development` for building such programs. The daemon
+# and ksctl are linked statically, so that they always use the library version with which they were built.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -85,15 +84,15 @@ set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA "${PROJECT_SOURCE_DIR}/packaging/
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ${package_of_development})
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_COMPONENT_DAEMON_DESCRIPTION "privileged helper of the video-surveillance package
-It carries out what only root may do on a storage appliance for the programs of
-the surveillance package, which call it over local sockets. The command-line
-client ksctl and a script for start sequences come with it.")
+On a storage appliance it carries out privileged operations for the programs of
+the surveillance package, which call it over local sockets. The package includes
+the command-line client ksctl and a script for start sequences.")
 set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "named local services - shared library
-Requests and replies pass between processes of one machine in shared memory,
-found by the name of the service that answers them.")
+Programs publish services under a name, and other programs of the same machine
+call them. Requests and replies are passed in shared memory.")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "named local services - development files
-Header, static library and what pkg-config and CMake look for, for programs
-that publish or call the services of libks.")
+Header, static library, and files for pkg-config and CMake, for programs that
+publish or call services with libks.")
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS library)
 if(CMAKE_CROSSCOMPILING)
   set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE arm64)

@@ -9,8 +9,8 @@ function(add_layer target folder)
   target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${include_dir}>)
 endfunction()
 
-# draw_layers(FILE FOLDER...): writes what links what in these folders, as the picture in docs/architecture.md, which
-# `./test lint` compares with it. The C library's own parts are left out.
+# draw_layers(FILE FOLDER...): writes a picture of the links between the targets in these folders to FILE. `./test lint`
+# compares it with the one in docs/architecture.md. Parts of the C library are left out.
 function(draw_layers file)
   set(picture "```mermaid\nflowchart TD\n")
   set(arrows "")

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Calls a service without the library, as docs/protocol.md says. Exit status: 0, or 10 more than the outcome there."""
+"""Calls a service without the library, as described in protocol.md. Exit status: 0, or that page's outcome plus 10."""
 import argparse
 import hashlib
 import os
@@ -40,7 +40,7 @@ def converse(peer, request, file, extra_fd, deadline):
         if kind == ASK:
             descriptors = [file] if extra_fd is None else [file, extra_fd]
             peer.sendall(RECORD.pack(REQUEST, len(descriptors) - 1, request.encode()))
-            for descriptor in descriptors:  # each in a message of its own
+            for descriptor in descriptors:  # each in a separate message
                 socket.send_fds(peer, [b"\0"], [descriptor])
 
 

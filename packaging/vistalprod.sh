@@ -1,24 +1,24 @@
 #!/bin/sh
-# vistalprod.sh ACTION [--force] [-t SECONDS]: the daemon, from the appliance's start and stop sequence. For a
-# plain Bourne shell, as appliances have. It may be linked to any name but `vistalprod`: the daemon refuses to run
-# beside a process with that name.
+# vistalprod.sh ACTION [--force] [-t SECONDS]: controls the daemon in the appliance's start and stop sequence. Written for
+# the plain Bourne shell of appliances. A link to it may have any name but `vistalprod`: the daemon refuses to run beside
+# a process with that name.
 #
-#   start         waits for a daemon that is still stopping; returns when clients are served
-#   stop          waits 60 seconds, or SECONDS, for the daemon's end; --force then kills it
-#   restart       stop, and start if that worked
-#   try-restart   the same if the daemon runs, else nothing
-#   status        asks both services
-#   reload-check  tells whether a restart would come up, without touching a daemon that runs
+#   start         waits for a daemon that is still stopping, starts it, returns when it serves clients
+#   stop          stops the daemon and waits 60 seconds, or SECONDS, for its end; --force then kills it
+#   restart       stop, then start if the daemon has ended
+#   try-restart   the same if the daemon runs, otherwise nothing
+#   status        tests whether both services answer
+#   reload-check  checks whether a restart would succeed, without touching a running daemon
 #
-# Exit statuses, as of any init script: 0 done, or done before; 1 failed; 2 wrong usage; 4 not root; 5 something is not
-# installed; 6 not configured. Of `status`: 0 both services answer; 1 it died and left its socket; 3 it does not run;
-# 4 it runs but does not answer; 150 it is stopping.
+# Exit statuses, as for any init script: 0 success, or nothing to do; 1 failure; 2 wrong usage; 4 not root; 5 something
+# is not installed; 6 not configured. `status` has its own: 0 both services answer; 1 the daemon died and left its socket
+# behind; 3 it does not run; 4 it runs but does not answer; 150 it is stopping.
 self=$(readlink -f -- "$0")
 here=$(dirname -- "$self")
 PATH=$here:$here/../bin:$PATH:/sbin:/usr/sbin
 program=$(readlink -f -- "$(command -v vistalprod || echo "$here/vistalprod")")
 start_seconds=30
-stop_seconds=60 # a stop waits for the programs that requests have started
+stop_seconds=60 # a stopping daemon waits for the programs that requests have started
 kill_seconds=10 # for the kernel to end a process
 answer_seconds=5 # ksctl's minimum
 configuration=/etc/config/kpkg.conf
@@ -81,7 +81,7 @@ await_end() { # PID SECONDS
   done
 }
 
-# Asks both services at the same time; sets `silent` to those that do not answer.
+# Calls both services at the same time; sets `silent` to those that do not answer.
 ask() {
   silent=''
   ksctl call -t $answer_seconds mail test >/dev/null 2>&1 &
@@ -93,7 +93,7 @@ ask() {
 
 socket_of() { ksctl path "$1"; }
 
-names() { # of the processes on standard input
+names() { # prints the names of the processes on standard input
   sort -un | head -n 10 | while read -r process; do
     { read -r name <"/proc/$process/comm"; } 2>/dev/null && printf ' %s[%s]' "$name" "$process"
   done
@@ -109,7 +109,7 @@ connected() {
       { users[$6] = $9 }
       END { for (end in peers) print users[end] }' | tr ',' '\n' | sed -n 's/^pid=//p'
   else
-    # shellcheck disable=SC2012,SC2016 # where descriptors lead to; for awk
+    # shellcheck disable=SC2012,SC2016 # ls shows the targets of descriptors; for awk
     ls -l /proc/[0-9]*/fd 2>/dev/null | awk '
       NR == FNR { if ($6 == "03" && NF == 7) ends["socket:[" $7 "]"]; next }
       /^\/proc/ { split($0, path, "/") }
@@ -117,14 +117,14 @@ connected() {
   fi | grep -vx "$pid" | names
 }
 
-programs() { # that the daemon runs
+programs() { # prints the names of the programs that the daemon runs
   for stat in /proc/[0-9]*/stat; do
-    # shellcheck disable=SC2002 # it may be gone by now
+    # shellcheck disable=SC2002 # the process may have ended
     cat "$stat" 2>/dev/null | sed -n 's/^\([0-9]*\) (.*) . \([0-9]*\) .*/\2 \1/p'
   done | sed -n "s/^$pid //p" | names
 }
 
-# Explains what prevents each service of $1 from answering or ending.
+# Prints what keeps each service of $1 from answering or ending.
 explain() {
   known=
   command -v ss >/dev/null || known=', or have any other local connection (there is no ss to tell)'
@@ -147,7 +147,7 @@ can_write() { # FOLDER FILE
 
 check_installed() {
   command -v vistalprod >/dev/null || fail 5 "vistalprod is not installed" || return
-  # What ldd does; not every appliance has it.
+  # As ldd does, which not every appliance has.
   missing=$(LD_TRACE_LOADED_OBJECTS=1 LD_BIND_NOW=1 LD_WARN=1 "$program" 2>&1 | 
     grep -E 'not found|undefined symbol' | head -n 3)
   [ -z "$missing" ] || fail 5 "libraries that $program needs:" "$missing" || return
@@ -156,7 +156,7 @@ check_installed() {
 
 check_configured() {
   [ -r $configuration ] || fail 6 "there is no $configuration" || return
-  # As the daemon reads it: the first line, of which 127 bytes count.
+  # As the daemon does: reads 127 bytes of the first line.
   install_path=$(/sbin/rdconf VistalServer Install_Path -c -d RDCONF_FAILD -f $configuration 2>/dev/null |
     head -n 1 | cut -b 1-127)
   case $install_path in
@@ -167,7 +167,7 @@ check_configured() {
 }
 
 check_folders() {
-  # Without its log the daemon runs all the same.
+  # The daemon also runs without a log.
   log=$install_path/.log
   if [ -e "$log" ]; then folder=$log; else folder=$install_path; fi
   can_write "$folder" "$self" || echo "vistalprod: so there will be no log" >&2
@@ -205,7 +205,7 @@ launch() {
     if [ -S "$socket" ]; then rm -f "$socket"; fi # left by a crash; an old program may still hold it open
   done
   umask 022
-  # For as many clients as may wait. The daemon raises the soft limit itself.
+  # Enough descriptors for all clients that may wait. The daemon raises the soft limit itself.
   # shellcheck disable=SC3045 # the shells of appliances know -H
   case $(ulimit -Hn) in
     [1-9] | ?? | ??? | [123]???) ulimit -Hn 4096 2>/dev/null ;;

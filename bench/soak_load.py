@@ -189,7 +189,7 @@ class Load:
             time.sleep(random.random() * 0.02)
             running.kill()
             running.communicate()
-            killed["waiting in vain" if unknown else "under way"] += 1
+            killed["waiting without a reply" if unknown else "during a request"] += 1
             return
         result = outcome(command)
         steps = [self.steps[path] for path in self.uses[command]]

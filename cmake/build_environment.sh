@@ -24,7 +24,7 @@ install_missing() {
     return
   fi
   if [ "$(id -u)" != 0 ]; then
-    echo "$0: only root can run apt-get install$missing (VISTALPROD_INSTALL=no goes on without)" >&2
+    echo "$0: only root can run apt-get install$missing (VISTALPROD_INSTALL=no continues without)" >&2
     exit 1
   fi
   echo "$0: runs apt-get update and apt-get install$missing (not with VISTALPROD_INSTALL=no)"
@@ -35,7 +35,7 @@ install_missing() {
       dpkg --add-architecture arm64
       ;;
   esac
-  # shellcheck disable=SC2086 # one word a package
+  # shellcheck disable=SC2086 # one word per package
   if ! { apt-get -qq update && apt-get -qq install --no-install-recommends $missing; } >/tmp/apt.$$ 2>&1; then
     cat /tmp/apt.$$ >&2
     rm -f /tmp/apt.$$
@@ -68,8 +68,9 @@ emulated() {
     "$@"
     return
   fi
-  magic='\x7fELF\x02\x01\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00\x02\x00\xb7\x00' # an executable for AArch64, by
-  mask='\xff\xff\xff\xff\xff\xff\xff\x00\xff\xff\xff\xff\xff\xff\xff\xff\xfe\xff\xff\xff' # its first 20 bytes
+  # The first 20 bytes of an executable for AArch64.
+  magic='\x7fELF\x02\x01\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00\x02\x00\xb7\x00'
+  mask='\xff\xff\xff\xff\xff\xff\xff\x00\xff\xff\xff\xff\xff\xff\xff\xff\xfe\xff\xff\xff'
   # shellcheck disable=SC2016 # for the shell inside
   prepare='mount -t binfmt_misc none /proc/sys/fs/binfmt_misc &&
     printf %s "$1" >/proc/sys/fs/binfmt_misc/register && shift && exec "$@"'

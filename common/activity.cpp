@@ -36,7 +36,7 @@ constexpr std::size_t kWordSize = 256;  // of a name or a path, including the NU
 RunningRequests g_running;
 // Set before other threads exist. -1: no trace.
 int g_trace = -1;
-thread_local RunningRequest* current_request = nullptr;
+thread_local RunningRequest* g_current_request = nullptr;
 
 bool is_traced() {
   return g_trace >= 0;
@@ -157,7 +157,7 @@ RunningRequest::~RunningRequest() {
 }
 
 void RunningRequest::attach() {
-  current_request = this;
+  g_current_request = this;
 }
 
 void RunningRequest::end(const char* how) {
@@ -178,14 +178,14 @@ ProgramRun::~ProgramRun() {
 
 void ProgramRun::started(pid_t pid) {
   pid_ = pid;
-  if (current_request != nullptr) outer_ = current_request->program_.exchange(pid);
+  if (g_current_request != nullptr) outer_ = g_current_request->program_.exchange(pid);
 }
 
 int ProgramRun::ended(int status) {
   has_ended_ = true;
   // Only reset our own pid: streams need not be closed in the order in which their programs were started.
   pid_t own = pid_;
-  if (current_request != nullptr) current_request->program_.compare_exchange_strong(own, outer_);
+  if (g_current_request != nullptr) g_current_request->program_.compare_exchange_strong(own, outer_);
   if (!is_traced()) return status;
   char how[32] = "not known";
   if (status != -1 && WIFEXITED(status)) std::snprintf(how, sizeof how, "exit %d", WEXITSTATUS(status));
@@ -196,7 +196,7 @@ int ProgramRun::ended(int status) {
 
 void ProgramRun::trace(const char* how) const {
   const long long ms = milliseconds_since(started_);
-  const RunningRequest* const request = current_request;
+  const RunningRequest* const request = g_current_request;
   if (request == nullptr) {
     write_line("program client=- uid=- command=- program=%s ms=%lld end=%s\n", path_, ms, how);
     return;

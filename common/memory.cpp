@@ -12,7 +12,7 @@ constexpr std::size_t kMuch = 1024 * 1024;  // bytes; smaller amounts may stay a
 // raise the threshold with each larger block that is freed, up to 32 MiB.
 constexpr int kMappedFrom = 128 * 1024;  // bytes
 
-thread_local bool much_expected = false;
+thread_local bool g_much_expected = false;
 
 }  // namespace
 
@@ -23,10 +23,10 @@ void memory_set_up() {
 }
 
 void memory_expect(std::size_t bytes) {
-  if (bytes >= kMuch) much_expected = true;
+  if (bytes >= kMuch) g_much_expected = true;
 }
 
 void memory_give_back() {
   // Needed for free memory below a block in use; the library returns the free end of a heap by itself.
-  if (std::exchange(much_expected, false)) malloc_trim(0);
+  if (std::exchange(g_much_expected, false)) malloc_trim(0);
 }

@@ -92,7 +92,7 @@ class AbandonedHandlers {
 };
 
 // Never destroyed: abandoned threads may use it while the process exits.
-AbandonedHandlers* abandoned_handlers = nullptr;
+AbandonedHandlers* g_abandoned_handlers = nullptr;
 
 // Must not throw, even if memory is short.
 void log_failure(const char* command, const std::exception& error) noexcept {
@@ -123,7 +123,7 @@ void* run_handler(void* arg) {
   const uid_t user = ks_io_uid(call->io.get());
   if (call->one_is_done.exchange(true)) {
     delete call;
-    abandoned_handlers->leave(user);
+    g_abandoned_handlers->leave(user);
   }
   return nullptr;
 }
@@ -159,16 +159,16 @@ void run(const CommandRow& row, const Client& client, UniqueIo io) {
     // The handler's thread owns the record now, but shutting its connection down is safe.
     call->request.end("left behind");
     shutdown(call->io->sockfd, SHUT_RDWR);
-    abandoned_handlers->enter(user);
+    g_abandoned_handlers->enter(user);
   }
   if (call->one_is_done.exchange(true)) {
     delete call;
-    if (!ended) abandoned_handlers->leave(user);
+    if (!ended) g_abandoned_handlers->leave(user);
   }
 }
 
 // Never destroyed: workers of the mail service may use it while the process exits.
-ParkedRequests* parked_requests = nullptr;
+ParkedRequests* g_parked_requests = nullptr;
 
 void dispatch(std::span<const CommandRow> commands, const char* request_name, ks_io* request, int extra_fd) noexcept {
   UniqueIo io(request);
@@ -180,8 +180,8 @@ void dispatch(std::span<const CommandRow> commands, const char* request_name, ks
     if (row == commands.end()) {
       ks_discard(extra_fd, client.uid);
       RunningRequest(request_name, client.pid, client.uid).end("unknown command");
-      parked_requests->park(std::move(io));
-    } else if (abandoned_handlers->is_full(ks_io_uid(io.get()))) {
+      g_parked_requests->park(std::move(io));
+    } else if (g_abandoned_handlers->is_full(ks_io_uid(io.get()))) {
       ks_discard(extra_fd, client.uid);
       LOG_AT("dispatch", "%s is refused: user %u holds the files of %d others.", row->name, ks_io_uid(io.get()),
              AbandonedHandlers::kMostOfAUser);
@@ -200,8 +200,8 @@ void dispatch(std::span<const CommandRow> commands, const char* request_name, ks
 
 void prepare_dispatch() {
   prepare_lent_output();
-  parked_requests = new ParkedRequests;
-  abandoned_handlers = new AbandonedHandlers;
+  g_parked_requests = new ParkedRequests;
+  g_abandoned_handlers = new AbandonedHandlers;
 }
 
 void main_service_exec(const char* request_name, ks_io* io, int extra_fd) {

@@ -21,8 +21,8 @@ constexpr char kNullDevice[] = "/dev/null";
 constexpr char kCollectedName[] = "stdout";  // name of the memory file, shown in /proc
 
 // Open for the life of the process, so that standard output can always be reset to it.
-int null_device = -1;
-char stdout_buffer[BUFSIZ];
+int g_null_device = -1;
+char g_stdout_buffer[BUFSIZ];
 
 // Checks the kernel's name for the file, because fstat would ask a user-space file system.
 bool is_pipe_or_socket(int fd) {
@@ -46,7 +46,7 @@ void take_unwritten(UniqueFd* collected) {
   const std::size_t size = __fpending(stdout);
   if (size > 0) {
     if (!*collected) *collected = make_collected();
-    [[maybe_unused]] const ssize_t written = write(collected->get(), stdout_buffer, size);
+    [[maybe_unused]] const ssize_t written = write(collected->get(), g_stdout_buffer, size);
     __fpurge(stdout);
   }
   funlockfile(stdout);
@@ -59,9 +59,9 @@ bool holds_any(const UniqueFd& file) {
 }  // namespace
 
 void prepare_lent_output() {
-  null_device = open(kNullDevice, O_RDWR | O_CLOEXEC);
+  g_null_device = open(kNullDevice, O_RDWR | O_CLOEXEC);
   std::fflush(stdout);
-  std::setvbuf(stdout, stdout_buffer, _IOFBF, sizeof(stdout_buffer));
+  std::setvbuf(stdout, g_stdout_buffer, _IOFBF, sizeof(g_stdout_buffer));
 }
 
 LentOutput::LentOutput(int client_fd, uid_t user) : client_fd_(client_fd), user_(user) {
@@ -75,7 +75,7 @@ LentOutput::LentOutput(int client_fd, uid_t user) : client_fd_(client_fd), user_
 
 LentOutput::~LentOutput() {
   take_unwritten(&collected_);
-  dup2(null_device, STDOUT_FILENO);
+  dup2(g_null_device, STDOUT_FILENO);
   if (client_fd_ >= 0 && holds_any(collected_)) {
     ks_deliver(collected_.release(), client_fd_, user_);
   } else {

@@ -85,7 +85,7 @@ class Daemon {
   std::unique_ptr<MsgQueueListener> log_listener;
 };
 
-constinit Daemon the_daemon;  // a signal handler needs a global
+constinit Daemon g_daemon;  // a signal handler needs a global
 
 sigset_t stop_signals() {
   sigset_t signals;
@@ -96,7 +96,7 @@ sigset_t stop_signals() {
 }
 
 void terminate_handler(int) {
-  the_daemon.terminate();
+  g_daemon.terminate();
 }
 
 // Otherwise the first socket could get a number below 3, and be closed later as standard output.
@@ -306,9 +306,9 @@ int main(int argc, char** argv) {
     std::exit(kExitRefused);
   }
   install_signal_handlers();
-  the_daemon.parse_options(argc, argv);
-  the_daemon.start();
-  the_daemon.wait();
-  the_daemon.stop();
+  g_daemon.parse_options(argc, argv);
+  g_daemon.start();
+  g_daemon.wait();
+  g_daemon.stop();
   std::exit(0);
 }

@@ -129,7 +129,7 @@ constexpr Command main_service::system_call_share_folder_renew =
     Row{.program = kControlScript, .args = {"share_folder_renew"}};
 
 constexpr Command main_service::system_call_vistalpro_disable =
-    Row{.log_name = "nos_system_system_call_vistalpro_disable_handler",  // doubled word: clients match on it
+    Row{.log_name = "nos_system_system_call_vistalpro_disable_handler",  // clients expect the doubled word
         .program = kControlScript,
         .args = {"force_stop"}};
 

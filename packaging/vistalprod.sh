@@ -183,7 +183,7 @@ check_folders() {
 check() {
   check_installed && check_configured || return
   if [ -n "$other" ]; then
-    fail 1 "the daemon will not run beside pid $other, $(readlink "/proc/$other/exe"), which bears its name" || return
+    fail 1 "the daemon will not run beside pid $other, $(readlink "/proc/$other/exe"), which has its name" || return
   fi
   check_folders
 }

@@ -64,8 +64,9 @@ typedef struct ks_io {
   uint64_t user_data;                           // the owner's, see ks_io_set
   void* shared_data;                            // the whole memory file as it was when mapped, or null
   uint64_t shared_size;                         // length of that mapping in bytes, 0 when unmapped
-  int32_t peer_pid;                             // the client's process, user and group; all 0 on the client
-  uint32_t peer_uid;                            // side. Together the three form one struct ucred
+  // The client's process, user and group, as one struct ucred; all 0 on the client side.
+  int32_t peer_pid;
+  uint32_t peer_uid;
   uint32_t peer_gid;
 } ks_io;
 

@@ -23,9 +23,9 @@ constexpr int kMaxFrames = 50;
 constexpr int kOwnFrames = 2;
 
 // Written during start-up, read by the thread that receives a signal.
-std::array<std::atomic<ks_signal_fn>, MAX_SIGNAL_SIZE> signal_table{};
+std::array<std::atomic<ks_signal_fn>, MAX_SIGNAL_SIZE> g_signal_table{};
 
-regex_t blocked_programs;
+regex_t g_blocked_programs;
 
 void set_action(int signum, void (*action)(int), int flags) {
   struct sigaction change {};
@@ -53,7 +53,7 @@ void write_all(int fd, const char* data, std::uint64_t size) {
 }
 
 __attribute__((destructor)) void release_blocked_programs() {
-  regfree(&blocked_programs);
+  regfree(&g_blocked_programs);
 }
 
 }  // namespace
@@ -62,23 +62,23 @@ void ks_signal(int signum, ks_signal_fn handler) {
   if (signum <= 0 || signum >= MAX_SIGNAL_SIZE) {
     ks_abort("ks_signal", "signum > 0 && signum < MAX_SIGNAL_SIZE", "cannot handle signal number %d", signum);
   }
-  signal_table[static_cast<std::size_t>(signum)] = handler;
+  g_signal_table[static_cast<std::size_t>(signum)] = handler;
   set_action(signum, handler != nullptr ? ks_sig_dispatch : SIG_DFL, SA_SIGINFO);
 }
 
 void ks_sig_dispatch(int signum) {
   if (signum <= 0 || signum >= MAX_SIGNAL_SIZE) return;
-  const ks_signal_fn handler = signal_table[static_cast<std::size_t>(signum)];
+  const ks_signal_fn handler = g_signal_table[static_cast<std::size_t>(signum)];
   if (handler != nullptr) handler(signum);
 }
 
 void ks_crash_install(void) {
   for (const int signum : {SIGABRT, SIGBUS, SIGFPE, SIGSEGV}) {
-    signal_table[static_cast<std::size_t>(signum)] = ks_crash_report;
+    g_signal_table[static_cast<std::size_t>(signum)] = ks_crash_report;
   }
   for (int signum = 1; signum < MAX_SIGNAL_SIZE; ++signum) {
     if (signum == SIGKILL || signum == SIGSTOP) continue;
-    if (signal_table[static_cast<std::size_t>(signum)] == nullptr) continue;
+    if (g_signal_table[static_cast<std::size_t>(signum)] == nullptr) continue;
     set_action(signum, ks_sig_dispatch, static_cast<int>(SA_SIGINFO | SA_RESETHAND));
   }
 }
@@ -110,7 +110,7 @@ void ks_crash_report(int signum) {
 }
 
 void ks_init(void) {
-  if (regcomp(&blocked_programs, BLOCKED_PROGRAM_LIST, REG_EXTENDED) != 0) {
+  if (regcomp(&g_blocked_programs, BLOCKED_PROGRAM_LIST, REG_EXTENDED) != 0) {
     ks_abort("ks_init", "regcomp(&re, BLOCKED_PROGRAM_LIST, REG_EXTENDED) == 0", "cannot compile blocked program list");
   }
 }

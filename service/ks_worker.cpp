@@ -43,7 +43,7 @@ constexpr std::chrono::seconds kHandoverTimeout{5};
 constexpr int kChildControlFd = 3;
 
 // The consumer that runs on this thread.
-thread_local ks_worker* self = nullptr;
+thread_local ks_worker* g_self = nullptr;
 
 void report_ready(ks_worker* worker) {
   directive ready = make_directive(KS_DIR_READY);
@@ -284,23 +284,23 @@ void ks_consumer_worker_init(ks_handle* handle, ks_worker* worker) {
 }
 
 bool ks_is_consumer_of(const ks_handle* handle) {
-  return self != nullptr && self->handle == handle;
+  return g_self != nullptr && g_self->handle == handle;
 }
 
 void ks_on_silence(ks_silence_fn fn, void* arg) {
-  if (self == nullptr) ks_abort("ks_on_silence", "self", "only a worker can watch its clients");
-  self->on_silence = fn;
-  self->silence_arg = arg;
+  if (g_self == nullptr) ks_abort("ks_on_silence", "self", "only a worker can watch its clients");
+  g_self->on_silence = fn;
+  g_self->silence_arg = arg;
 }
 
 void ks_leave_unmapped(void) {
-  if (self == nullptr) ks_abort("ks_leave_unmapped", "self", "only a worker can choose how it gets its requests");
-  self->leaves_unmapped = true;
+  if (g_self == nullptr) ks_abort("ks_leave_unmapped", "self", "only a worker can choose how it gets its requests");
+  g_self->leaves_unmapped = true;
 }
 
 void ks_consumer_worker(ks_worker* worker) {
   constexpr char kOperation[] = "ks_consumer_worker";
-  self = worker;
+  g_self = worker;
   if (worker->init_hook != nullptr) worker->init_hook(worker->init_arg);
   worker->pollfd = epoll_create(1);
   if (worker->pollfd < 0 || !set_fd_cloexec(worker->pollfd)) {

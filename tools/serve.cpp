@@ -23,10 +23,10 @@ namespace {
 constexpr int kDescriptors = 16;
 
 // Used by the exec callback, which has no user argument. There is one worker, so no lock is needed.
-std::string reply_text;
-unsigned requests_left = 0;  // 0: no limit
-int output_error = 0;        // errno of the first line that could not be written
-int end_signal = SIGTERM;
+std::string g_reply_text;
+unsigned g_requests_left = 0;  // 0: no limit
+int g_output_error = 0;        // errno of the first line that could not be written
+int g_end_signal = SIGTERM;
 
 // The request's body on one line: a final line feed is dropped, others are shown as "\n".
 std::string body_on_a_line(ks_io* io) {
@@ -39,17 +39,17 @@ std::string body_on_a_line(ks_io* io) {
 void show_and_reply(const char* request_name, ks_io* io, int extra_fd) {
   const std::string line = std::string(request_name) + " " + body_on_a_line(io) + "\n";
   const bool shown = write_all(STDOUT_FILENO, line.data(), line.size());
-  if (!shown && output_error == 0) output_error = errno;
+  if (!shown && g_output_error == 0) g_output_error = errno;
   if (ks_io_alive(io)) {
     ks_io_realloc(io, 0);
-    ks_io_write(io, reply_text.data(), reply_text.size());
+    ks_io_write(io, g_reply_text.data(), g_reply_text.size());
     ks_reply(io);
   }
   ks_discard(extra_fd, ks_io_uid(io));
   ks_io_free(io);
   // EBADF: the caller has closed standard output on purpose. Other errors mean that its reader is gone.
-  const bool lost_reader = !shown && output_error != EBADF;
-  if (lost_reader || (requests_left > 0 && --requests_left == 0)) kill(getpid(), end_signal);
+  const bool lost_reader = !shown && g_output_error != EBADF;
+  if (lost_reader || (g_requests_left > 0 && --g_requests_left == 0)) kill(getpid(), g_end_signal);
 }
 
 // Binds the socket file, to get the reason if that is impossible (false, with errno). The service replaces the file.
@@ -119,8 +119,8 @@ int serve(const Service& service) {
   int signum = 0;
   sigwait(&ends, &signum);
   ks_free(handle);
-  if (output_error == 0) return 0;
-  errno = output_error;
+  if (g_output_error == 0) return 0;
+  errno = g_output_error;
   return local_trouble(kServeCommand, "cannot write to standard output");
 }
 
@@ -132,13 +132,13 @@ int run_serve(int argc, char** argv) {
        .help = "the reply to each request, empty unless given",
        .store =
            [](const char* value) {
-             reply_text = value;
+             g_reply_text = value;
              return true;
            }},
       {.name = "count",
        .value = "REQUESTS",
        .help = "end after so many, 0: never",
-       .store = store_number(&requests_left, kMaxSeconds)},
+       .store = store_number(&g_requests_left, kMaxSeconds)},
       {.name = "replace", .help = "take the socket from the process that serves it", .store = store_flag(&replace)}};
   Service service;
   if (const auto over = read_service(kServeCommand, options, argc, argv, &service)) return *over;

@@ -5,9 +5,9 @@
 // contains such descriptors. Some of these waits outlast SIGKILL. A thread that serves others therefore closes only
 // what is harmless: memory files, and connections that are shut down and have no unread data.
 //
-// Everything else is marked as pending, and a closer is started: a process that shares this process's descriptor table
-// and nothing else, and drops the memory that it copied. It closes the pending numbers one by one and ends. If a close waits, only the closer waits. A
-// closer is not a thread, because a thread that waits in the kernel keeps its process from ending.
+// Everything else is marked as pending, and a closer is started: a process that shares only this process's descriptor
+// table, and drops the memory that it copied. It closes the pending numbers one by one and ends. If a close waits, only
+// the closer waits. A closer is not a thread, because a thread that waits in the kernel keeps its process from ending.
 //
 // A timer interrupts every wait that a signal can end. Only uninterruptible waits keep a closer, and only while the
 // owner's process exists. One user gets only a few of all closers; the user's other descriptors stay open until one of

@@ -1,7 +1,7 @@
 // Drops the memory that a closer has copied from its creator.
 //
-// A closer may wait for hours. Without this it would keep the values of the requests that its creator served when it
-// was cloned, and the memory files of their clients, although the creator has long given them back.
+// A closer may wait for hours. Otherwise it would keep the values of the requests that its creator served when it was
+// cloned, and the memory files of their clients, long after the creator has released them.
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -14,7 +14,7 @@
 
 namespace {
 
-// A sanitizer's own memory would go too.
+// Dropping memory would also drop a sanitizer's own memory.
 #ifndef __has_feature
 #define __has_feature(name) 0  // GCC has macros instead
 #endif
@@ -57,7 +57,7 @@ class Map {
   }
 
  private:
-  // NUL at the end.
+  // Returns the next character; NUL at the end.
   char character() {
     if (at_ == length_) {
       at_ = 0;
@@ -86,7 +86,7 @@ class Map {
   int fd_;
   char bytes_[4096];
   long at_ = 0;
-  long length_ = 0;  // of what was read last
+  long length_ = 0;  // of the latest read
   bool ended_ = false;
 };
 

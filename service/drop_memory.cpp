@@ -38,6 +38,7 @@ struct Region {
 // Reads this process's memory map: "7f01c000-7f02d000 rw-p 00000000 00:00 0   [heap]". System calls only.
 class Map {
  public:
+  // cppcheck-suppress uninitMemberVar ; bytes that are read from the file before they are used
   explicit Map(int fd) : fd_(fd) {}
 
   bool next(Region* region) {

@@ -23,6 +23,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "common/activity.h"
 #include "common/log.h"
@@ -68,6 +69,8 @@ class Daemon {
   void terminate();
   // Does not stop the mail service, which ends with the process: a mail being sent must not delay the stop.
   void stop();
+  // Hangs up on the clients of both services. Async-signal-safe.
+  void hang_up();
 
  private:
   static void* pthread_ks_start(void* self);
@@ -108,13 +111,19 @@ void occupy_standard_descriptors() {
   if (fd > STDERR_FILENO) close(fd);
 }
 
+// First the clients: the backtrace may hang.
+void handle_crash(int signum) {
+  g_daemon.hang_up();
+  crash_handler(signum);
+}
+
 void install_signal_handlers() {
   const sigset_t signals = stop_signals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);  // received in receive_stop_signals
   ks_signal(SIGINT, terminate_handler);
   ks_signal(SIGTERM, terminate_handler);
-  ks_signal(SIGSEGV, crash_handler);
-  ks_signal(SIGABRT, crash_handler);
+  ks_signal(SIGSEGV, handle_crash);
+  ks_signal(SIGABRT, handle_crash);
 }
 
 void* receive_stop_signals(void*) {
@@ -251,9 +260,13 @@ void Daemon::terminate() {
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-// Shuts down the connections whose socket is at `path`. The end of the process closes them only if no closer still
-// shares its descriptors.
-void hang_up_at(const char* path) {
+// Shuts down the sockets of a service that ends with the process, null for none. The end of the process closes them
+// only if no closer still shares its descriptors. The service is marked as stopping, so that its producer does not take
+// this for the end of the service and remove the socket file. Async-signal-safe.
+void hang_up_on_clients(ks_handle* service) {
+  if (service == nullptr) return;
+  std::atomic_ref(service->stopping) = 1;
+  const char* const path = service->sockfile;
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
   const auto end = std::max<rlim_t>(limit.rlim_cur, kWantedDescriptors);  // a library call may have lowered the limit
@@ -274,7 +287,11 @@ void Daemon::stop() {
   while (worker.load() == nullptr && !main_service_over) usleep(kStartPollMicroseconds);
   ks_stop(ks_service_handle);
   free_all_obj();
-  hang_up_at(ks_send_mail_service_handle->sockfile);
+  hang_up();
+}
+
+void Daemon::hang_up() {
+  for (ks_handle* const service : {ks_service_handle, ks_send_mail_service_handle}) hang_up_on_clients(service);
 }
 
 void Daemon::free_all_obj() {
@@ -286,7 +303,7 @@ void Daemon::free_all_obj() {
   event_listener.reset();
   log_listener->Stop();
   log_listener.reset();
-  ks_free(ks_service_handle);
+  ks_free(std::exchange(ks_service_handle, nullptr));
 }
 
 }  // namespace

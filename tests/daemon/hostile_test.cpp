@@ -464,4 +464,27 @@ TEST_F(Hostile, ALargeBodyIsHeldToItsCostAndItsMemoryGivenBack) {
   }
 }
 
+// The closer shares all descriptors of the daemon and outlives it.
+TEST(End, HangsUpOnClientsWhileACloserWaits) {
+  for (const int signal : {SIGSEGV, SIGTERM}) {
+    SCOPED_TRACE(signal);
+    Daemon daemon;
+    const StuckFile file("/tmp/stuck");  // from now on no child, whose copy could not be closed
+    if (file.fd() < 0) GTEST_SKIP() << "no file systems in user space here";
+    expect_end(Peer(kMailSocket).request("test").fds({file.fd()}), End::refused);
+    EXPECT_TRUE(eventually([] { return processes_called("ks-close") > 0; }));
+    std::vector<Peer> clients;
+    for (const Target& at : kTargets) {
+      for (int i = 0; i <= at.workers; ++i) clients.emplace_back(at.path);
+    }
+    EXPECT_TRUE(eventually([&] { return open_descriptors(daemon.pid()).rbegin()->first > 1024; })) << "two wait";
+    kill(daemon.pid(), signal);
+    daemon.wait();
+    for (const Peer& client : clients) EXPECT_EQ(client.rest().back(), 0);
+    for (const Target& at : kTargets) EXPECT_EQ(call(at.name, "test").status, KS_STATUS_CONNECT);
+    EXPECT_EQ(access(kMailSocket, F_OK), 0);
+    EXPECT_EQ(access(kMainSocket, F_OK), signal == SIGSEGV ? 0 : -1) << "tells a crash from a stop";
+  }
+}
+
 }  // namespace

@@ -72,7 +72,8 @@ CapturedRun::CapturedRun(const std::string& path, std::vector<std::string> argum
 
 std::string CapturedRun::output(std::size_t limit) const {
   std::string text;
-  const UniqueFd fd(open(file_.path().c_str(), O_RDONLY | O_CLOEXEC));
+  // The program may have put a pipe or a link in place of the file.
+  const UniqueFd fd(open(file_.path().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
   char chunk[kReadSize];
   while (fd && text.size() < limit) {
     const ssize_t got = read(fd.get(), chunk, std::min(sizeof(chunk), limit - text.size()));

@@ -332,6 +332,11 @@ TEST_F(Hostile, AClientThatLeavesAfterAnyStepLeavesNothingBehind) {
   }
 }
 
+TEST_F(Hostile, AProgramThatPutsAPipeInPlaceOfItsOutputHoldsNoWorker) {
+  const char* body = R"({"command":["/bin/sh","-c","exec 3>&1; f=$(readlink /proc/self/fd/3); rm $f; mkfifo $f"]})";
+  EXPECT_EQ(call(kMain, "exec_cli", body).json()["result"], "");
+}
+
 TEST_F(Hostile, AFileThatShrinksAndGrowsWhileItIsReadDoesNoHarm) {
   const std::string text(1 << 20, '[');
   for (const Target& at : kTargets) {

@@ -42,17 +42,6 @@ bool can_be_output(const UniqueFd& found) {
   return S_ISREG(info.stx_mode) && info.stx_nlink == 1 && (info.stx_attributes & STATX_ATTR_MOUNT_ROOT) == 0;
 }
 
-// Removes whatever has this name. Renames a directory that is not empty.
-bool clear_away(const char* path) {
-  umount2(path, MNT_DETACH | UMOUNT_NOFOLLOW);  // users may mount something on their own files and folders
-  if (unlink(path) == 0 || errno == ENOENT) return true;
-  if (errno != EISDIR) return false;
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  const std::string aside = std::string(path) + "." + std::to_string(now.tv_sec) + "." + std::to_string(now.tv_nsec);
-  return rmdir(path) == 0 || rename(path, aside.c_str()) == 0 || errno == ENOENT;
-}
-
 }  // namespace
 
 UniqueFd open_input_file(const char* path) {
@@ -76,6 +65,16 @@ UniqueFd open_output_file(const char* path, mode_t mode) {
     if (made || errno != EEXIST) return made;
   }
   return fails(EBUSY);
+}
+
+bool clear_away(const char* path) {
+  umount2(path, MNT_DETACH | UMOUNT_NOFOLLOW);  // users may mount something on their own files and folders
+  if (unlink(path) == 0 || errno == ENOENT) return true;
+  if (errno != EISDIR) return false;
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  const std::string aside = std::string(path) + "." + std::to_string(now.tv_sec) + "." + std::to_string(now.tv_nsec);
+  return rmdir(path) == 0 || rename(path, aside.c_str()) == 0 || errno == ENOENT;
 }
 
 HeldFolder::HeldFolder(const char* path) : fd_(open(path, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)) {}

@@ -18,6 +18,9 @@ UniqueFd open_input_file(const char* path);
 // with errno set, on failure.
 UniqueFd open_output_file(const char* path, mode_t mode);
 
+// Removes whatever has this name, a mount included; renames a folder that is not empty. False on failure.
+bool clear_away(const char* path);
+
 // Keeps a folder open, so that its user is not redirected if a link replaces it. Its owner does not matter: files made
 // in it by open_output_file belong to us.
 class HeldFolder {

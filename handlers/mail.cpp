@@ -22,6 +22,7 @@
 // The program's exit status is ignored. If it cannot be run, the output is empty.
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -98,7 +99,10 @@ int run_mail_program(const Mail& mail, const HeldFolder& scratch) {
 // Only a file is moved: an empty name would mean the staging directory itself.
 void keep_file(const std::string& path, const std::string& kept) {
   struct stat info {};
-  if (lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode)) std::rename(path.c_str(), kept.c_str());
+  if (lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return;
+  if (std::rename(path.c_str(), kept.c_str()) == 0 || (errno != EISDIR && errno != EBUSY)) return;
+  // Another user's folder or mount: it must not keep this mail in the staging directory.
+  if (clear_away(kept.c_str())) std::rename(path.c_str(), kept.c_str());
 }
 
 // Removes this mail from the staging directory. A missing file is not an error here: the mail program reports it.

@@ -117,7 +117,7 @@ TEST_F(Mail, PlantedFilesInPlaceOfOutputAndRecordAreReplaced) {
   for (const auto& [what, plant] : rows) {
     SCOPED_TRACE(what);
     write_file(victim, "precious");
-    for (const char* name : {"/sendmail.log", "/sendmail.dbg"}) {
+    for (const char* name : {"/sendmail.log", "/sendmail.dbg", "/sendmail.conf"}) {
       fs::remove(kScratch + name);
       plant(kScratch + name);
     }
@@ -125,6 +125,7 @@ TEST_F(Mail, PlantedFilesInPlaceOfOutputAndRecordAreReplaced) {
     EXPECT_EQ(send_mail("", ""), result(0));
     EXPECT_EQ(read_file(victim), "precious");
     EXPECT_EQ(read_file(kScratch + "/sendmail.log"), "said");
+    EXPECT_EQ(read_file(kScratch + "/sendmail.conf"), "mailhub=mail.example\n");
     struct stat record {};
     EXPECT_EQ(lstat((kScratch + "/sendmail.dbg").c_str(), &record), 0);
     EXPECT_TRUE(record.st_mode == (S_IFREG | 0600) && record.st_uid == geteuid() && record.st_size > 0);

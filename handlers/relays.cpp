@@ -20,6 +20,8 @@
 #include <cstdio>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "common/base64.h"
 #include "common/captured_run.h"
@@ -99,10 +101,10 @@ constexpr std::size_t kMaxUsage = (kEncodedSize - 1) / 4 * 3;  // bytes whose en
 MemberValue get_cloud_usage(Request&, const std::string& encoded_path) {
   std::string path;
   base64_decode(encoded_path, &path);
-  const std::optional<std::string> usage =
-      piped_bytes(kAttributeReader,
-                  {base_name(kAttributeReader), "--only-values", "--absolute-names", "-n", kAttribute, path.c_str()},
-                  kMaxUsage + 1);
+  std::vector<std::string> arguments = {base_name(kAttributeReader), "--only-values", "--absolute-names", "-n",
+                                        kAttribute};
+  arguments.push_back(std::move(path));  // an initializer list would copy it, and it may be large
+  const std::optional<std::string> usage = piped_bytes(kAttributeReader, std::move(arguments), kMaxUsage + 1);
   if (!usage || usage->empty() || usage->size() > kMaxUsage) return std::nullopt;
   return base64_text(*usage);
 }

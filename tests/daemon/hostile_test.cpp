@@ -444,6 +444,7 @@ TEST_F(Hostile, ALargeBodyIsHeldToItsCostAndItsMemoryGivenBack) {
   } rows[] = {
       {"values beyond the budget", values + repeated("0,", 600'000) + "0]", "input error", "[json_parse] a body of "},
       {"values within it", "{\"a\":" + values + "0]}", "paser fail", ""},
+      {"values within it, of no member", values + "0]", "", "[run_handler] update_ip_ban_list ended without a reply"},
       {"no JSON", values, "input error", "[nos_update_ip_ban_list_handler] ks_io input fail."},
       {"a long text", "{\"ip_list\":\"" + text + "\"}", "{\"result\":0}", ""},
   };

@@ -79,6 +79,12 @@ TEST(StartUp, ProgramsGetTheOriginalLimitAndSignals) {
   const Daemon daemon("sh -c '" + low + "exec vistalprod'");
   const StandIn library("/usr/lib/libuCore_config.so.0.0");
   const std::string limits = "/proc/" + std::to_string(daemon.pid()) + "/limits", before = read_file(limits);
+  EXPECT_THAT(before, ContainsRegex("open files +4096 "));
+  library.plays("delay 300\n");
+  {
+    const std::jthread other([] { call(kMain, "get_sms_config"); });
+    call(kMain, "get_sms_config");
+  }
   library.plays("program\n");
   EXPECT_EQ(call(kMain, "get_sms_config").json()["result"], 0);
   EXPECT_EQ(

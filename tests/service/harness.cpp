@@ -10,6 +10,11 @@
 
 namespace {
 
+// Sends what a consumer process with this control socket tells its producer, for any worker.
+void send_ready(int control, std::uint64_t index) {
+  Peer(dup(control)).record(KS_DIR_READY, 0, {reinterpret_cast<const char*>(&index), sizeof(index)});
+}
+
 std::string perform(const std::string& request, ks_io* io, int extra) {
   char byte = 'h';
   if (request == "echo") return content_of(ks_io_fd(io)) + (extra < 0 ? "" : content_of(extra));
@@ -18,6 +23,8 @@ std::string perform(const std::string& request, ks_io* io, int extra) {
     return size + *static_cast<char*>(ks_io_read(io, nullptr));
   }
   if (request == "who") return std::to_string(ks_io_pid(io));
+  if (request == "worker") return std::to_string(gettid());
+  if (request == "forge") send_ready(3, std::uint64_t{1} << 40);
   if (request == "environ") {
     std::string all;
     for (char** entry = environ; *entry != nullptr; ++entry) all += std::string(*entry) + "\n";

@@ -12,6 +12,8 @@
 //   "echo"    replies the body, and behind it what can be read from the extra descriptor
 //   "mapped"  replies the length of the mapping that the request came with, and the first byte that ks_io_read finds
 //   "who"     replies the process id of the client
+//   "worker"  replies the thread id of the worker
+//   "forge"   as a worker process, reports a worker ready that does not exist
 //   "environ" replies its environment, one variable a line
 //   "hold"    sends a byte on the extra descriptor, waits for one, then replies "hold"
 //   "leave"   releases the request without a reply

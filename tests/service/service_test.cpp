@@ -117,6 +117,9 @@ TEST_P(EveryMode, EachWorkerRunsItsHooksBeforeItsFirstAndAfterItsLastRequest) {
   ks_worker_fini(service.handle(), append_to<'f'>, &file);
   service.start();
   EXPECT_TRUE(eventually([&] { return read_file(file) == "ii"; }));
+  const std::string worker = call(service.name(), "worker").text;
+  ASSERT_TRUE(eventually([&] { return std::atomic_ref(service.handle()->worker[0].ready).load() != 0; }));
+  EXPECT_NE(call(service.name(), "worker").text, worker) << "the two do not take turns";
   service.stop();
   EXPECT_EQ(read_file(file), "iiff");
 }
@@ -159,6 +162,7 @@ TEST_P(EveryMode, AKilledWorkerIsReplacedAndStopWaitsForRequestsInWork) {
     ASSERT_EQ(waitid(P_ALL, 0, &dead, WEXITED | WNOWAIT), 0);
     warning = "[KService] [WARN] [" + service.name() + "] consumer-worker[0].pid=" + std::to_string(dead.si_pid) +
               " WIFSIGNALED=9, restart it.\n";
+    EXPECT_EQ(call(service.name(), "forge").text, "forge");
   }
   const Line lines[] = {make_line(), make_line()};
   Peer peers[] = {Peer(path()), Peer(path())};
@@ -171,6 +175,9 @@ TEST_P(EveryMode, AKilledWorkerIsReplacedAndStopWaitsForRequestsInWork) {
   ASSERT_TRUE(service.comes_to_hold(2));
   const Peer queued(path());
   ASSERT_TRUE(service.comes_to_hold(3));
+  // A program that is started meanwhile keeps a copy of each connection.
+  const pid_t program = fork();
+  if (program == 0) _exit(static_cast<int>(sleep(60)));
   auto stopped = std::async(std::launch::async, [&] { service.stop(); });
   EXPECT_EQ(queued.next(), 0);
   EXPECT_EQ(call(service.name(), "echo").status, KS_STATUS_CONNECT);
@@ -183,6 +190,8 @@ TEST_P(EveryMode, AKilledWorkerIsReplacedAndStopWaitsForRequestsInWork) {
     EXPECT_EQ(read(lines[i].ours.get(), &byte, 1) + write(lines[i].ours.get(), "r", 1), 2);
     EXPECT_EQ(peers[i].rest(), (std::vector<int>{KS_DIR_DONE, 0}));
   }
+  kill(program, SIGKILL);
+  EXPECT_EQ(waitpid(program, nullptr, 0), program);
 }
 
 TEST_F(ServiceTest, AWorkerProcessRunsWithTheEnvironmentOfItsClient) {

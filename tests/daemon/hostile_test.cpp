@@ -156,6 +156,8 @@ const struct {
     {"no descriptor, then silence", [](Peer& p) { p.request("test"); }},
     {"a byte without a descriptor", [](Peer& p) { p.request("test").bytes("x"); }},
     {"withholds the second descriptor", [](Peer& p) { p.request("test", 255).fds({kBody}); }},
+    {"no memory file, and a second descriptor",
+     [](Peer& p) { p.request("test", 1).fds({STDERR_FILENO}).fds({kBody}); }},
     {"every flag there is", [](Peer& p) { p.request("test", 255).fds({kBody}).fds({kBody}); }, End::served},
     {"every flag but the one", [](Peer& p) { p.request("test", 254).fds({kBody}); }, End::served},
     {"two descriptors in one message", [](Peer& p) { p.request("test").fds(std::vector<int>(2, kBody)); }, End::served},

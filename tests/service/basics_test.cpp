@@ -128,7 +128,6 @@ TEST_F(GuardedTest, OfDescriptorsThatDoNotAllFitNoneIsTaken) {
   EXPECT_EQ(outcome.status, 0) << outcome.error;
 }
 
-// By the first word of their SHA-1, without leading zeros.
 TEST_F(GuardedTest, DescriptorsThatManyThreadsDiscardAreAllClosed) {
   constexpr std::uint32_t kUser = 1000;
   const std::size_t before = open_descriptors().size();
@@ -144,6 +143,7 @@ TEST_F(GuardedTest, DescriptorsThatManyThreadsDiscardAreAllClosed) {
   }
 }
 
+// By the first word of their SHA-1, without leading zeros.
 TEST(ServiceNames, AreHashedIntoSocketPaths) {
   const std::pair<std::size_t, const char*> rows[] = {
       {0, "DA39A3EE"}, {1, "86F7E437"}, {55, "C1C8BBDC"}, {56, "C2DB330F"}, {63, "3F09F5B"}, {64, "98BA82"},

@@ -22,7 +22,7 @@ std::string perform(const std::string& request, ks_io* io, int extra) {
     const std::string size = std::to_string(io->shared_size);
     return size + *static_cast<char*>(ks_io_read(io, nullptr));
   }
-  if (request == "who") return std::to_string(ks_io_pid(io));
+  if (request == "who") return std::to_string(ks_io_pid(io)) + " " + std::to_string(ks_io_gid(io));
   if (request == "worker") return std::to_string(gettid());
   if (request == "forge") send_ready(3, std::uint64_t{1} << 40);
   if (request == "environ") {
@@ -54,13 +54,16 @@ INSTANTIATE_TEST_SUITE_P(Service, EveryMode, ::testing::Values(2u, 3u, 4u, 5u));
 Service::Service(const std::string& path, std::uint32_t mode, std::uint64_t workers)
     : path_(path), name_("@" + path), handle_(ks_create(name_.c_str(), mode, workers, answer)) {}
 
-void Service::start() {
+void Service::begin() {
   if ((handle_->mode & KS_STANDALONE) != 0) return ks_start(handle_);
   runner_ = std::jthread(ks_start, handle_);
-  ASSERT_TRUE(eventually([this] {
-    ks_worker* const workers = std::atomic_ref(handle_->worker).load();
-    return workers != nullptr && std::atomic_ref(workers[handle_->service_size].phase).load() == kProducerRunning;
-  }));
+  ASSERT_TRUE(eventually([this] { return std::atomic_ref(handle_->worker).load() != nullptr; }));
+}
+
+void Service::start() {
+  begin();
+  const ks_worker& producer = handle_->worker[handle_->service_size];
+  ASSERT_TRUE(eventually([&] { return std::atomic_ref(producer.phase).load() == kProducerRunning; }));
 }
 
 void Service::stop() {

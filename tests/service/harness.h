@@ -11,7 +11,7 @@
 // callback does what the request's name says:
 //   "echo"    replies the body, and behind it what can be read from the extra descriptor
 //   "mapped"  replies the length of the mapping that the request came with, and the first byte that ks_io_read finds
-//   "who"     replies the process id of the client
+//   "who"     replies the process and group id of the client
 //   "worker"  replies the thread id of the worker
 //   "forge"   as a worker process, reports a worker ready that does not exist
 //   "environ" replies its environment, one variable a line
@@ -24,7 +24,8 @@ class Service {
   Service(const std::string& path, std::uint32_t mode, std::uint64_t workers);
   ~Service() { ks_free(handle_); }
 
-  void start();  // returns once the service can be stopped
+  void begin();  // returns once the service can be stopped
+  void start();  // returns once it runs
   void stop();   // and a blocking ks_start has returned
   ks_handle* handle() const { return handle_; }
   const std::string& name() const { return name_; }

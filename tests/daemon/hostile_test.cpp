@@ -272,7 +272,7 @@ TEST_F(Hostile, AUserWhoHoldsTheLocksOfFilesIsHungUpOnAndThenRefused) {
       holding.emplace_back(i < 6 ? kMainSocket : kMailSocket).request("test").fds({body.get()});
     }
     for (const Peer& peer : holding) expect_end(peer, End::refused);
-    EXPECT_EQ(call(kMail, "test").status, KS_STATUS_BROKEN);
+    EXPECT_EQ(call(kMail, "test", std::nullopt, STDERR_FILENO).status, KS_STATUS_BROKEN);
   });
   for (const Target& at : kTargets) EXPECT_EQ(call(at.name, "test").status, KS_STATUS_OK) << "another user";
   holder.reset();

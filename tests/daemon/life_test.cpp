@@ -175,6 +175,7 @@ TEST(Trace, TellsHowRequestsAndProgramsEndWithoutTheirValues) {
       {kMain, "system_call_share_guard_add", R"({"share_name":"s3cret"})", "/sbin/share_guard end=exit 3", "replied"},
       {kMain, "get_sess_id", R"({"user":"u","pwd":"s3cret"})", "/sbin/kcli end=signal 9", "replied"},
       {kMain, "get_sess_id", R"(["s3cret"])", "", "hung up: exception"},
+      {kMain, "reverse_proxy", R"({"action":"s3cret"})", "", "hung up"},
       {kMail, "test", "s3cret", "", "replied"},
       {kMain, "unknown\ncommand", "", "", "unknown command"},
       {kMain, "get_vpd_channel", "", "/sbin/hwctl_app end=exit 0", "client gone"},

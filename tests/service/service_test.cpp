@@ -240,8 +240,12 @@ TEST_F(ServiceTest, AClientWhoseWorkerProcessEndsBeforeItsEchoIsReadIsHungUpOn) 
   const Line line = make_line();
   held = line.theirs.get();
   std::signal(SIGUSR1, hold_this_thread);
-  pthread_kill(workers[1].id.tid, SIGUSR1);
-  ASSERT_TRUE(readable(line.ours.get()));
+  const auto hold_producer = [&] {
+    char byte;
+    pthread_kill(workers[1].id.tid, SIGUSR1);
+    EXPECT_EQ(read(line.ours.get(), &byte, 1), 1);
+  };
+  hold_producer();
   kill(consumer, SIGCONT);
   EXPECT_EQ(client.next(), KS_DIR_ASK);
   EXPECT_EQ(open_descriptors(consumer).size(), 6u) << "three standard streams, control socket, poll set and client";
@@ -251,6 +255,13 @@ TEST_F(ServiceTest, AClientWhoseWorkerProcessEndsBeforeItsEchoIsReadIsHungUpOn) 
   client.bytes("unread");
   EXPECT_EQ(write(line.ours.get(), "r", 1), 1);
   EXPECT_TRUE(is_hung_up_on(client));
+  // The same for a client that a stop finds before it is accepted.
+  hold_producer();
+  const Peer late(path());
+  const std::jthread stopper([&] { service.stop(); });
+  EXPECT_TRUE(eventually([&] { return std::atomic_ref(service.handle()->stopping).load() != 0; }));
+  EXPECT_EQ(write(line.ours.get(), "r", 1), 1);
+  EXPECT_TRUE(is_hung_up_on(late));
 }
 
 TEST_F(ServiceTest, AWorkerProcessDoesNotOutliveItsService) {

@@ -30,7 +30,6 @@
 
 #include "common/activity.h"
 #include "common/log.h"
-#include "common/memory.h"
 #include "daemon/command_tables.h"
 #include "daemon/lent_output.h"
 #include "daemon/parked_requests.h"
@@ -129,7 +128,6 @@ void* run_handler(void* arg) {
     log_failure(call->row->name, error);
     call->request.end(kHungUpOnException);
   }
-  memory_give_back();
   release(call);
   return nullptr;
 }

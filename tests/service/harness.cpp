@@ -22,7 +22,7 @@ std::string perform(const std::string& request, ks_io* io, int extra) {
     const std::string size = std::to_string(io->shared_size);
     return size + *static_cast<char*>(ks_io_read(io, nullptr));
   }
-  if (request == "who") return std::to_string(ks_io_pid(io)) + " " + std::to_string(ks_io_gid(io));
+  if (request == "who") return sender(ks_io_pid(io), ks_io_uid(io), ks_io_gid(io));
   if (request == "worker") return std::to_string(gettid());
   if (request == "forge") send_ready(3, std::uint64_t{1} << 40);
   if (request == "environ") {
@@ -50,6 +50,10 @@ void answer(const char* request_name, ks_io* io, int extra_fd) {
 INSTANTIATE_TEST_SUITE_P(Service, EveryMode, ::testing::Values(2u, 3u, 4u, 5u));
 
 }  // namespace
+
+std::string sender(pid_t pid, uid_t uid, gid_t gid) {
+  return std::to_string(pid) + " " + std::to_string(uid) + " " + std::to_string(gid);
+}
 
 Service::Service(const std::string& path, std::uint32_t mode, std::uint64_t workers)
     : path_(path), name_("@" + path), handle_(ks_create(name_.c_str(), mode, workers, answer)) {}

@@ -11,7 +11,7 @@
 // callback does what the request's name says:
 //   "echo"    replies the body, and behind it what can be read from the extra descriptor
 //   "mapped"  replies the length of the mapping that the request came with, and the first byte that ks_io_read finds
-//   "who"     replies the process and group id of the client
+//   "who"     replies the sender
 //   "worker"  replies the thread id of the worker
 //   "forge"   as a worker process, reports a worker ready that does not exist
 //   "environ" replies its environment, one variable a line
@@ -38,6 +38,9 @@ class Service {
   ks_handle* const handle_;
   std::jthread runner_;
 };
+
+// A client as the request "who" names it.
+std::string sender(pid_t pid, uid_t uid, gid_t gid);
 
 // Two sockets connected to one another.
 struct Line {

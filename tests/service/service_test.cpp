@@ -36,7 +36,7 @@ TEST_P(EveryMode, ARequestCarriesItsNameBodyDescriptorAndSender) {
       {longest, "longer than its reply" + large, -1, {0, longest}},
       {longest + "n", "", -1, {KS_STATUS_ARGS, ""}},
       {"mapped", "body", -1, {0, "4b"}},
-      {"who", "", -1, {0, std::to_string(getpid()) + " " + std::to_string(getgid())}},
+      {"who", "", -1, {0, sender(getpid(), getuid(), getgid())}},
       {"leave", "body", -1, {KS_STATUS_BROKEN, ""}},
   };
   for (const auto& row : rows) {

@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <thread>
@@ -102,13 +103,15 @@ TEST_F(ProcessTest, NoSignalHandlerOfOursRunsInAStartingProgram) {
   const ChildOutcome outcome = in_child([] {
     setpgid(0, 0);
     static const pid_t self = getpid();
-    static volatile sig_atomic_t strayed = 0;
-    std::signal(SIGUSR2, [](int) { strayed = strayed != 0 || getpid() != self ? 1 : 0; });
+    static std::atomic<bool> strayed{false};
+    std::signal(SIGUSR2, [](int) {
+      if (getpid() != self) strayed = true;
+    });
     const std::jthread interrupter([](const std::stop_token& done) {
       while (!done.stop_requested()) kill(0, SIGUSR2);
     });
     for (int i = 0; i < 200; ++i) exec_cmd_args(nullptr, nullptr, nullptr, "/bin/true", nullptr);
-    if (strayed != 0) _exit(1);
+    if (strayed) _exit(1);
   });
   EXPECT_EQ(outcome.status, 0) << outcome.error;
 }

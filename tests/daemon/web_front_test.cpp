@@ -149,6 +149,7 @@ TEST_F(WebFront, ARuleIsWrittenToTheByte) {
        text("-1", tls + chain + hsts + unverified, "wss://h:-2")},
       {R"("port":1,"des_port":2,"protocol":"https","des_protocol":"https","hsts":false)",
        text("1", tls + hsts + unverified, "https://:2"), false},
+      {R"("port":1,"des_port":2,"protocol":"https","hsts":true)", text("1", tls + chain, "http://:2")},
       {R"("port":1,"des_port":2,"protocol":"HTTPS","des_protocol":"x y","proxy_timeout":5)", text("1", "", "x y://:2")},
       {R"("port":1)", ""},
       {R"("port":1,"des_port":1,"proxy_timeout":"5")", ""},

@@ -30,7 +30,6 @@
 
 #include "common/activity.h"
 #include "common/log.h"
-#include "common/memory.h"
 #include "daemon/command_tables.h"
 #include "daemon/lent_output.h"
 #include "daemon/parked_requests.h"
@@ -60,6 +59,7 @@ struct HandlerCall {
   RunningRequest request;
   ReplyClock reply_clock{};
   std::atomic<bool> one_is_done{false};
+  bool is_abandoned = false;  // written by the dispatcher before it is done
 };
 
 // The users of abandoned handlers, each of which occupies a thread and two descriptors. Any thread.
@@ -103,6 +103,15 @@ void log_failure(const char* command, const std::exception& error) noexcept {
   }
 }
 
+// Called by the thread and by its dispatcher when they no longer use the record.
+void release(HandlerCall* call) {
+  if (!call->one_is_done.exchange(true)) return;
+  const bool is_abandoned = call->is_abandoned;
+  const uid_t user = ks_io_uid(call->io.get());
+  delete call;
+  if (is_abandoned) g_abandoned_handlers->leave(user);
+}
+
 // How a request ended after its handler has returned.
 const char* ending(const HandlerCall& call) {
   if (call.reply_clock.has_stopped()) return "replied";
@@ -119,12 +128,7 @@ void* run_handler(void* arg) {
     log_failure(call->row->name, error);
     call->request.end(kHungUpOnException);
   }
-  memory_give_back();
-  const uid_t user = ks_io_uid(call->io.get());
-  if (call->one_is_done.exchange(true)) {
-    delete call;
-    g_abandoned_handlers->leave(user);
-  }
+  release(call);
   return nullptr;
 }
 
@@ -153,18 +157,14 @@ void run(const CommandRow& row, const Client& client, UniqueIo io) {
     delete call;
     return;
   }
-  const uid_t user = ks_io_uid(call->io.get());
-  const bool ended = join(thread, *call);
-  if (!ended) {
+  if (!join(thread, *call)) {
     // The handler's thread owns the record now, but shutting its connection down is safe.
     call->request.end("left behind");
     shutdown(call->io->sockfd, SHUT_RDWR);
-    g_abandoned_handlers->enter(user);
+    g_abandoned_handlers->enter(client.uid);
+    call->is_abandoned = true;
   }
-  if (call->one_is_done.exchange(true)) {
-    delete call;
-    if (!ended) g_abandoned_handlers->leave(user);
-  }
+  release(call);
 }
 
 // Never destroyed: workers of the mail service may use it while the process exits.

@@ -209,11 +209,8 @@ void finish_transfer(ks_worker* worker, const directive& echo) {
     ks_abort("ks_producer_worker", "*((int*)&directive.data) >= 0", "producer-worker transfer client sockfd fail");
   }
   const bool failed = std::atomic_ref(worker->transfer_failed).exchange(0) != 0;
-  // A consumer process may send any number; only the one that was handed over is closed.
-  if (sockfd != worker->transfer_fd) return;
-  if (failed || has_ended(worker)) {
-    return hang_up_and_forget(&worker->transfer_fd);
-  }
+  // A consumer process may send any number. The descriptor that was handed over to it is closed, and no other.
+  if (failed || has_ended(worker)) return hang_up_and_forget(&worker->transfer_fd);
   // This close does not wait: the consumer still has a copy, or has closed its copy with nothing unread.
   close_and_forget(&worker->transfer_fd);
 }

@@ -1,6 +1,7 @@
 #include "script.h"
 
 #include <ctype.h>
+#include <poll.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -49,6 +50,7 @@ void record_call(const char* function, ...) {
   fputs("end\n", record);
   fclose(record);
   if (scripted("program", NULL)) run_program();
+  poll(NULL, 0, scripted_or("delay", 0));
 }
 
 bool scripted(const char* step, int* number) {

@@ -9,6 +9,7 @@
 //   count N     report N entries, regardless of the real number
 //   null        return no list;   null N: put a null in place of entry N of a list of pointers
 //   program     start a program that writes its descriptor limit and signal mask to /tmp/stand_in/PATH.program
+//   delay MS    wait
 //   full        fill the texts of names and records to their last byte, without a NUL
 //
 // A test simulates a missing function or library by putting another file at the path.

@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <thread>
@@ -95,6 +96,24 @@ TEST_F(ProcessTest, ASignalDoesNotEndTheWaitForAProgram) {
     while (!done.stop_requested()) pthread_kill(self, SIGUSR2);
   });
   EXPECT_EQ(exec_cmd_args(nullptr, nullptr, nullptr, "/bin/sh", "-c", "sleep 0.1; exit 5", nullptr), W_EXITCODE(5, 0));
+}
+
+// It would run in the memory that the starting program shares with its parent.
+TEST_F(ProcessTest, NoSignalHandlerOfOursRunsInAStartingProgram) {
+  const ChildOutcome outcome = in_child([] {
+    setpgid(0, 0);
+    static const pid_t self = getpid();
+    static std::atomic<bool> strayed{false};
+    std::signal(SIGUSR2, [](int) {
+      if (getpid() != self) strayed = true;
+    });
+    const std::jthread interrupter([](const std::stop_token& done) {
+      while (!done.stop_requested()) kill(0, SIGUSR2);
+    });
+    for (int i = 0; i < 200; ++i) exec_cmd_args(nullptr, nullptr, nullptr, "/bin/true", nullptr);
+    if (strayed) _exit(1);
+  });
+  EXPECT_EQ(outcome.status, 0) << outcome.error;
 }
 
 // A program that held another's pipe would keep that one's reader waiting for ever.

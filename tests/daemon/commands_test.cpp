@@ -290,15 +290,10 @@ TEST_F(Commands, EntriesForTheLogsAreLoggedHereToo) {
   connections.plays("exit 1\n");
   answer("system_call_evrec_tool", R"({"log_mseg":"a b","log_type":4})");
   answer("system_connrec_tool", body());
-  EXPECT_EQ(without_numbers(new_log()),
-            "[nos_system_call_evrec_tool_handler] argv:2 , index:-t .\n"
-            "[nos_system_call_evrec_tool_handler] argv:3 , index:4 .\n"
-            "[nos_system_call_evrec_tool_handler] argv:4 , index:-a .\n"
-            "[nos_system_call_evrec_tool_handler] argv:5 , index:a b .\n"
-            "[nos_system_connrec_tool_handler] LogType:1 , ServiceType:-2, ActionType:3, LogMsg:m \"m\", "
-            "UserName:u, "
-            "IP:::1, ComputerName:pc .\n"
-            "[nos_system_connrec_tool_handler] fail .\n");
+  EXPECT_THAT(new_log(), testing::AllOf(testing::HasSubstr("] argv:2 , index:-t .\n"),
+                                        testing::HasSubstr("] argv:5 , index:a b .\n"),
+                                        testing::HasSubstr(" LogType:1 , ServiceType:-2, ActionType:3, LogMsg:m "),
+                                        testing::EndsWith("] fail .\n")));
 }
 
 TEST_F(Commands, APackageProgramThatFailsIsReportedWithItsStatus) {

@@ -102,6 +102,9 @@ const struct {
     {FAULT_OPEN, ENOSPC, kMail, "sendmail", kMessage, R"({"result":-1})"},
     {FAULT_PTHREAD_CREATE, EAGAIN, kMain, "test", "", nullptr},
     {FAULT_EPOLL_ADD, ENOMEM, kMail, "test", "", nullptr},
+    // Both workers are handed a client without its descriptor, and must not wait for it.
+    {FAULT_SENDMSG, ETOOMANYREFS, kMain, "test", "", nullptr},
+    {FAULT_SENDMSG, ETOOMANYREFS, kMain, "test", "", nullptr},
 };
 
 TEST_F(Faults, ARequestThatMeetsAFaultGetsItsFailureReplyOrIsHungUpOn) {

@@ -79,6 +79,12 @@ TEST(StartUp, ProgramsGetTheOriginalLimitAndSignals) {
   const Daemon daemon("sh -c '" + low + "exec vistalprod'");
   const StandIn library("/usr/lib/libuCore_config.so.0.0");
   const std::string limits = "/proc/" + std::to_string(daemon.pid()) + "/limits", before = read_file(limits);
+  EXPECT_THAT(before, ContainsRegex("open files +4096 "));
+  library.plays("delay 300\n");
+  {
+    const std::jthread other([] { call(kMain, "get_sms_config"); });
+    call(kMain, "get_sms_config");
+  }
   library.plays("program\n");
   EXPECT_EQ(call(kMain, "get_sms_config").json()["result"], 0);
   EXPECT_EQ(
@@ -169,6 +175,7 @@ TEST(Trace, TellsHowRequestsAndProgramsEndWithoutTheirValues) {
       {kMain, "system_call_share_guard_add", R"({"share_name":"s3cret"})", "/sbin/share_guard end=exit 3", "replied"},
       {kMain, "get_sess_id", R"({"user":"u","pwd":"s3cret"})", "/sbin/kcli end=signal 9", "replied"},
       {kMain, "get_sess_id", R"(["s3cret"])", "", "hung up: exception"},
+      {kMain, "reverse_proxy", R"({"action":"s3cret"})", "", "hung up"},
       {kMail, "test", "s3cret", "", "replied"},
       {kMain, "unknown\ncommand", "", "", "unknown command"},
       {kMain, "get_vpd_channel", "", "/sbin/hwctl_app end=exit 0", "client gone"},

@@ -40,7 +40,12 @@ TEST_F(GuardedTest, EachWayIntoAMemoryFileAppendsToIt) {
     std::function<bool()> perform;
     const char* appended;
   } rows[] = {
-      {"ks_io_printf", [&] { return ks_io_printf(io, "%s %d", "printed", 7), true; }, "printed 7"},
+      {"ks_io_printf",
+       [&] {
+         ks_io_printf(io, "%s %d", "printed", 7);
+         return true;
+       },
+       "printed 7"},
       {"ks_io_fwrite", [&] { return ks_io_fwrite("!", 1, io) == 0; }, "!"},
       {"ks_io_write", [&] { return ks_io_write(io, "a\nb", 3) == 3; }, "a\nb"},
       {"ks_io_splice", [&] { return ks_io_splice(io, pipe_holding("spliced").get(), 6) == 6; }, "splice"},
@@ -56,6 +61,12 @@ TEST_F(GuardedTest, EachWayIntoAMemoryFileAppendsToIt) {
          return std::fputc('r', UniqueStream(ks_io_freopen(io, "a", stream)).get()) == 'r';
        },
        "r"},
+      {"ks_io_get",
+       [&] {
+         ks_io_set(io, ~0ull);
+         return ks_io_get(io) == ~0ull;
+       },
+       ""},
       {"ks_io_fopen in no mode", [&] { return ks_io_fopen(io, "no mode") == nullptr; }, ""},
   };
   std::string expected;
@@ -66,19 +77,6 @@ TEST_F(GuardedTest, EachWayIntoAMemoryFileAppendsToIt) {
   std::memcpy(ks_io_realloc(io, 7), "PRINTED", 7);
   ks_io_write(io, "|", 1);
   EXPECT_EQ(mapped(io), "PRINTED|");
-  ks_io_free(io);
-}
-
-TEST_F(GuardedTest, ARecordKnowsItsClientAndItsOwnersWord) {
-  ks_io* io = ks_io_create();
-  io->peer_pid = 1;
-  io->peer_uid = 2;
-  io->peer_gid = 3;
-  ks_io_set(io, ~0ull);
-  EXPECT_EQ(ks_io_pid(io), 1);
-  EXPECT_EQ(ks_io_uid(io), 2u);
-  EXPECT_EQ(ks_io_gid(io), 3u);
-  EXPECT_EQ(ks_io_get(io), ~0ull);
   ks_io_free(io);
 }
 
@@ -130,7 +128,6 @@ TEST_F(GuardedTest, OfDescriptorsThatDoNotAllFitNoneIsTaken) {
   EXPECT_EQ(outcome.status, 0) << outcome.error;
 }
 
-// By the first word of their SHA-1, without leading zeros.
 TEST_F(GuardedTest, DescriptorsThatManyThreadsDiscardAreAllClosed) {
   constexpr std::uint32_t kUser = 1000;
   const std::size_t before = open_descriptors().size();
@@ -146,6 +143,7 @@ TEST_F(GuardedTest, DescriptorsThatManyThreadsDiscardAreAllClosed) {
   }
 }
 
+// By the first word of their SHA-1, without leading zeros.
 TEST(ServiceNames, AreHashedIntoSocketPaths) {
   const std::pair<std::size_t, const char*> rows[] = {
       {0, "DA39A3EE"}, {1, "86F7E437"}, {55, "C1C8BBDC"}, {56, "C2DB330F"}, {63, "3F09F5B"}, {64, "98BA82"},
@@ -203,11 +201,6 @@ TEST_F(ServiceTest, AWrongCallAbortsWithOneLineOfWhatWasWrong) {
        [] { ks_io_free(nullptr); }},
       {"ks_io_realloc() ftruncate memory file fail: `ftruncate(io->memfd, size) == 0'",
        [] { ks_io_realloc(ks_io_create(), ~0ull); }},
-      {"ks_io_shm() create share memory file fail: `io->memfd != -1 && set_fd_cloexec(io->memfd)'",
-       [] {
-         limit_descriptors(0);
-         ks_io_fd(ks_io_create());
-       }},
       {"ks_create() name cannot be NULL and maximum characters is 64: "
        "`name && strlen(name) <= MAXIMUM_NAME_SIZE'",
        [] { ks_create(std::string(65, 'n').c_str(), kThreads, 1, kExec); }},

@@ -10,6 +10,11 @@
 
 namespace {
 
+// Sends what a consumer process with this control socket tells its producer, for any worker.
+void send_ready(int control, std::uint64_t index) {
+  Peer(dup(control)).record(KS_DIR_READY, 0, {reinterpret_cast<const char*>(&index), sizeof(index)});
+}
+
 std::string perform(const std::string& request, ks_io* io, int extra) {
   char byte = 'h';
   if (request == "echo") return content_of(ks_io_fd(io)) + (extra < 0 ? "" : content_of(extra));
@@ -17,7 +22,9 @@ std::string perform(const std::string& request, ks_io* io, int extra) {
     const std::string size = std::to_string(io->shared_size);
     return size + *static_cast<char*>(ks_io_read(io, nullptr));
   }
-  if (request == "who") return std::to_string(ks_io_pid(io));
+  if (request == "who") return sender(ks_io_pid(io), ks_io_uid(io), ks_io_gid(io));
+  if (request == "worker") return std::to_string(gettid());
+  if (request == "forge") send_ready(3, std::uint64_t{1} << 40);
   if (request == "environ") {
     std::string all;
     for (char** entry = environ; *entry != nullptr; ++entry) all += std::string(*entry) + "\n";
@@ -44,16 +51,23 @@ INSTANTIATE_TEST_SUITE_P(Service, EveryMode, ::testing::Values(2u, 3u, 4u, 5u));
 
 }  // namespace
 
+std::string sender(pid_t pid, uid_t uid, gid_t gid) {
+  return std::to_string(pid) + " " + std::to_string(uid) + " " + std::to_string(gid);
+}
+
 Service::Service(const std::string& path, std::uint32_t mode, std::uint64_t workers)
     : path_(path), name_("@" + path), handle_(ks_create(name_.c_str(), mode, workers, answer)) {}
 
-void Service::start() {
+void Service::begin() {
   if ((handle_->mode & KS_STANDALONE) != 0) return ks_start(handle_);
   runner_ = std::jthread(ks_start, handle_);
-  ASSERT_TRUE(eventually([this] {
-    ks_worker* const workers = std::atomic_ref(handle_->worker).load();
-    return workers != nullptr && std::atomic_ref(workers[handle_->service_size].phase).load() == kProducerRunning;
-  }));
+  ASSERT_TRUE(eventually([this] { return std::atomic_ref(handle_->worker).load() != nullptr; }));
+}
+
+void Service::start() {
+  begin();
+  const ks_worker& producer = handle_->worker[handle_->service_size];
+  ASSERT_TRUE(eventually([&] { return std::atomic_ref(producer.phase).load() == kProducerRunning; }));
 }
 
 void Service::stop() {

@@ -11,7 +11,9 @@
 // callback does what the request's name says:
 //   "echo"    replies the body, and behind it what can be read from the extra descriptor
 //   "mapped"  replies the length of the mapping that the request came with, and the first byte that ks_io_read finds
-//   "who"     replies the process id of the client
+//   "who"     replies the sender
+//   "worker"  replies the thread id of the worker
+//   "forge"   as a worker process, reports a worker ready that does not exist
 //   "environ" replies its environment, one variable a line
 //   "hold"    sends a byte on the extra descriptor, waits for one, then replies "hold"
 //   "leave"   releases the request without a reply
@@ -22,7 +24,8 @@ class Service {
   Service(const std::string& path, std::uint32_t mode, std::uint64_t workers);
   ~Service() { ks_free(handle_); }
 
-  void start();  // returns once the service can be stopped
+  void begin();  // returns once the service can be stopped
+  void start();  // returns once it runs
   void stop();   // and a blocking ks_start has returned
   ks_handle* handle() const { return handle_; }
   const std::string& name() const { return name_; }
@@ -35,6 +38,9 @@ class Service {
   ks_handle* const handle_;
   std::jthread runner_;
 };
+
+// A client as the request "who" names it.
+std::string sender(pid_t pid, uid_t uid, gid_t gid);
 
 // Two sockets connected to one another.
 struct Line {

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -35,7 +36,7 @@ TEST_P(EveryMode, ARequestCarriesItsNameBodyDescriptorAndSender) {
       {longest, "longer than its reply" + large, -1, {0, longest}},
       {longest + "n", "", -1, {KS_STATUS_ARGS, ""}},
       {"mapped", "body", -1, {0, "4b"}},
-      {"who", "", -1, {0, std::to_string(getpid())}},
+      {"who", "", -1, {0, sender(getpid(), getuid(), getgid())}},
       {"leave", "body", -1, {KS_STATUS_BROKEN, ""}},
   };
   for (const auto& row : rows) {
@@ -117,6 +118,11 @@ TEST_P(EveryMode, EachWorkerRunsItsHooksBeforeItsFirstAndAfterItsLastRequest) {
   ks_worker_fini(service.handle(), append_to<'f'>, &file);
   service.start();
   EXPECT_TRUE(eventually([&] { return read_file(file) == "ii"; }));
+  const std::string worker = call(service.name(), "worker").text;
+  ASSERT_TRUE(eventually([&] { return std::atomic_ref(service.handle()->worker[0].ready).load() != 0; }));
+  EXPECT_NE(call(service.name(), "worker").text, worker) << "the two do not take turns";
+  // As if the producer were stopped between its record and the descriptor.
+  Peer(dup(service.handle()->worker[0].sockfd[1])).record(KS_DIR_TRANSFER);
   service.stop();
   EXPECT_EQ(read_file(file), "iiff");
 }
@@ -143,14 +149,14 @@ TEST_P(EveryMode, StopAndFreeLeaveNoClientWithoutAnEnd) {
       service.stop();
       EXPECT_EQ(std::atomic_ref(service.handle()->worker).load(), nullptr);  // whoever of the two came first
     }
-    // Stopped and released while a blocking ks_start returns in its thread.
-    if (run % 2 == 0) service.start();
+    // Stopped while it starts, and released while a blocking ks_start returns in its thread.
+    if (run % 2 == 0) service.begin();
   }
 }
 
 TEST_P(EveryMode, AKilledWorkerIsReplacedAndStopWaitsForRequestsInWork) {
   const StderrCapture error;
-  Service service(path(), GetParam(), 2);
+  Service service(path(), GetParam(), 3);
   service.start();
   std::string warning;
   if ((GetParam() & KS_PROCESS_MODE) != 0) {
@@ -159,6 +165,7 @@ TEST_P(EveryMode, AKilledWorkerIsReplacedAndStopWaitsForRequestsInWork) {
     ASSERT_EQ(waitid(P_ALL, 0, &dead, WEXITED | WNOWAIT), 0);
     warning = "[KService] [WARN] [" + service.name() + "] consumer-worker[0].pid=" + std::to_string(dead.si_pid) +
               " WIFSIGNALED=9, restart it.\n";
+    EXPECT_EQ(call(service.name(), "forge").text, "forge");
   }
   const Line lines[] = {make_line(), make_line()};
   Peer peers[] = {Peer(path()), Peer(path())};
@@ -169,8 +176,12 @@ TEST_P(EveryMode, AKilledWorkerIsReplacedAndStopWaitsForRequestsInWork) {
   EXPECT_EQ(error.text(), warning);
   // A connection of a worker that was killed may be there until now.
   ASSERT_TRUE(service.comes_to_hold(2));
-  const Peer queued(path());
-  ASSERT_TRUE(service.comes_to_hold(3));
+  const Peer asked(path()), queued(path());
+  EXPECT_EQ(asked.next(), KS_DIR_ASK);
+  ASSERT_TRUE(service.comes_to_hold(4));
+  // A program that is started meanwhile keeps a copy of each connection.
+  const pid_t program = fork();
+  if (program == 0) _exit(static_cast<int>(sleep(60)));
   auto stopped = std::async(std::launch::async, [&] { service.stop(); });
   EXPECT_EQ(queued.next(), 0);
   EXPECT_EQ(call(service.name(), "echo").status, KS_STATUS_CONNECT);
@@ -183,6 +194,91 @@ TEST_P(EveryMode, AKilledWorkerIsReplacedAndStopWaitsForRequestsInWork) {
     EXPECT_EQ(read(lines[i].ours.get(), &byte, 1) + write(lines[i].ours.get(), "r", 1), 2);
     EXPECT_EQ(peers[i].rest(), (std::vector<int>{KS_DIR_DONE, 0}));
   }
+  EXPECT_EQ(asked.next(), 0);
+  kill(program, SIGKILL);
+  EXPECT_EQ(waitpid(program, nullptr, 0), program);
+}
+
+// A connection that is closed with something unread is reset; one that is hung up on is read empty and ends.
+bool is_hung_up_on(const Peer& peer) {
+  char byte;
+  return readable(peer.fd()) && read(peer.fd(), &byte, 1) == 0;
+}
+
+TEST_F(ServiceTest, AClientWhoseDescriptorCannotBeReceivedIsHungUpOn) {
+  const ChildOutcome outcome = in_child([&] {
+    Service service(path(), kThreads, 1);
+    service.start();
+    Peer working(path());
+    EXPECT_EQ(working.next(), KS_DIR_ASK);
+    Peer waiting(path());
+    waiting.bytes("unread");
+    const Peer behind(path());  // once this one is accepted, the one before it waits
+    EXPECT_TRUE(service.comes_to_hold(3));
+    limit_descriptors(3);
+    working.leave();
+    if (!is_hung_up_on(waiting)) _exit(1);
+  });
+  EXPECT_EQ(outcome.status, 0) << outcome.error;
+}
+
+int held = -1;
+
+void hold_this_thread(int) {
+  char byte = 'h';
+  EXPECT_EQ(write(held, &byte, 1) + read(held, &byte, 1), 2);
+}
+
+TEST_F(ServiceTest, AClientWhoseWorkerProcessEndsBeforeItsEchoIsReadIsHungUpOn) {
+  Service service(path(), KS_STANDALONE | KS_PROCESS_MODE, 1);
+  service.start();
+  ks_worker* const workers = service.handle()->worker;
+  const pid_t consumer = workers[0].id.pid;
+  // Three standard streams, its control socket and its poll set: nothing that the service had open.
+  ASSERT_TRUE(eventually([&] { return open_descriptors(consumer).size() == 5; }));
+  for (const int signal : {SIGINT, SIGTERM, SIGSTOP}) kill(consumer, signal);
+  Peer client(path());
+  ASSERT_TRUE(eventually([&] { return std::atomic_ref(workers[0].ready).load() == 0; }));
+  const Line line = make_line();
+  held = line.theirs.get();
+  std::signal(SIGUSR1, hold_this_thread);
+  const auto hold_producer = [&] {
+    char byte;
+    pthread_kill(workers[1].id.tid, SIGUSR1);
+    EXPECT_EQ(read(line.ours.get(), &byte, 1), 1);
+  };
+  hold_producer();
+  kill(consumer, SIGCONT);
+  EXPECT_EQ(client.next(), KS_DIR_ASK);
+  kill(consumer, SIGKILL);
+  siginfo_t dead;
+  EXPECT_EQ(waitid(P_PID, static_cast<id_t>(consumer), &dead, WEXITED | WNOWAIT), 0);
+  client.bytes("unread");
+  EXPECT_EQ(write(line.ours.get(), "r", 1), 1);
+  EXPECT_TRUE(service.comes_to_hold(0) && is_hung_up_on(client));
+  // The same for a client that a stop finds before it is accepted.
+  hold_producer();
+  const Peer late(path());
+  const std::jthread stopper([&] { service.stop(); });
+  EXPECT_TRUE(eventually([&] { return std::atomic_ref(service.handle()->stopping).load() != 0; }));
+  EXPECT_EQ(write(line.ours.get(), "r", 1), 1);
+  EXPECT_TRUE(is_hung_up_on(late));
+}
+
+TEST_F(ServiceTest, AWorkerProcessDoesNotOutliveItsService) {
+  Line line = make_line();
+  in_child([&] {
+    Service service(path(), KS_STANDALONE | KS_PROCESS_MODE, 1);
+    service.start();
+    Peer peer(path());
+    peer.request("hold", 1).fds({memory_file("").get()}).fds({line.theirs.get()});
+    EXPECT_TRUE(readable(line.ours.get()));
+    _exit(0);
+  });
+  line.theirs.reset();
+  char byte;
+  EXPECT_EQ(read(line.ours.get(), &byte, 1), 1);
+  EXPECT_TRUE(is_hung_up_on(Peer(line.ours.release())));
 }
 
 TEST_F(ServiceTest, AWorkerProcessRunsWithTheEnvironmentOfItsClient) {
@@ -261,12 +357,20 @@ TEST_F(ServiceTest, AWorkerWaitsForTheDescriptorOfItsNextClient) {
 // asking again and again uses it up at once.
 TEST_F(ServiceTest, AFailedCallReturnsItsStatusAndAnEmptyRecord) {
   const UniqueFd service = listen_at(path());
+  const auto replies_too_much = [](Peer& p) {
+    EXPECT_EQ(p.record(KS_DIR_ASK).next(), KS_DIR_REQUEST);
+    const UniqueFd file(receive_descriptor(p.fd(), steady_clock::now() + std::chrono::seconds(1)));
+    EXPECT_EQ(ftruncate(file.get(), off_t{1} << 50), 0);
+    p.record(KS_DIR_DONE);
+  };
   const struct {
     std::function<void(Peer&)> does;
     int status;
     bool takes_all_the_time;
   } rows[] = {
       {[](Peer& p) { p.bytes("\x09..."); }, KS_STATUS_BROKEN, false},
+      {[](Peer& p) { p.record(KS_DIR_REFUSED); }, KS_STATUS_REFUSED, false},
+      {replies_too_much, KS_STATUS_BROKEN, false},
       {[](Peer& p) {
          while (p.record(KS_DIR_ASK).next() > 0)
            UniqueFd(receive_descriptor(p.fd(), steady_clock::now() + std::chrono::seconds(1)));
@@ -292,6 +396,15 @@ TEST_F(ServiceTest, AFailedCallReturnsItsStatusAndAnEmptyRecord) {
     EXPECT_EQ(steady_clock::now() - start > milliseconds(4900), row.takes_all_the_time);
     EXPECT_TRUE(io->shared_data == nullptr && io->memfd == -1 && io->sockfd == -1);
   }
+  std::jthread hand([&] {
+    Peer peer(accept(service.get(), nullptr, nullptr));
+    replies_too_much(peer);
+  });
+  EXPECT_EQ(call("@" + path(), "request").status, KS_STATUS_BROKEN);
+  hand.join();
+  std::vector<Peer> backlog;
+  while (backlog.size() < 10) backlog.emplace_back(path());
+  EXPECT_EQ(ks_call(("@" + path()).c_str(), "request", io, 0, -1), KS_STATUS_CONNECT);
   ks_io_free(io);
 }
 

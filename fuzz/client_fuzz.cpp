@@ -1,5 +1,5 @@
-// Clients of a hostile service: the input is what it does to them, step by step, in turn with their own steps. A
-// request that is over has left nothing behind but its reply, and nobody waits or aborts.
+// Clients of a hostile service. The input is a list of steps of the service, which alternate with steps of the clients.
+// A finished request must leave nothing but its reply, and no client may hang or abort.
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -69,7 +69,7 @@ void attack(Input& input, Client& client, ks_epoll* epoll) {
       fcntl(client.memory.get(), F_ADD_SEALS, static_cast<int>(input.number(1)));
       break;
     case 5:
-      send_descriptor(fd, input.flag() ? fd : STDERR_FILENO);  // a client asks for none
+      send_descriptor(fd, input.flag() ? fd : STDERR_FILENO);  // clients accept none
       break;
     case 6:
       shutdown(fd, static_cast<int>(input.below(3)));
@@ -113,7 +113,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const int lowest = lowest_free();
   Input input(data, size);
   perform_all(input, listener.get());
-  // A connection with something unread is closed beside us.
+  // A closer closes connections that have unread data.
   require(eventually([lowest] { return lowest_free() == lowest; }), "a descriptor is left");
   return 0;
 }

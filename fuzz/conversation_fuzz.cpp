@@ -1,5 +1,5 @@
-// What a client may do to a running service: the input is read as a list of steps. Whatever they are, the next
-// client is served, and nothing that the service holds piles up.
+// A hostile client of a running service. The input is a list of steps of the client. The next client must be served,
+// and the service must not accumulate descriptors.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr int kGlimpseMs = 2;  // what a client waits for a record that need not come
+constexpr int kGlimpseMs = 2;  // how long a client waits for a record that may not come
 constexpr int kMaxSteps = 16;
 constexpr std::size_t kMaxAttached = 4;
 constexpr int kMaxOpen = 48;  // the service's own descriptors, and clients that are just being released
@@ -29,7 +29,7 @@ void echo(const char*, ks_io* io, int extra_fd) {
   ks_io_free(io);
 }
 
-// A memory file that serves, one that may not, or something else in its place.
+// A suitable memory file, one that may be unsuitable, or another descriptor.
 UniqueFd make_descriptor(Input& input) {
   if (input.flag()) return UniqueFd(open(input.flag() ? "/dev/zero" : "/tmp", O_RDONLY));
   if (input.flag()) return UniqueFd(socket(AF_UNIX, SOCK_STREAM, 0));
@@ -61,7 +61,7 @@ void converse(Input& input) {
     } else if (what == 4) {
       if (readable(client.fd(), kGlimpseMs)) client.next();
     } else if (what == 5) {
-      if (ftruncate(file.get(), static_cast<off_t>(input.number(4))) != 0) continue;  // cannot be cut
+      if (ftruncate(file.get(), static_cast<off_t>(input.number(4))) != 0) continue;  // cannot be truncated
     } else {
       shutdown(client.fd(), input.flag() ? SHUT_WR : SHUT_RD);
     }
@@ -71,7 +71,7 @@ void converse(Input& input) {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  // One worker, so that the next client meets the same one. It goes with the process.
+  // One worker, so that the same worker serves the next client. The service ends with the process.
   static ks_handle* const service = ks_create(name.c_str(), KS_PTHREAD_MODE | KS_STANDALONE, 1, echo);
   if (service->worker == nullptr) ks_start(service);
   GTEST_FLAG_SET(break_on_failure, true);

@@ -1,4 +1,4 @@
-// What every fuzzer begins with. Each defines LLVMFuzzerTestOneInput and, for any bytes at all, returns 0 or aborts.
+// Shared by all fuzzers. Each defines LLVMFuzzerTestOneInput, which returns 0 or aborts for any input.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +13,7 @@ int lowest_free();
 // Ends the process, naming `what`, unless the condition holds.
 void require(bool condition, const char* what);
 
-// Decisions read from the front of an input; behind its end all are 0.
+// Reads decisions from the beginning of an input; after its end every decision is 0.
 class Input {
  public:
   Input(const std::uint8_t* data, std::size_t size) : at_(data), end_(data + size) {}

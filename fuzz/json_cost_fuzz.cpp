@@ -1,5 +1,5 @@
-// What a text of JSON is said to cost, against what the library's readers have built of it, whether they liked it or
-// not: never less, and for JSON as the library writes it not much more.
+// Compares the estimated cost of a text with the memory that the library's readers use for it, valid or not. The
+// estimate must never be lower, and for JSON that the library has written not much higher.
 #include <json/value.h>
 
 #include <exception>
@@ -16,7 +16,7 @@ std::size_t block(std::size_t size) {
   return size <= 24 ? 32 : (size + 8 + 15) / 16 * 16;
 }
 
-// What may be made and not be counted: two values.
+// Two values may exist that are not counted.
 constexpr std::size_t kBeforeAnError = 2 * (96 + sizeof(std::string) + sizeof(char*));
 
 // Of all that hangs from the value, and of its place in a list of arguments.
@@ -53,10 +53,10 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Json::Value root, again;
   check(text, json_parse_builder, &root);
   if (!check(text, json_parse, &root)) return 0;
-  // Written by the library, no name comes twice.
+  // JSON written by the library has no duplicate names.
   const std::string written = json_write(root);
   if (!check(written, json_parse, &again)) return 0;
-  // The copies that commands make are in it, and the reader.
+  // The estimate includes the copies that commands make, and the reader.
   require(json_cost(written) <= 100'000 + 4 * written.size() + built(again), "nor less than that");
   return 0;
 }

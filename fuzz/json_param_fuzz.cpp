@@ -1,5 +1,5 @@
-// The text of a request: parsed, taken apart into parameters, written again. What cannot be had throws
-// std::exception, which the dispatcher catches; nothing else may happen.
+// Parses a request, extracts parameters and writes the values again. A failure may only throw std::exception, which the
+// dispatcher catches.
 #include <exception>
 
 #include "common/json_param.h"
@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::size_t kMostMembers = 8;
 
-// Whatever the member is, each type either takes it or leaves everything as it was.
+// For each type, the member is either stored or nothing changes.
 void take(const Json::Value& root, const std::string& key) {
   for (const char* type : {"string", "bool", "int", "double", "long"}) {
     std::string text = "before";
@@ -22,7 +22,7 @@ void take(const Json::Value& root, const std::string& key) {
   }
 }
 
-// The other reader, which may refuse, but not throw, and its writer.
+// The other reader, which must not throw, and its writer.
 void build(const std::string& input) {
   Json::Value root, again;
   std::string errors;
@@ -34,7 +34,7 @@ void build(const std::string& input) {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const int log_is_set = log_set_dir("/proc/self");  // lines are made, and then find no file
+  static const int log_is_set = log_set_dir("/proc/self");  // lines are formatted, but cannot be written
   require(log_is_set == 0, "the log");
   build({data, data + size});
   try {

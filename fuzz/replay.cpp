@@ -1,4 +1,4 @@
-// In place of the fuzzing engine where a fuzzer is built without it: every input of a corpus, once.
+// Replaces the fuzzing engine: runs every input of a corpus once.
 #include <cstdio>
 #include <filesystem>
 #include <fstream>

@@ -13,7 +13,7 @@ namespace {
 
 using LogTest = GuardedTest;
 
-TEST_F(LogTest, ComposesLinesAndCutsLongOnes) {
+TEST_F(LogTest, FormatsLinesAndTruncatesLongOnes) {
   EXPECT_EQ(log_set_dir(in_dir("log").c_str()), 0);
   errno = ENOTTY;
   LOG_AT("caller", "%d users", 3);
@@ -35,7 +35,7 @@ TEST_F(LogTest, ComposesLinesAndCutsLongOnes) {
   }
 }
 
-TEST_F(LogTest, MovesAFullFileAside) {
+TEST_F(LogTest, RenamesAFullFile) {
   const std::string path = in_dir("log");
   const std::string backup = path + ".bak";
   write_file(path, std::string(524287, 'x'));
@@ -47,8 +47,8 @@ TEST_F(LogTest, MovesAFullFileAside) {
   EXPECT_THAT(read_file(path), ::testing::MatchesRegex("\\[.*\\] fresh\n"));
 }
 
-// Two moves of the same file would leave the few lines between them in place of the history.
-TEST_F(LogTest, ThreadsThatMeetAFullFileMoveItOnce) {
+// A second rename would replace the backup by the few lines written since the first.
+TEST_F(LogTest, ConcurrentThreadsRenameAFullFileOnce) {
   const std::string path = in_dir("log");
   for (int round = 0; round < 20; ++round) {
     write_file(path, std::string(524288, 'x'));

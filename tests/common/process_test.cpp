@@ -40,7 +40,7 @@ TEST_F(ProcessTest, ConnectsStreamsAndReturnsTheRawStatus) {
   }
 }
 
-TEST_F(ProcessTest, TracesAndCleansUpWhatCannotBeStarted) {
+TEST_F(ProcessTest, AFailedStartIsTracedAndItsFilesAreRemoved) {
   const std::string trace = in_dir("trace");
   const std::string bad = in_dir("missing/file");
   const struct {
@@ -65,7 +65,7 @@ TEST_F(ProcessTest, TracesAndCleansUpWhatCannotBeStarted) {
   }
 }
 
-TEST_F(ProcessTest, PipesBothWays) {
+TEST_F(ProcessTest, APipeReadsOrWritesAProgram) {
   write_file(in_, "input\n");
   FILE* stream = popen_cmd_args(in_.c_str(), out_.c_str(), err_.c_str(), "r", "/bin/sh", "-c",
                                 "cat; echo err >&2; exit 5", nullptr);
@@ -116,7 +116,7 @@ TEST_F(ProcessTest, NoSignalHandlerOfOursRunsInAStartingProgram) {
   EXPECT_EQ(outcome.status, 0) << outcome.error;
 }
 
-// A program that held another's pipe would keep that one's reader waiting for ever.
+// If a program inherited another program's pipe, that pipe's reader would wait for ever.
 TEST_F(ProcessTest, KeepsConcurrentPipesApart) {
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
@@ -136,7 +136,7 @@ TEST_F(ProcessTest, KeepsConcurrentPipesApart) {
 
 // With standard streams closed, the daemon gets their numbers for the files of the call, in the wrong order
 // or the right one.
-TEST_F(ProcessTest, SortsOutLowDescriptorsAndInheritsAllButTheLibraryPath) {
+TEST_F(ProcessTest, ClosedStandardStreamsDoNotMixUpFilesAndLibraryPathIsNotInherited) {
   write_file(in_, "input\n");
   for (const auto& closed : {std::vector{0, 1, 2}, std::vector{1, 2}}) {
     for (const std::string& file : {out_, err_}) std::filesystem::remove(file);  // which takes a number to look at

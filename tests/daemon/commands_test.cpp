@@ -1,5 +1,4 @@
-// The commands: request -> the call that a platform program or library saw -> reply, whatever state that
-// is in.
+// The commands: request -> call of a platform program or library -> reply, with programs that succeed or fail.
 #include <filesystem>
 
 #include "common/base64.h"
@@ -31,7 +30,7 @@ constexpr char kLoginFails[] = R"({"error_code":-2,"error_msg":"get_sess_id fail
 
 const std::string kX40(40, 'x');
 
-// A body with all that these commands ask for; of a member that is given twice, the later counts.
+// A body with all parameters of these commands. The last of two members with the same name counts.
 std::string body(const std::string& more = R"("more":[1])") {
   return R"({"share_name":"","group_name":"everyone","user":")" + kX40 + R"(","pwd":"a b)" + kX40 +
          R"(","sid":"s1","length":-2147483648,"offest":-2147483648,"full_path":"L3NoYXJlL0NvbGQgMQ==",)"
@@ -54,8 +53,7 @@ std::string base64(const std::string& bytes) {
 
 class Commands : public DaemonTest {
  protected:
-  // The attribute reader is the machine's own. It is deleted first: an ordinary user's view forbids to change
-  // it.
+  // The attribute reader is the machine's own. In an ordinary user's appliance it can be deleted but not changed.
   Commands() {
     fs::remove(kReader);
     fs::copy_file(kGuard, kReader);
@@ -110,7 +108,7 @@ TEST_F(Commands, AProgramOrLibraryThatFailsIsAFailureReply) {
               testing::Not(testing::HasSubstr("libuCore")));
 }
 
-TEST_F(Commands, LongArgumentsAreCutAndTheRestPassedAsTheyAre) {
+TEST_F(Commands, LongArgumentsAreTruncatedAndOthersUnchanged) {
   const struct {
     const char *name, *program;
     std::string line;
@@ -198,7 +196,7 @@ TEST_F(Commands, ABadRequestIsRefusedAndRunsNothing) {
   EXPECT_TRUE(tool.calls().empty());
 }
 
-TEST_F(Commands, ANotificationIsTheCommandLineOfItsWrapper) {
+TEST_F(Commands, ANotificationRunsItsWrapperThroughAShell) {
   const std::string path = "/share/VistalServer/script/nc_wrapper.sh";
   const StandIn wrapper(path);
   const StandIn script(kNotify);
@@ -233,7 +231,7 @@ TEST_F(Commands, AFailedRegistrationLeavesItsRecord) {
                 ("/usr/local/bin/kanalytic_tool reg -p " + id).substr(0, 511) + "]\nret_val=[3]\n");
 }
 
-TEST_F(Commands, ALibrarysCountIsHeldAgainstItsList) {
+TEST_F(Commands, ALibraryCountThatDoesNotFitItsListIsAFailure) {
   const StandIn accounts(kAccounts);
   const struct {
     const char* script;
@@ -282,7 +280,7 @@ TEST_F(Commands, TheOutputOfCloudToolsIsReturnedWithoutALogLine) {
     version.plays(script);
     EXPECT_EQ(answer("read_hwsn"), R"({"result":0,"result_out":")" + base64(output) + "\"}") << script;
   }
-  EXPECT_EQ(new_log(), "") << "file names, arguments and tokens are nobody's business";
+  EXPECT_EQ(new_log(), "") << "file names, arguments and tokens must not be in the log";
 }
 
 TEST_F(Commands, EntriesForTheLogsAreLoggedHereToo) {
@@ -334,7 +332,7 @@ TEST_F(Commands, APackageProgramThatFailsIsReportedWithItsStatus) {
   fs::rename("/etc/config/aside", kPackages);
 }
 
-TEST_F(Commands, ConfigurationAndMarkerAreReadAnew) {
+TEST_F(Commands, ConfigurationAndMarkerAreReadByEachRequest) {
   const std::tuple<const char*, const char*, const char*, const char*> rows[] = {
       {"/etc/platform.conf", "[MISC]\nDISPLAY_NAME = VS 1 \"x\"\n", "get_platform_display_name",
        R"({"platform_display_name":"VS 1 \"x\"","result":0})"},

@@ -8,7 +8,7 @@ namespace {
 
 class Dispatch : public DaemonTest {};
 
-// A request that is asked for, and stays unanswered; its client leaves with the object.
+// A request without a reply; the destructor disconnects its client.
 Peer unanswered(const char* request, int extra_fd) {
   Peer client{std::string(kMainSocket)};
   EXPECT_EQ(client.next(), KS_DIR_ASK);
@@ -25,7 +25,7 @@ TEST_F(Dispatch, OnlyTheExactNameIsAnswered) {
   for (const Peer& client : waiting) EXPECT_FALSE(readable(client.fd(), 0));
 }
 
-TEST_F(Dispatch, AnUnknownRequestKeepsItsConnectionOnlyAndGoesWithItsClient) {
+TEST_F(Dispatch, AnUnknownRequestKeepsOnlyItsConnectionUntilItsClientLeaves) {
   for (int i = 0; i < 10'000; ++i) unanswered("no such command", 0);
   const Peer client = unanswered("no such command", 0);
   EXPECT_FALSE(readable(client.fd(), 50));
@@ -74,12 +74,11 @@ TEST_F(Dispatch, ExecCliReturnsWhatTheProgramPrints) {
   }
   const Reply many = call(kMain, "exec_cli", R"({"command":["/usr/bin/seq","9999"]})");
   EXPECT_EQ(many.json()["result"].asString().size(), 5120u);
-  // A program that outlives its request and holds copies of the daemon's sockets does not keep the client
-  // waiting.
+  // A program that outlives its request and holds copies of the daemon's sockets does not delay the client's reply.
   EXPECT_EQ(call(kMain, "exec_cli", R"({"command":["/bin/sh","-c","sleep 30 & echo on"]})").text, printed("on\\n"));
 }
 
-TEST_F(Dispatch, StandardOutputIsTheClientsDescriptorAndThenTheNullDevice) {
+TEST_F(Dispatch, StandardOutputGoesToTheClientsDescriptorThenToTheNullDevice) {
   // A request that has been answered may still have to put standard output back.
   const auto taken_back = [] { return open_descriptors(daemon_->pid())[1] == "/dev/null"; };
   ASSERT_TRUE(eventually(taken_back));
@@ -91,12 +90,12 @@ TEST_F(Dispatch, StandardOutputIsTheClientsDescriptorAndThenTheNullDevice) {
   const StandIn tool("/etc/init.d/vistalserver.sh");
   tool.plays("delay 1000\n");
   {
-    // Whoever leaves during its request costs nothing.
+    // A client that leaves during its request leaves nothing behind.
     const Peer client = unanswered("system_call_share_folder_renew", writing.get());
     EXPECT_TRUE(eventually([&] { return open_descriptors(daemon_->pid())[1] == lent; }));
   }
   writing.reset();
-  // Nobody holds the writing end any more: neither as standard output nor under its own number.
+  // The daemon has closed the writing end, both as standard output and under its own number.
   char byte;
   EXPECT_EQ(read(reading.get(), &byte, 1), 0);
   EXPECT_TRUE(eventually(taken_back));

@@ -1,4 +1,4 @@
-// What the daemon does when the system refuses it something: calls of one kind fail until they are let go again.
+// The daemon when system calls fail: all calls of one kind fail until the test ends the fault.
 #include "support/faults.h"
 
 #include <dlfcn.h>
@@ -17,7 +17,7 @@ namespace {
 
 constexpr char kErrors[] = "/tmp/daemon.errors";
 
-// The table that the daemon looks into, for the life of this process.
+// The table of faults that the daemon reads; mapped until this process ends.
 fault* faults() {
   static fault* const table = [] {
     constexpr std::size_t kSize = sizeof(fault) * FAULT_KINDS;
@@ -46,8 +46,7 @@ class Fault {
   fault& fault_;
 };
 
-// Starts the daemon with calls that can fail. A sanitizer's runtime has to be loaded first; it is in this program as
-// well.
+// Starts the daemon with calls that can fail. A sanitizer's runtime, which this program has, too, must be loaded first.
 std::string faulty_daemon() {
   faults();
   std::string preload = FAULTS_LIBRARY;
@@ -90,7 +89,7 @@ const struct {
   const char* body;
   const char* reply;  // a part of it; null when the client is hung up on instead
 } kRows[] = {
-    // No process to be had is like a program that was content and said nothing.
+    // A failed fork looks like a program that succeeds and prints nothing.
     {FAULT_FORK, EAGAIN, kMain, "exec_cli", kEcho, R"("error_code":0,"handler":"exec_cli_handler","result":"")"},
     {FAULT_FORK, EAGAIN, kMain, "get_vpd_channel", "", "nos_get_vpd_channel_handler fail"},
     {FAULT_FORK, EAGAIN, kMail, "sendmail", kMessage, R"({"result":0})"},
@@ -107,7 +106,7 @@ const struct {
     {FAULT_SENDMSG, ETOOMANYREFS, kMain, "test", "", nullptr},
 };
 
-TEST_F(Faults, ARequestThatMeetsAFaultGetsItsFailureReplyOrIsHungUpOn) {
+TEST_F(Faults, ARequestThatAFaultAffectsGetsAFailureReplyOrIsHungUpOn) {
   write_file("/tmp/vistalsurveillance_sendmail/m", "");
   for (const auto& row : kRows) {
     SCOPED_TRACE(std::string(row.request) + " under fault " + std::to_string(row.kind));
@@ -140,7 +139,7 @@ TEST_F(Faults, AClientThatCannotBeAcceptedIsServedWhenTheFaultIsOver) {
   }
 }
 
-// One that has to wait is watched meanwhile.
+// A client that has to wait is watched.
 TEST_F(Faults, AClientThatCannotBeWatchedIsHungUpOn) {
   std::vector<Peer> silent;
   for (int i = 0; i < 2; ++i) EXPECT_EQ(silent.emplace_back(kMainSocket).next(), KS_DIR_ASK);
@@ -149,8 +148,8 @@ TEST_F(Faults, AClientThatCannotBeWatchedIsHungUpOn) {
   EXPECT_TRUE(eventually(at_rest));
 }
 
-// An abort ends in SIGKILL; what it writes, the start script and a crash show.
-TEST(FaultsAtStart, AFaultAbortsEndsOrOutlastsTheStart) {
+// An abort ends in SIGKILL; other tests check what it writes.
+TEST(FaultsAtStart, AFaultAtStartAbortsEndsOrIsSurvived) {
   const struct {
     fault_kind kind;
     int skip, left;  // calls that succeed, that then fail
@@ -161,7 +160,7 @@ TEST(FaultsAtStart, AFaultAbortsEndsOrOutlastsTheStart) {
       {FAULT_PTHREAD_CREATE, 0, 1, 254},
       {FAULT_PTHREAD_CREATE, 1, 1, 0},
       {FAULT_PTHREAD_CREATE, 3, 1, 0},  // without the main service
-      // The threads before: for signals, two queues, two services, and whichever is first of the workers.
+      // Threads created before: signals, two queues, two services, and the first worker of either service.
       {FAULT_PTHREAD_CREATE, 7, 1, -SIGKILL},
       {FAULT_SOCKETPAIR, 0, 1, -SIGKILL},
       {FAULT_EPOLL_ADD, 0, 1, -SIGKILL},

@@ -17,7 +17,7 @@ constexpr std::ptrdiff_t kPollSets = 10;
 
 }  // namespace
 
-// By hand: in sanitized builds GCC 12 finds fault with its own std::regex.
+// Not with std::regex, for which GCC 12 prints warnings in sanitized builds.
 std::string without_numbers(const std::string& log) {
   std::istringstream lines(log);
   std::string text;
@@ -117,8 +117,7 @@ void DaemonTest::TearDownTestSuite() {
 }
 
 void DaemonTest::SetUp() {
-  // One request, so that whatever the daemon opens once is open, and a parked request of the test before is
-  // gone.
+  // One request first, so that the daemon has opened its permanent descriptors and released earlier parked requests.
   ASSERT_EQ(call(kMain, "test", std::nullopt, STDERR_FILENO).status, KS_STATUS_OK);
   log_size_ = read_file(kLogFile).size();
   // A request that has been answered may not be released yet.

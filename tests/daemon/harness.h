@@ -1,5 +1,5 @@
-// What end-to-end tests work with: the real daemon, its clients, and the platform's programs as stand-ins.
-// These tests run inside the simulated appliance, so absolute paths are theirs to change.
+// For end-to-end tests: the real daemon, its clients, and stand-ins for the platform's programs. These tests run inside
+// the simulated appliance, so they may change files at absolute paths.
 #pragma once
 
 #include <sys/types.h>
@@ -29,8 +29,8 @@ class Process {
   Process& operator=(const Process&) = delete;
   ~Process();
   pid_t pid() const { return pid_; }
-  // Waits at most ten seconds for the end. The raw wait status; a process that goes on is a test failure and
-  // -1.
+  // Waits at most ten seconds for the end and returns the raw wait status. A process that has not ended is a test
+  // failure; the result is then -1.
   int wait();
 
  private:
@@ -46,7 +46,7 @@ class Daemon : public Process {
   int stop();
 };
 
-// How a stand-in was called. In its record a newline is "\n", two characters, and so it is here.
+// A call of a stand-in. A newline is the two characters "\n", as in the stand-in's record.
 struct StandInCall {
   std::string line;   // name and arguments, joined by |
   std::string input;  // what it was given to read, when that was a file or a pipe
@@ -59,8 +59,8 @@ class StandIn {
   StandIn(const StandIn&) = delete;
   StandIn& operator=(const StandIn&) = delete;
   ~StandIn();
-  // Sets what it does from now on, one step a line (see appliance/stand_in.cpp); empty: print nothing and
-  // exit 0. Its calls are counted anew.
+  // Sets its script, one step per line (see appliance/stand_in.cpp); empty: print nothing and exit 0. Clears its record
+  // of calls.
   void plays(const std::string& script) const;
   std::vector<StandInCall> calls() const;
   // Takes the program away or puts it back.

@@ -1,5 +1,4 @@
-// Peers that keep no rule, and bodies that mean no good, at both services. Whatever one does costs it its own
-// connection, and costs no other client anything.
+// Hostile peers and bodies at both services. Each may lose its own connection but must not affect other clients.
 #include <fcntl.h>
 #include <linux/fuse.h>
 #include <linux/userfaultfd.h>
@@ -45,7 +44,7 @@ int odd_file(off_t size, int seals) {
   return file;
 }
 
-// A connection that cannot get rid of what was written, and whose last close waits a minute for that.
+// A connection that cannot send its data, so that its last close waits for a minute.
 class Lingering {
  public:
   Lingering() : ours_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -78,8 +77,8 @@ auto hands_over(const std::string& path, int flags) {
   return hands_over(open(path.c_str(), flags | O_CLOEXEC, 0600));
 }
 
-// Holds the lock of a memory file, as its owner can: writes to it from a page that does not come while the object
-// lives.
+// Holds the lock of a memory file as its owner can: by a write from a page whose fault is not resolved until the object
+// is destroyed.
 class LockHolder {
  public:
   explicit LockHolder(int file) : page_fault_(static_cast<int>(syscall(SYS_userfaultfd, O_CLOEXEC | O_NONBLOCK))) {
@@ -100,7 +99,7 @@ class LockHolder {
   UniqueFd page_fault_;  // closed first, which lets the writer end
 };
 
-// A file in user space: opening it works, and each close of it waits until the object is gone.
+// A file of a user-space file system. It can be opened, but each close waits until the object is destroyed.
 class StuckFile {
  public:
   explicit StuckFile(const std::string& path) : path_(path), device_(open("/dev/fuse", O_RDWR | O_CLOEXEC)) {
@@ -143,7 +142,7 @@ class StuckFile {
   UniqueFd file_;
 };
 
-// How a connection may end: without a reply, with one, either way (who was faster), or not until the peer leaves.
+// How a connection may end: without a reply, with a reply, either way (a race), or only when the peer leaves.
 enum class End { refused, served, either, open };
 
 const struct {
@@ -176,7 +175,7 @@ const struct {
      End::either},
     {"empty file", hands_over(odd_file(0, 0)), End::served},
     {"sealable file", [](Peer& p) { p.request("test").fds({kSealable}); }, End::served},
-    // A sanitizer leaves no room for it at times.
+    // With a sanitizer there may be no address space for it.
     {"1 TiB of nothing", hands_over(odd_file(off_t{1} << 40, 0))},
     {"no shrinking", hands_over(odd_file(4, F_SEAL_SHRINK))},
     {"no growing", hands_over(odd_file(4, F_SEAL_GROW))},
@@ -218,7 +217,7 @@ class Hostile : public DaemonTest {};
 TEST_F(Hostile, APeerThatBreaksTheRulesCostsItsOwnConnectionOnly) {
   for (const auto& row : kRows) {
     SCOPED_TRACE(row.what);
-    // The emulator takes in all four and does not say that the message was cut; nor does it get 1 TiB mapped.
+    // The emulator accepts all four descriptors without MSG_CTRUNC, and cannot map 1 TiB.
     const std::string what = row.what;
     if (emulated() && (what == "four in one message" || what == "1 TiB of nothing")) continue;
     {
@@ -228,7 +227,7 @@ TEST_F(Hostile, APeerThatBreaksTheRulesCostsItsOwnConnectionOnly) {
       for (const Peer& peer : peers) expect_end(peer, row.end);
     }
     expect_as_before();
-    ASSERT_FALSE(HasFailure());  // the rows to come would wait in vain
+    ASSERT_FALSE(HasFailure());  // the following rows would time out
   }
   for (int type = 0; type < 512; ++type) {
     SCOPED_TRACE(type);
@@ -239,8 +238,8 @@ TEST_F(Hostile, APeerThatBreaksTheRulesCostsItsOwnConnectionOnly) {
   if (emulated()) GTEST_SKIP() << "the emulator neither tells of a cut message nor maps 1 TiB: two rows left out";
 }
 
-// Clients that wait may have sent anything before they are asked; so may those that have not been accepted yet.
-TEST_F(Hostile, AClientThatLeavesDescriptorsUnreadHoldsUpNoOther) {
+// Clients may send anything before they are asked, and even before they are accepted.
+TEST_F(Hostile, UnreadDescriptorsOfAClientDelayNoOtherClient) {
   for (const Target& at : kTargets) {
     std::vector<Peer> silent;
     for (int i = 0; i < at.workers; ++i) EXPECT_EQ(silent.emplace_back(at.path).next(), KS_DIR_ASK);
@@ -258,7 +257,7 @@ void as_another_user(const std::function<void()>& act) {
 }
 
 // Each holds the thread that writes its reply; 16 are what one user may hold.
-TEST_F(Hostile, AUserWhoHoldsTheLocksOfFilesIsHungUpOnAndThenRefused) {
+TEST_F(Hostile, ClientsThatLockTheirFilesAreHungUpOnAndTheirUserRefused) {
   const UniqueFd body = memory_file("body");
   std::optional<LockHolder> holder(body.get());
   if (!holder->holds()) GTEST_SKIP() << "no page faults for user space here";
@@ -323,7 +322,7 @@ TEST_F(Hostile, AFileThatShrinksAndGrowsWhileItIsReadDoesNoHarm) {
   }
 }
 
-// As many as a service holds, who say nothing.
+// As many silent clients as a service accepts.
 std::vector<Peer> silent_crowd(const Target& at) {
   std::vector<Peer> crowd;
   for (int i = 0; i < 1000 + at.workers; ++i) {
@@ -342,7 +341,7 @@ std::string repeated(const std::string& text, std::size_t count) {
   return all;
 }
 
-// An object in which every member that any command knows has each of these values, one after the other.
+// Objects in which every parameter of any command has each of these values in turn.
 std::string object_of(std::initializer_list<std::string> values) {
   static const std::set<std::string> names = [] {
     std::set<std::string> words;  // that the page of all commands sets in code
@@ -360,7 +359,7 @@ std::string object_of(std::initializer_list<std::string> values) {
   return text + "}";
 }
 
-// Under numbers that no fixed-size set knows: the other service's clients have those below.
+// With descriptor numbers above 1023, which select cannot handle: clients of the other service occupy the lower ones.
 TEST_F(Hostile, EveryCommandAnswersOrHangsUpOnAnyBody) {
   limit_descriptors(4096);
   const std::string deep(100'000, '[');
@@ -383,7 +382,7 @@ TEST_F(Hostile, EveryCommandAnswersOrHangsUpOnAnyBody) {
     const std::vector<Peer> crowd = silent_crowd(kTargets[&at == kTargets ? 1 : 0]);
     const auto descriptors = open_descriptors(daemon_->pid());
     EXPECT_GT(descriptors.rbegin()->first, 1023);
-    // A library that knows a fixed number of descriptors finds those free.
+    // The low descriptor numbers that some libraries need are free.
     EXPECT_LT(std::distance(descriptors.begin(), descriptors.lower_bound(1024)), 100);
     for (const CommandRow& row : at.commands()) {
       const bool reads = call(at.name, row.name).status != KS_STATUS_OK;
@@ -412,7 +411,7 @@ constexpr bool kKeepsWhatIsFreed = true;
 constexpr bool kKeepsWhatIsFreed = false;
 #endif
 
-TEST_F(Hostile, ALargeBodyIsHeldToItsCostAndItsMemoryGivenBack) {
+TEST_F(Hostile, ALargeBodyStaysWithinItsMemoryLimitAndItsMemoryIsReturned) {
   const std::string values = "[" + repeated("0,", 1'500'000), text(64 << 20, '1');
   const struct {
     const char* what;

@@ -1,4 +1,4 @@
-// The daemon's own life: start, options, refusals, crash, and stopping with its hands full.
+// The daemon's life cycle: start, options, refusals, crash, trace, and stops under load.
 #include <fcntl.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
@@ -49,7 +49,7 @@ TEST(StartUp, ASecondInstanceIsRefusedUntilTheFirstHasEnded) {
   EXPECT_EQ(run("vistalprod -t"), 0);
 }
 
-// In the foreground and in the background: exactly one goes on.
+// In the foreground and in the background: exactly one continues.
 TEST(StartUp, OfInstancesThatStartAtTheSameTimeOneServes) {
   const std::string running = "vistalprod -x --runstates RSD";  // those that have ended are zombies of this test
   for (int i = 0; i < 10; ++i) {
@@ -73,7 +73,7 @@ TEST(StartUp, ACrashLeavesABacktraceAndEndsInSigkill) {
               ContainsRegex("\\[vistalprod_debug_backtrace_dump\\]\\[[0-9]+\\] .*\n.*\\]={26}\n.*\\]vistalprod\n"));
 }
 
-// Limits and signal state are the daemon's own affair, whether it starts a program or a library does.
+// Programs that the daemon or a library starts do not get the daemon's own limits and signal state.
 TEST(StartUp, ProgramsGetTheOriginalLimitAndSignals) {
   const std::string low = "ulimit -Sn 512; ";
   const Daemon daemon("sh -c '" + low + "exec vistalprod'");
@@ -101,7 +101,7 @@ int queue_of(std::uint32_t key) {
   return msgget(static_cast<key_t>(key), 0);
 }
 
-// Where there is no other user to become, the queues' mode gives them away.
+// If there is no other user to change to, the queues are recognised by their mode.
 TEST(StartUp, QueuesOfAnotherUserAreReplaced) {
   constexpr uid_t kOtherUser = 65534;
   const std::size_t log = read_file(kLogFile).size();
@@ -121,15 +121,15 @@ TEST(StartUp, QueuesOfAnotherUserAreReplaced) {
   }
 }
 
-// A client that has been asked, and says nothing: it holds a worker.
+// A client that was asked and is silent: it occupies a worker.
 Peer silent_client() {
   Peer client{std::string(kMainSocket)};
   EXPECT_EQ(client.next(), KS_DIR_ASK);
   return client;
 }
 
-// Those that wait to be served leave descriptors for the daemon's own work.
-TEST(Limits, AFloodOfClientsLeavesRoomForEventsAndTheOtherService) {
+// Waiting clients leave descriptors for the daemon's own work.
+TEST(Limits, ManyWaitingClientsDoNotStopEventsOrTheOtherService) {
   limit_descriptors(4096);
   Daemon daemon("prlimit --nofile=1024:1024 vistalprod");
   std::vector<Peer> flood;
@@ -157,8 +157,8 @@ std::string traced(std::size_t from) {
   return text;
 }
 
-// Each line is whole: no argument, body or reply stands in it, and no program has the variable.
-TEST(Trace, TellsHowRequestsAndProgramsEndWithoutTheirValues) {
+// Lines are complete and contain no arguments, bodies or replies; programs do not inherit the variable.
+TEST(Trace, RecordsTheEndOfRequestsAndProgramsWithoutTheirValues) {
   const StandIn guard("/sbin/share_guard"), login("/sbin/kcli"), hardware("/sbin/hwctl_app");
   hardware.plays("delay 300\n");
   guard.plays("exit 3\n");
@@ -227,7 +227,7 @@ void expect_nothing_left() {
   }
 }
 
-// Told twice each time, in the middle of requests of both services, of events and of clients who wait.
+// Each stop signal is sent twice, during requests of both services, during events, and while clients wait.
 TEST(Stop, ABusyDaemonEndsWithItsMainRequestsAndHangsUpOnTheRest) {
   const StandIn script("/etc/init.d/vistalserver.sh");
   const StandIn mailer("/usr/sbin/sendmail");
@@ -255,8 +255,8 @@ TEST(Stop, ABusyDaemonEndsWithItsMainRequestsAndHangsUpOnTheRest) {
   }
 }
 
-// Descriptors that were promised are waited for, but not for ever.
-TEST(Stop, AnUnfinishedRequestDelaysItForSecondsOnly) {
+// The wait for announced descriptors is limited.
+TEST(Stop, AnUnfinishedRequestDelaysAStopForAFewSecondsOnly) {
   Daemon daemon;
   Peer unfinished = silent_client();
   EXPECT_EQ(send(unfinished.request("test").fd(), "!", 1, MSG_OOB), 1);

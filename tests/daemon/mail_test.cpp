@@ -79,7 +79,7 @@ TEST_F(Mail, ASentMailLeavesItsRecordAndNoStagedFiles) {
   EXPECT_THAT(new_log(), testing::Not(testing::HasSubstr("s3cret")));
 }
 
-TEST_F(Mail, TheEndOfTheMailProgramIsTheResult) {
+TEST_F(Mail, TheExitStatusOfTheMailProgramIsTheResult) {
   program_.plays("bytes 10485760\nlinger 50\nexit 4\n");
   EXPECT_EQ(send_mail("", ""), result(4));
   program_.plays("signal 9\n");
@@ -88,7 +88,7 @@ TEST_F(Mail, TheEndOfTheMailProgramIsTheResult) {
   EXPECT_EQ(send_mail("", ""), result(127)) << "missing";
 }
 
-// The scratch directory is everybody's, and root writes into it.
+// Every user can write to the scratch directory, and root writes there, too.
 TEST_F(Mail, PlantedFilesInPlaceOfOutputAndRecordAreReplaced) {
   const std::string victim = "/tmp/victim";
   const std::pair<const char*, std::function<void(const std::string&)>> rows[] = {

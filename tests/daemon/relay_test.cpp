@@ -58,7 +58,7 @@ void post_log(std::int64_t type, std::int64_t time) {
   post(kLogQueueKey, &message, kLogMessageSize);
 }
 
-TEST(Listener, ACallbackThatThrowsCostsItsRecordOnly) {
+TEST(Listener, ACallbackThatThrowsLosesOnlyItsRecord) {
   constexpr std::uint32_t kKey = 0x7e57;
   static std::atomic<int> calls{0};
   MsgQueueListener listener(
@@ -115,7 +115,7 @@ TEST_F(Relay, ALogRecordBecomesANotifyLogOrNotifyConn) {
   EXPECT_EQ(new_log(), "");
 }
 
-TEST_F(Relay, TheMillisecondsCountRecordsAndWrap) {
+TEST_F(Relay, RecordsOfOneSecondAreNumberedUpToAThousand) {
   const auto service = notification_service();
   for (int i = 0; i <= 1000; ++i) post_log(i % 2 == 0 ? kEventLogType : kConnectionLogType, 1800000000);
   post_log(kEventLogType, -5);

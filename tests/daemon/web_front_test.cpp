@@ -1,4 +1,4 @@
-// The web front: request -> files written, program run -> reply, log, what is left. The real web server is in the tour.
+// Web commands: request -> files written, program run -> reply, log, files left. The tour uses the real web server.
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -94,13 +94,13 @@ TEST_F(WebFront, AProgramsOutputIsTheReplyUnlessItFails) {
     EXPECT_THAT(said(), testing::EndsWith(exec + (installs ? " failed, ret_out=[half]\n" : " failed, ret=[768]\n")));
     EXPECT_EQ(left_outputs(), "[half]");
   }
-  // The installation left word in the environment for those who get the daemon's.
+  // install_app has set its variable in the environment that some programs get.
   const StandIn heir("/sbin/hwctl_app");
   call(kMain, "get_vpd_channel");
   EXPECT_THAT(read_file("/tmp/stand_in/sbin/hwctl_app.calls"), testing::HasSubstr("\nenv KPKGD=ALLOW\n"));
 }
 
-TEST_F(WebFront, ABodyThatMakesNoSenseIsRefusedOrHungUpOn) {
+TEST_F(WebFront, AnInvalidBodyIsRefusedOrHungUpOn) {
   const std::string deep(5000, '['), long_folder(1100, 'x'), path = long_folder.substr(0, 1023);
   const std::string not_json = "_handler] parse strInputArg failed, error=[";
   const struct {
@@ -169,7 +169,7 @@ TEST_F(WebFront, ARuleIsWrittenToTheByte) {
     EXPECT_EQ(read_file(kRules + "5.conf"), text("1", "", "http://:1"));
     EXPECT_EQ(manager.calls().size(), row.text.empty() ? 0u : 1u);
   }
-  // A name that ends early would lead to any file.
+  // A name that ends at a NUL could refer to any file.
   write_file(kRules + "cam 1", "");
   for (const char* action : {"add", "delete"}) {
     said();
@@ -232,8 +232,8 @@ TEST_F(WebFront, AFullDiskLeavesTheOldFile) {
   EXPECT_EQ(Process("umount -n " + kRules).wait(), 0);
 }
 
-// A reader never sees half a list, and what the administrator has made of the file stays.
-TEST_F(WebFront, TheBanListIsReplacedWhereItsLinkLeads) {
+// A reader never sees a partial list, and the administrator's link, owner and mode are kept.
+TEST_F(WebFront, TheBanListIsReplacedAtTheTargetOfItsLink) {
   const std::string behind = "/tmp/list", body = R"({"ip_list":"a"})";
   write_file(behind, "old");
   fs::permissions(behind, fs::perms::owner_read);

@@ -29,7 +29,7 @@ UniqueFd pipe_holding(const std::string& text) {
   return UniqueFd(ends[0]);
 }
 
-TEST_F(GuardedTest, EachWayIntoAMemoryFileAppendsToIt) {
+TEST_F(GuardedTest, EveryWriteToAMemoryFileAppends) {
   ks_io* io = ks_io_create();
   EXPECT_EQ(mapped(io), "");
   EXPECT_EQ(io->memfd, -1);  // reading alone makes no file
@@ -108,8 +108,8 @@ TEST_F(GuardedTest, AReplyEndsTheConversationEvenForCopiesOfTheConnection) {
   ks_io_free(io);
 }
 
-// A command would have been carried out before its reply fails.
-TEST_F(GuardedTest, AFileThatCannotTakeAReplyIsNoRequest) {
+// Otherwise the command would be carried out, and only its reply would fail.
+TEST_F(GuardedTest, AFileThatCannotHoldAReplyIsRejected) {
   const UniqueFd file = memory_file("");
   const UniqueFd reading(open(("/proc/self/fd/" + std::to_string(file.get())).c_str(), O_RDONLY | O_CLOEXEC));
   EXPECT_EQ(ks_io_accept(reading.get(), -1, false), nullptr);
@@ -186,7 +186,7 @@ TEST_F(GuardedTest, SignalsReachTheirHandlersAndACrashEndsTheProcess) {
   EXPECT_EQ(outcome.error, "Segmentation fault\n");
 }
 
-TEST_F(ServiceTest, AWrongCallAbortsWithOneLineOfWhatWasWrong) {
+TEST_F(ServiceTest, AWrongCallAbortsWithOneLine) {
   const auto start = [&](const std::string& where) {
     ks_handle* service = ks_create(("@" + in_dir(where)).c_str(), kThreads, 1, kExec);
     ks_start(service);

@@ -1,4 +1,4 @@
-// A service under test, and the two ways to talk to it: as any client does, and byte by byte over its socket.
+// A service under test, called as any client does or byte by byte over its socket.
 #pragma once
 
 #include <cstdint>
@@ -7,8 +7,8 @@
 
 #include "support/peer.h"
 
-// A service that runs from start() to stop() or destruction, in whichever way its mode asks for. Its exec
-// callback does what the request's name says:
+// A service that runs from start() to stop() or destruction, as its mode requires. The request's name selects what its
+// callback does:
 //   "echo"    replies the body, and behind it what can be read from the extra descriptor
 //   "mapped"  replies the length of the mapping that the request came with, and the first byte that ks_io_read finds
 //   "who"     replies the sender

@@ -1,4 +1,4 @@
-// How services live with their clients, and clients with their services.
+// Services and their clients.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -44,7 +44,7 @@ TEST_P(EveryMode, ARequestCarriesItsNameBodyDescriptorAndSender) {
   }
 }
 
-TEST_P(EveryMode, RequestsArriveUnmappedWhereWorkersWantThemSo) {
+TEST_P(EveryMode, RequestsOfWorkersThatLeaveThemUnmappedAreUnmapped) {
   Service service(path(), GetParam(), 1);
   ks_worker_init(
       service.handle(), [](void*) { ks_leave_unmapped(); }, nullptr);
@@ -94,7 +94,7 @@ TEST_F(ServiceTest, APausedOrFullServiceRefusesNewClientsAndServesTheWaitingInOr
   EXPECT_EQ(call(service.name(), "echo").status, KS_STATUS_BUSY);
   ks_pause(service.handle());
   EXPECT_EQ(call(service.name(), "echo").status, KS_STATUS_PAUSED);
-  // In order, past those who have left.
+  // In order, without the clients that have left.
   Peer* served = &working;
   for (Peer& next : waiting) {
     if (next.fd() < 0) continue;
@@ -105,7 +105,7 @@ TEST_F(ServiceTest, APausedOrFullServiceRefusesNewClientsAndServesTheWaitingInOr
   }
 }
 
-// A process has its own descriptors: a path is what it shares with its parent.
+// A worker process has its own descriptors, so the test passes it a path.
 template <char what>
 void append_to(void* path) {
   std::ofstream(*static_cast<const std::string*>(path), std::ios::app) << what;
@@ -127,7 +127,7 @@ TEST_P(EveryMode, EachWorkerRunsItsHooksBeforeItsFirstAndAfterItsLastRequest) {
   EXPECT_EQ(read_file(file), "iiff");
 }
 
-TEST_P(EveryMode, StopAndFreeLeaveNoClientWithoutAnEnd) {
+TEST_P(EveryMode, StopAndFreeHangUpOnEveryClient) {
   const UniqueFd stale = listen_at(path());
   for (int run = 0; run < 100; ++run) {
     Service service(path(), GetParam(), 2);
@@ -147,14 +147,14 @@ TEST_P(EveryMode, StopAndFreeLeaveNoClientWithoutAnEnd) {
       EXPECT_TRUE(run % 2 == 0 || call(service.name(), "echo").status == KS_STATUS_OK);
       std::jthread other(ks_stop, service.handle());
       service.stop();
-      EXPECT_EQ(std::atomic_ref(service.handle()->worker).load(), nullptr);  // whoever of the two came first
+      EXPECT_EQ(std::atomic_ref(service.handle()->worker).load(), nullptr);  // in either order
     }
     // Stopped while it starts, and released while a blocking ks_start returns in its thread.
     if (run % 2 == 0) service.begin();
   }
 }
 
-TEST_P(EveryMode, AKilledWorkerIsReplacedAndStopWaitsForRequestsInWork) {
+TEST_P(EveryMode, AKilledWorkerIsReplacedAndStopWaitsForRunningRequests) {
   const StderrCapture error;
   Service service(path(), GetParam(), 3);
   service.start();
@@ -305,7 +305,7 @@ TEST_F(ServiceTest, AWorkerProcessRunsWithTheEnvironmentOfItsClient) {
   EXPECT_EQ(waitpid(client, nullptr, 0), client);
 }
 
-TEST_P(EveryMode, AFileThatIsSealedWhileItIsServedCostsItsClientOnly) {
+TEST_P(EveryMode, AFileThatIsSealedDuringItsRequestAffectsOnlyItsClient) {
   Service service(path(), GetParam(), 1);
   service.start();
   const Line line = make_line();
@@ -329,8 +329,8 @@ TEST_F(ServiceTest, AnAskedClientThatStaysSilentIsHungUpOnAfterAMinute) {
   EXPECT_EQ(call(service.name(), "echo", "on"), (Reply{0, "on"}));
 }
 
-// The producer, played by hand, is stopped between its record and the descriptor, or cannot send one.
-TEST_F(ServiceTest, AWorkerWaitsForTheDescriptorOfItsNextClient) {
+// The test acts as a producer that is interrupted between its record and the descriptor, or cannot send the descriptor.
+TEST_F(ServiceTest, AWorkerWaitsForTheDescriptorThatFollowsATransfer) {
   Line client = make_line();
   Line line = make_line();
   Peer producer(line.ours.release());
@@ -353,8 +353,8 @@ TEST_F(ServiceTest, AWorkerWaitsForTheDescriptorOfItsNextClient) {
   producer.leave();
 }
 
-// Played by hand. A step that brings no reply takes from the time limit all that has passed since the start, so
-// asking again and again uses it up at once.
+// The test acts as the service. Each step without a reply subtracts the whole time since the start from the time limit,
+// so that many asks use it up at once.
 TEST_F(ServiceTest, AFailedCallReturnsItsStatusAndAnEmptyRecord) {
   const UniqueFd service = listen_at(path());
   const auto replies_too_much = [](Peer& p) {
@@ -408,7 +408,7 @@ TEST_F(ServiceTest, AFailedCallReturnsItsStatusAndAnEmptyRecord) {
   ks_io_free(io);
 }
 
-TEST_F(ServiceTest, AReplyThatIsCutShortWhileItIsCopiedIsAShortReply) {
+TEST_F(ServiceTest, AReplyThatIsTruncatedWhileItIsCopiedIsShort) {
   constexpr off_t kSize = 8 << 20;
   constexpr int kCalls = 20;
   const UniqueFd service = listen_at(path());

@@ -1,6 +1,6 @@
-/* Preloaded into the daemon: calls that fail when a test says so (see faults.h), and otherwise go through to whoever
- * comes next. That is the C library, or a sanitizer's runtime, which has to be preloaded before this one. Only what
- * the daemon itself calls passes through here; the C library's own calls, as for a stack or a heap, do not. */
+/* Preloaded into the daemon: calls that fail if a test wants it (see faults.h), and otherwise call the next function of
+ * the same name, in the C library or in a sanitizer's runtime, which must be preloaded before this library. Calls
+ * inside the C library, for a stack or a heap, do not come here. */
 #include "support/faults.h"
 
 #include <dlfcn.h>
@@ -16,7 +16,7 @@
 #include <unistd.h>
 
 static struct fault* faults;
-static pid_t owner; /* a forked child is not the daemon any more */
+static pid_t owner; /* a forked child is not the daemon */
 
 __attribute__((constructor)) static void map_faults(void) {
   const int fd = open(FAULTS_FILE, O_RDWR | O_CLOEXEC);
@@ -67,7 +67,7 @@ CALL(FAULT_SENDMSG, ssize_t, -1, sendmsg, (int fd, const struct msghdr* message,
 CALL(FAULT_SOCKETPAIR, int, -1, socketpair, (int domain, int type, int protocol, int ends[2]),
      (domain, type, protocol, ends))
 
-/* A caller that returns from here would take the stack from under the child; a fork is a vfork, too. */
+/* A wrapper of vfork cannot return while the child uses its stack frame, so vfork is a fork here. */
 pid_t vfork(void) {
   return fork();
 }
@@ -76,7 +76,7 @@ int open(const char* path, int flags, ...) {
   static int (*next)(const char*, int, ...);
   va_list rest;
   va_start(rest, flags);
-  const mode_t mode = va_arg(rest, mode_t); /* whatever it is when there is none */
+  const mode_t mode = va_arg(rest, mode_t); /* undefined if there is none, and then unused */
   va_end(rest);
   if (fails(FAULT_OPEN)) return -1;
   if (next == NULL) *(void**)&next = dlsym(RTLD_NEXT, "open");

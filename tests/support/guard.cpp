@@ -13,8 +13,7 @@
 #include <iterator>
 #include <thread>
 
-// No test takes half of it, even under a sanitizer; the alarm ends the process and names no culprit but the
-// test.
+// No test needs half of it, even under a sanitizer. The alarm ends the process; the last test named is the culprit.
 static constexpr unsigned kTestSeconds = 90;
 
 bool eventually(const std::function<bool()>& condition) {
@@ -29,7 +28,7 @@ bool eventually(const std::function<bool()>& condition) {
 std::string content_of(int fd) {
   struct stat status {};
   fstat(fd, &status);
-  constexpr off_t kMost = 1 << 24;  // a stranger's file may claim any size
+  constexpr off_t kMost = 1 << 24;  // a client's file may have any size
   std::string text(static_cast<std::size_t>(std::min(status.st_size, kMost)), '\0');
   const ssize_t got = pread(fd, text.data(), text.size(), 0);
   text.resize(got < 0 ? 0 : static_cast<std::size_t>(got));

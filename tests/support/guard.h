@@ -1,4 +1,4 @@
-// What any suite can run in: a directory of its own, a deadline for everything, and a look round at the end.
+// A fixture for any suite: a directory of its own, a deadline, and a check for leaks at the end.
 #pragma once
 
 #include <gmock/gmock.h>

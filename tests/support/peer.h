@@ -1,4 +1,4 @@
-// Talking to a service byte by byte, as a client that keeps what rules it likes.
+// Talks to a service byte by byte, as a client that may break every rule.
 #pragma once
 
 #include <json/value.h>
@@ -24,7 +24,7 @@ struct Reply {
 Reply call(const std::string& service, const std::string& request,
            const std::optional<std::string>& body = std::nullopt, int extra_fd = -1);
 
-// A listening socket and nothing behind it.
+// A listening socket that no process serves.
 UniqueFd listen_at(const std::string& path);
 
 UniqueFd memory_file(std::string_view content, unsigned flags = 0);

@@ -51,6 +51,7 @@ TEST(StartUp, ASecondInstanceIsRefusedUntilTheFirstHasEnded) {
 
 // In the foreground and in the background: exactly one continues.
 TEST(StartUp, OfInstancesThatStartAtTheSameTimeOneServes) {
+  if (emulated()) GTEST_SKIP() << "the emulator handles SIGTERM from the start, so all seem to run already";
   const std::string running = "vistalprod -x --runstates RSD";  // those that have ended are zombies of this test
   for (int i = 0; i < 10; ++i) {
     const std::string options = i % 2 == 0 ? "" : " -d";

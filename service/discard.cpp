@@ -353,7 +353,8 @@ void ks_deliver(int from, int to, uint32_t uid) {
 bool ks_has_too_many_open(std::uint32_t uid) {
   Pending* const shared = known_pending();
   if (shared == nullptr || shared->user_of(mark_of(kClose, uid)).open.load() < kMostOpenOfAUser) return false;
-  // If the system refused a closer, the user's next descriptor would start one; but a refused client sends none.
+  // The system may have refused a closer earlier. The user's next descriptor would start one, but none arrives: the
+  // user's clients are hung up on.
   if (holds_any_to_take(shared)) start_closer(shared, {});
   return true;
 }

@@ -19,9 +19,9 @@
 //     void* reply = NULL; uint64_t size = 0;                             // in another process
 //     int status = ks_ez_call("greeter", "world", NULL, 0, &reply, &size, 5, -1);
 //
-// Errors. A failed request yields a status code. A wrong or foreign record, or the lack of an indispensable resource,
-// ends the process: it prints one line on standard error that begins with [ABORT] and names the operation and the
-// failed condition, then calls abort().
+// Errors. A failed request yields a status code. An invalid record (null, released or of another type), or the lack of
+// an indispensable resource, ends the process: the operation prints one line on standard error, which begins with
+// [ABORT] and names the operation and the failed condition, and calls abort().
 //
 // Threads. The framework has no locks. Each function says which threads may call it. By default any thread may, but
 // only one at a time per record.
@@ -46,7 +46,7 @@ extern "C" {
 // Longest request name in characters.
 #define KS_REQUEST_NAME_SIZE 256
 
-// Every record begins with its magic number, a 32-bit word that each operation checks first.
+// Every record begins with its magic number, a 32-bit word. Operations check it first unless they say otherwise.
 #define KS_IO_MAGIC 0x6B494F2Du
 #define KS_HANDLE_MAGIC 0x6B53562Du
 #define KS_EPOLL_MAGIC 0x6B45562Du
@@ -59,7 +59,7 @@ typedef struct ks_io {
   uint32_t magic;                               // KS_IO_MAGIC
   int32_t memfd;                                // the memory file, -1 until an operation needs one; owned
   int32_t sockfd;                               // the connection to the other side, -1 when none; owned
-  int32_t extra_fd;                             // extra descriptor sent with the request, or -1; the caller's
+  int32_t extra_fd;                             // client side: the extra descriptor to send, or -1; the caller's
   char request_name[KS_REQUEST_NAME_SIZE + 1];  // NUL-terminated
   uint64_t user_data;                           // the owner's, see ks_io_set
   void* shared_data;                            // the whole memory file as it was when mapped, or null
@@ -143,8 +143,9 @@ FILE* ks_io_freopen(ks_io* io, const char* mode, FILE* stream);
 // named "ks-close" that shares this process's descriptor table. It ends when its closes have returned, and can outlive
 // this process. A program that is process 1 or a child subreaper also has to reap closers.
 //
-// At most 256 closers live at a time, 8 of them for one user; while all of them wait, further descriptors stay open. A
-// user with 16 such open descriptors is not asked for requests: the user's clients are hung up on. Any thread.
+// At most 256 closers live at a time, 8 of them for one user. While all of them wait, further descriptors stay open.
+// When 16 discarded descriptors of one user are still open, workers hang up on that user's clients instead of asking
+// them for their requests. Any thread.
 void ks_discard(int fd, uint32_t uid);
 // Writes the content of the file `from` to `to`, a descriptor from a client of user `uid`, and closes both. A closer
 // does the work. If no closer can be started, nothing is written. Any thread.
@@ -170,8 +171,9 @@ typedef void (*ks_exec_fn)(const char* request_name, ks_io* io, int extra_fd);
 // Called in each worker before its first and after its last request.
 typedef void (*ks_hook_fn)(void* arg);
 
-// Called in a worker, once for each client that has not sent its request 30 seconds after the worker asked for it. The
-// worker serves no other client until this one sends something or leaves, or is hung up on after 60 seconds.
+// Called in a worker when a client has not sent its request within 30 seconds after the worker asked for it, once for
+// each such client. The worker serves no other client until this one sends something or leaves, at the latest until the
+// worker hangs up on it after 60 seconds.
 typedef void (*ks_silence_fn)(void* arg, int32_t peer_pid);
 
 struct ks_worker;
@@ -211,9 +213,10 @@ void ks_on_silence(ks_silence_fn fn, void* arg);
 void ks_leave_unmapped(void);
 
 // Publishes the socket and starts the workers. SIGPIPE is ignored in the whole process from here on. With KS_STANDALONE
-// returns at once; otherwise this thread is the producer until the service ends. `worker` is non-null from the very
-// start until the service has ended completely; a stop in between is not lost. Worker processes are killed when the
-// thread that created them ends: with KS_STANDALONE | KS_PROCESS_MODE that is the caller's.
+// returns at once; otherwise the calling thread is the producer until the service ends. handle->worker is set before
+// anything else and cleared when the service has ended completely; a stop in between is not lost. A worker process
+// is killed when the thread that created it ends. The first ones are created by the thread that calls ks_start, also
+// with KS_STANDALONE.
 void ks_start(ks_handle* handle);
 
 // ks_pause refuses new connections, ks_resume accepts them again. Clients that wait already are served. Any thread.
@@ -264,9 +267,10 @@ typedef struct ks_epoll {
 } ks_epoll;
 
 ks_epoll* ks_epoll_create(void);
-// Connects and starts one request; returns a status. The poll set keeps a pointer to `io` until it is finished or
-// cancelled, and `extra_fd` must stay open until then. After KS_STATUS_CONNECT the socket is still in `io`: cancel or
-// free it. ks_epoll_perform sends the request; call it within 60 seconds after the service has asked for the request.
+// Connects and starts one request; returns a status. The poll set keeps a pointer to `io` until the request is finished
+// or cancelled, and `extra_fd` must stay open until then. After KS_STATUS_CONNECT the socket is still in `io`: cancel
+// the request or free `io`. ks_epoll_perform sends the request; call it within 60 seconds after the service has asked
+// for the request.
 int ks_epoll_call(ks_epoll* epoll, const char* name, const char* request_name, ks_io* io, int extra_fd);
 // Processes one event, waiting at most `timeout_ms`. Returns the record of a finished request (empty unless it holds a
 // reply), or null. `*status`, unless `status` is null, is set to the status of the finished request, to 0 if a request
@@ -288,8 +292,8 @@ typedef void (*ks_signal_fn)(int signum);
 void ks_signal(int signum, ks_signal_fn handler);
 // The action that ks_signal installs: calls the handler in the table, if any.
 void ks_sig_dispatch(int signum);
-// Makes SIGABRT, SIGBUS, SIGFPE and SIGSEGV report to the kernel log (ks_crash_report), and re-installs every handler
-// in the table so that a second delivery takes the default action.
+// Makes ks_crash_report the handler of SIGABRT, SIGBUS, SIGFPE and SIGSEGV. Installs every handler in the table anew,
+// for one delivery only: a second one takes the default action.
 void ks_crash_install(void);
 // Writes the signal's name to standard error and a numbered backtrace to /dev/kmsg, then _exit(1).
 void ks_crash_report(int signum) __attribute__((noreturn));

@@ -31,8 +31,8 @@ void ks_verify_handle(const ks_handle* record, const char* operation, const char
 
 // ---- Descriptors ------------------------------------------------------------------------------------------
 
-// Sets bit 1 of the descriptor's status flags; false when fcntl fails. Despite its name it leaves the descriptor
-// inheritable: programs started by the process have always inherited the framework's sockets.
+// Sets the lowest bit of the descriptor's status flags; false when fcntl fails. Despite its name it leaves the
+// descriptor inheritable: programs started by the process have always inherited the framework's sockets.
 bool set_fd_cloexec(int fd);
 
 // Owns a descriptor received from user `uid`. Discards it unless it is released.
@@ -152,7 +152,7 @@ struct ks_worker {
   std::int32_t sockfd[2];  // [0] the consumer's end, [1] the producer's; producer: [1] is the listening socket
   std::uint64_t index;
   ks_worker_id id;
-  std::uint32_t type;  // consumer: the handle's mode; producer: 4 on a thread of its own, 2 in ks_start's caller
+  std::uint32_t type;  // consumer: the handle's mode; producer: KS_PTHREAD_MODE if it has a thread of its own
   ks_exec_fn exec;
   ks_hook_fn init_hook;
   void* init_arg;

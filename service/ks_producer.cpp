@@ -36,7 +36,7 @@ constexpr int kBatchSize = 64;
 constexpr std::uint16_t kMostWaiting = 999;
 // Waiting clients get numbers from this one on, if the limit allows: select can handle only the smaller ones.
 constexpr int kFirstWaitingFd = 1024;
-// The reserve: one such part of the descriptor limit, but at most kMostReserved.
+// The reserve is the descriptor limit divided by kReservedPart, but at most kMostReserved.
 constexpr rlim_t kReservedPart = 4;
 constexpr rlim_t kMostReserved = 1024;
 constexpr int kListenPauseMs = 100;

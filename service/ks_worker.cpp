@@ -126,7 +126,7 @@ void serve_request(ks_worker* worker, const directive& record) {
 // Receives a client over the control socket, asks for its request and watches it.
 void accept_transfer(ks_worker* worker, const directive& record) {
   worker->client_fd = receive_connection(worker->sockfd[0]);
-  // Then the producer's copy is the last one, and closing it could wait.
+  // Tells the producer that its copy is the last one, whose close could wait.
   if (worker->client_fd < 0) std::atomic_ref(worker->transfer_failed).store(1);
   // The echo tells the producer that its copy of the client is no longer needed.
   send_directive(worker->sockfd[0], record);

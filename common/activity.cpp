@@ -80,7 +80,7 @@ __attribute__((format(printf, 1, 2))) void write_line(const char* format, ...) {
   errno = error;
 }
 
-// Never waits, whatever is at the path, and refuses files of other users.
+// Never waits, not even for a pipe or a device at the path, and refuses files of other users.
 UniqueFd open_trace(const char* path, const char** refusal) {
   UniqueFd file(
       open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY, S_IRUSR | S_IWUSR));

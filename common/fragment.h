@@ -4,8 +4,8 @@
 
 #include <string>
 
-// Replaces whatever is at `path`, even a link, by a file that contains `text`. False on failure, and for a path with a
-// NUL in it. Any thread.
+// Replaces the file at `path`, or the link itself, by a file that contains `text`. False on failure, and for a path
+// that contains a NUL. Any thread.
 bool write_fragment(const std::string& path, const std::string& text);
 
 // The same, but follows links at `path` and keeps them. The new file has the old one's owner and mode. A device is not

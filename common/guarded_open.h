@@ -1,5 +1,6 @@
-// Opens files in folders that other users can write to. Whatever is at the path, these calls neither wait for its owner
-// nor follow it elsewhere. (A user-space or network file system can still hold up every access.)
+// Opens files in folders that other users can write to. Such a user can put anything at the path: these calls do not
+// wait for that user, and do not write to another file through a link. (A user-space or network file system can still
+// hold up every access.)
 #pragma once
 
 #include <sys/types.h>
@@ -18,7 +19,8 @@ UniqueFd open_input_file(const char* path);
 // with errno set, on failure.
 UniqueFd open_output_file(const char* path, mode_t mode);
 
-// Removes whatever has this name, a mount included; renames a folder that is not empty. False on failure.
+// Removes what is at the path, a mount included; renames a folder that is not empty. False on failure; true also if
+// there was nothing.
 bool clear_away(const char* path);
 
 // Keeps a folder open, so that its user is not redirected if a link replaces it. Its owner does not matter: files made

@@ -72,7 +72,7 @@ class AbandonedHandlers {
     const std::lock_guard lock(mutex_);
     return std::ranges::count(users_, user) >= kMostOfAUser;
   }
-  // Without memory for it the handler is not counted.
+  // If memory is short, the handler is not counted.
   void enter(uid_t user) noexcept {
     const std::lock_guard lock(mutex_);
     try {

@@ -102,7 +102,8 @@ void terminate_handler(int) {
   g_daemon.terminate();
 }
 
-// Otherwise the first socket could get a number below 3, and be closed later as standard output.
+// Otherwise the first socket could get the number of a closed standard descriptor, and be closed later as standard
+// output.
 void occupy_standard_descriptors() {
   int fd;
   do {
@@ -111,7 +112,7 @@ void occupy_standard_descriptors() {
   if (fd > STDERR_FILENO) close(fd);
 }
 
-// First the clients: the backtrace may hang.
+// The clients come first, because the backtrace may hang.
 void handle_crash(int signum) {
   g_daemon.hang_up();
   crash_handler(signum);
@@ -260,9 +261,9 @@ void Daemon::terminate() {
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-// Shuts down the sockets of a service that ends with the process, null for none. The end of the process closes them
-// only if no closer still shares its descriptors. The service is marked as stopping, so that its producer does not take
-// this for the end of the service and remove the socket file. Async-signal-safe.
+// Shuts down the sockets of a service that ends with the process; null has no effect. The end of the process does not
+// close them while a closer shares its descriptors. The service is marked as stopping first: otherwise its producer
+// would take the shutdown for the end of the service and remove the socket file. Async-signal-safe.
 void hang_up_on_clients(ks_handle* service) {
   if (service == nullptr) return;
   std::atomic_ref(service->stopping) = 1;

@@ -1,11 +1,11 @@
 // Several processes may start at the same time; each sees the others in /proc, and exactly one must continue. Processes
 // are ordered by start time, then by pid. A process gives way to
 //   - every process that started before it, in any state;
-//   - every process that has passed this check, whenever it started: a process gets its name at exec, which may be
-//     earlier in one that was forked later, and a process in the background is a later fork of one that has passed.
-// All others started later and have not passed. Such a process will see this one and give way, unless it looked before
-// this one had its name; so this one waits until the other has ended or passed. A process has passed if it has a
-// handler for SIGTERM, which the daemon installs next.
+//   - every process that has passed this check, even if it started later. It may have looked before this process had
+//     its name, which a process gets at exec; and a process in the background is a later fork of one that has passed.
+// The remaining processes started later and have not passed. Such a process gives way when it sees this one, but passes
+// if it looked before this one had its name. So this process waits until each of them has ended or passed. A process
+// has passed if it has a handler for SIGTERM, which the daemon installs next.
 #include "daemon/reentry.h"
 
 #include <dirent.h>

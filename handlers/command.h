@@ -61,9 +61,12 @@ consteval Argument param(const char* name) {
 // The result of an action; see handlers/handler.h.
 enum class Outcome { success, failure, own, silent };
 
-// How the body is read. The skeleton reads the row's parameters, or nothing if there are none; or it reads all members
-// with the library's own conversions; or the action reads the body itself.
-enum class Reads { params, members, itself };
+// How the body is read.
+enum class Reads {
+  params,   // the skeleton reads the row's parameters; it reads no body if there are none
+  members,  // the skeleton parses the body; the action converts its members with the library's own conversions
+  itself,   // the action has the body read, or reads it itself
+};
 
 // Runs the row's program; exit status 0 is success.
 Outcome run_program(Request& request);

@@ -113,7 +113,8 @@ inline constexpr Action calls{Call<function>::run, Reads::params, Call<function>
 // `removal_tells` "cli_ret" is -1 if the output file could not be removed. Sends no reply if the program failed.
 Outcome relay_logged(Request& request, LoggedRun run, bool removal_tells = false);
 
-// The member `name` of an object or null, or the other value. Copies, like the library's get().
+// The member `name` of `object`, an object or null; or `otherwise` if it has none. Unlike the library's get(), does not
+// copy the result, which lives as long as the two arguments.
 const Json::Value& member_or(const Json::Value& object, std::string_view name, const Json::Value& otherwise);
 
 // Tells the dispatcher how long a handler has been writing its reply, which a hostile client can hold up. The request's

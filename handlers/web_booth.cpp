@@ -3,9 +3,8 @@
 //   request  {"action": "add", "delete" or "get_status", "auth_token": text, "rule_list": [{"bs_id": text,
 //            "des_protocol": scheme, "host_name": text, "des_port": number, "browser_type": text}]}
 //   runs     /usr/sbin/kesh with one verb per action. Only the first element of the list counts.
-//   reply    {"cli_ret": 0, "result": 0, "result_out": base64 of the output}; an error if the list is empty; none if
-//   the
-//            tool fails or the action is unknown or absent
+//   reply    {"cli_ret": 0, "result": 0, "result_out": base64 of the output}; an error if the list is empty; none
+//            if the tool fails or the action is unknown or absent
 #include <optional>
 #include <string>
 #include <utility>

@@ -31,7 +31,7 @@ PHASE_SECONDS = 3
 WARM_UP_PHASES = 5
 # More than the allocator's arenas vary; a leak of 100 bytes per request exceeds it.
 GROWTH_KIB = 2048
-KILLED = 0.05  # of all clients
+KILLED = 0.05  # the share of clients that are killed
 STAND_INS = pathlib.Path("/tmp/stand_in")
 STAGING = pathlib.Path("/tmp/vistalsurveillance_sendmail")
 LOST = 15  # ksctl: the connection ended without a reply

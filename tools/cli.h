@@ -76,7 +76,7 @@ int wrong_usage(const Subcommand& command, std::string_view why);
 // Prints an error message for a failed system call, from errno, and returns kExitLocal.
 int local_trouble(const Subcommand& command, std::string_view what);
 
-// Parses `text` as a decimal number from 0 to `max`. If it is not one, returns false and leaves *value unchanged.
+// Parses `text` as a decimal number from 0 to `max`. If it is no such number, returns false and leaves *value unchanged.
 bool parse_number(std::string_view text, unsigned max, unsigned* value);
 
 // The same for numbers that can be negative.
@@ -99,7 +99,7 @@ std::optional<int> read_service(const Subcommand& command, std::span<const Optio
 // Checks the conditions under which the framework would abort or report a misleading reason. Returns nullopt if the
 // service can be used, otherwise prints an error message and returns the exit status. A missing socket is not an error.
 // `descriptors` is the number of descriptors that must be free. Also occupies closed standard descriptors, so that no
-// socket or memory file gets such a number and swallows the output; reading and writing them fails.
+// socket or memory file gets such a number and swallows the output; reading or writing these descriptors fails.
 std::optional<int> check_service(const Subcommand& command, const Service& service, int descriptors);
 
 // Tries once to connect to a socket, without waiting, and hangs up. Returns 0 or an errno. EAGAIN means that the

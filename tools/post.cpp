@@ -1,5 +1,5 @@
 // `ksctl post-notify` and `ksctl post-log`: put one record into a message queue of the daemon, in place of the programs
-// that usually do.
+// that usually post there.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -63,7 +63,7 @@ int run_post_notify(int argc, char** argv) {
 }
 
 int run_post_log(int argc, char** argv) {
-  // Read as a connection record, which begins with the fields of an event record.
+  // The options fill a connection record, which begins with the fields of an event record.
   ConnectionRecord record{};
   record.time = std::time(nullptr);
   bool connection_only = false;

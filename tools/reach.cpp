@@ -17,7 +17,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kPollPeriod{5};
 
-// Tries at least once, until a connection is accepted or the time is over. Returns 0 or the last errno.
+// Tries until a connection is accepted or the time is over, at least once. Returns 0 or the last errno.
 int wait_for_accept(const std::string& path, std::chrono::seconds limit) {
   const Clock::time_point deadline = Clock::now() + limit;
   for (;;) {

@@ -31,7 +31,7 @@ constexpr std::size_t kArgument = sizeof(std::string) + sizeof(char*);
 // commands copy it at most twice.
 constexpr std::size_t kCopies = 3;
 
-// The library passes numbers that are not integers through a stream, and copies those that do not fit into its error
+// The library passes numbers that are not integers through a stream, and copies numbers out of range into its error
 // message. Legitimate numbers are shorter than this.
 constexpr std::size_t kLongNumber = 32;
 constexpr std::size_t kLongNumberCopies = 6;

@@ -76,7 +76,7 @@ int wrong_usage(const Subcommand& command, std::string_view why);
 // Prints an error message for a failed system call, from errno, and returns kExitLocal.
 int local_trouble(const Subcommand& command, std::string_view what);
 
-// Parses `text` as a decimal number from 0 to `max`. If it is no such number, returns false and leaves *value unchanged.
+// Parses `text` as a decimal number from 0 to `max`. Otherwise returns false and leaves *value unchanged.
 bool parse_number(std::string_view text, unsigned max, unsigned* value);
 
 // The same for numbers that can be negative.

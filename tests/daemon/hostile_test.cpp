@@ -446,6 +446,9 @@ TEST_F(Hostile, ALargeBodyStaysWithinItsMemoryLimitAndItsMemoryIsReturned) {
 
 // The closer shares all descriptors of the daemon and outlives it.
 TEST(End, HangsUpOnClientsWhileACloserWaits) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "closers are threads here";
+#endif
   if (emulated()) GTEST_SKIP() << "closers are threads here";
   for (const int signal : {SIGSEGV, SIGTERM}) {
     SCOPED_TRACE(signal);

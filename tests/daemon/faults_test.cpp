@@ -162,7 +162,6 @@ TEST(FaultsAtStart, AFaultAtStartAbortsEndsOrIsSurvived) {
       {FAULT_PTHREAD_CREATE, 3, 1, 0},  // without the main service
       // Threads created before: signals, two queues, two services, and the first worker of either service.
       {FAULT_PTHREAD_CREATE, 7, 1, -SIGKILL},
-      {FAULT_SOCKETPAIR, 0, 1, -SIGKILL},
       {FAULT_EPOLL_ADD, 0, 1, -SIGKILL},
   };
   for (const auto& row : rows) {

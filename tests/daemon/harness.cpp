@@ -75,7 +75,8 @@ StandIn::StandIn(std::string path) : path_(std::move(path)) {
 }
 
 StandIn::~StandIn() {
-  restore();
+  std::error_code not_away;
+  fs::rename(path_ + ".away", path_, not_away);
   plays("");
 }
 
@@ -100,11 +101,6 @@ std::vector<StandInCall> StandIn::calls() const {
 
 void StandIn::remove() const {
   fs::rename(path_, path_ + ".away");
-}
-
-void StandIn::restore() const {
-  std::error_code not_away;
-  fs::rename(path_ + ".away", path_, not_away);
 }
 
 void DaemonTest::SetUpTestSuite() {

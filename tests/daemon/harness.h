@@ -63,9 +63,8 @@ class StandIn {
   // of calls.
   void plays(const std::string& script) const;
   std::vector<StandInCall> calls() const;
-  // Takes the program away or puts it back.
+  // Takes the program away until the object is destroyed.
   void remove() const;
-  void restore() const;
 
  private:
   const std::string path_;

@@ -34,7 +34,6 @@ int run(const std::string& command) {
 TEST(StartUp, TheCheckOptionStartsAndStopsAtOnce) {
   EXPECT_EQ(run("vistalprod -t -x -\x01"), 0);
   EXPECT_EQ(read_file(kErrors), "Illegal option:-x\nIllegal option:-#\n");
-  EXPECT_THAT(read_file(kLogFile), ContainsRegex("\\[main\\]\\[[0-9]+\\] sock_name:/var/run/ks/494AC97B.sock\\.\n"));
   EXPECT_NE(access(kMainSocket, F_OK), 0);
 }
 
@@ -160,9 +159,8 @@ std::string traced(std::size_t from) {
 
 // Lines are complete and contain no arguments, bodies or replies; programs do not inherit the variable.
 TEST(Trace, RecordsTheEndOfRequestsAndProgramsWithoutTheirValues) {
-  const StandIn guard("/sbin/share_guard"), login("/sbin/kcli"), hardware("/sbin/hwctl_app");
+  const StandIn login("/sbin/kcli"), hardware("/sbin/hwctl_app");
   hardware.plays("delay 300\n");
-  guard.plays("exit 3\n");
   login.plays("stdout a\\nsession id 5e55\\n\nsignal 9\n");
   const Daemon daemon("env VISTALPROD_TRACE=" + std::string(kTraceFile) + " vistalprod");
   EXPECT_THAT(traced(0), testing::StartsWith("program client=- uid=- command=- program=/sbin/rdconf end=exit 0\n"));
@@ -173,11 +171,9 @@ TEST(Trace, RecordsTheEndOfRequestsAndProgramsWithoutTheirValues) {
   } rows[] = {
       {kMain, "exec_cli", R"({"command":["/bin/true"]})", "/bin/true end=exit 0", "replied"},
       {kMain, "exec_cli", R"({"command":["/no\n","s3cret"]})", "/no? end=exit 127", "replied"},
-      {kMain, "system_call_share_guard_add", R"({"share_name":"s3cret"})", "/sbin/share_guard end=exit 3", "replied"},
       {kMain, "get_sess_id", R"({"user":"u","pwd":"s3cret"})", "/sbin/kcli end=signal 9", "replied"},
       {kMain, "get_sess_id", R"(["s3cret"])", "", "hung up: exception"},
       {kMain, "reverse_proxy", R"({"action":"s3cret"})", "", "hung up"},
-      {kMail, "test", "s3cret", "", "replied"},
       {kMain, "unknown\ncommand", "", "", "unknown command"},
       {kMain, "get_vpd_channel", "", "/sbin/hwctl_app end=exit 0", "client gone"},
   };
@@ -209,18 +205,6 @@ TEST(Trace, AFileThatMakesItsOpenerWaitIsRefused) {
             "VISTALPROD_TRACE=" + fifo + ": not a regular file of this user, so there is no trace.\n");
 }
 
-// Keeps both queues full until it is destroyed.
-std::jthread feeder() {
-  return std::jthread([](const std::stop_token& done) {
-    const LogMessage message{.type = 1, .event = {}, .connection = {}};
-    while (!done.stop_requested()) {
-      msg_queue_send(kEventQueueKey, &message, kNotifyMessageSize);
-      msg_queue_send(kLogQueueKey, &message, kLogMessageSize);
-      std::this_thread::yield();
-    }
-  });
-}
-
 void expect_nothing_left() {
   EXPECT_NE(access(kMainSocket, F_OK), 0);
   for (const std::uint32_t key : {kEventQueueKey, kLogQueueKey}) {
@@ -228,7 +212,7 @@ void expect_nothing_left() {
   }
 }
 
-// Each stop signal is sent twice, during requests of both services, during events, and while clients wait.
+// Each stop signal is sent twice, during requests of both services and while clients wait.
 TEST(Stop, ABusyDaemonEndsWithItsMainRequestsAndHangsUpOnTheRest) {
   const StandIn script("/etc/init.d/vistalserver.sh");
   const StandIn mailer("/usr/sbin/sendmail");
@@ -247,7 +231,6 @@ TEST(Stop, ABusyDaemonEndsWithItsMainRequestsAndHangsUpOnTheRest) {
     EXPECT_TRUE(eventually([&] { return script.calls().size() + mailer.calls().size() == 7; }));
     std::vector<Peer> waiting;
     for (int i = 0; i < 200; ++i) waiting.emplace_back(kMainSocket);
-    const std::jthread feeding = feeder();
     kill(daemon.pid(), signal);
     ASSERT_EQ(daemon.stop(), 0);
     for (std::size_t i = 0; i < 7; ++i) EXPECT_EQ(answers[i].get().status, i < 2 ? KS_STATUS_OK : KS_STATUS_BROKEN);

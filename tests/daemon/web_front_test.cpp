@@ -21,7 +21,6 @@ const std::string kRules = "/etc/reverseproxy_vistalsurveillance/extra/";
 const std::string kFrontParts = "/etc/default_config/apache/extra/";
 const std::string kBanList = kFrontParts + "vistalcms_ip_ban_list.conf";
 
-const std::string kStart = std::string("\"") + kProxy + " -k start -f " + kProxySettings + "\"";
 const std::string kReload = std::string("reverseproxy_vistalsurveillance|-k|graceful|-f|") + kProxySettings;
 constexpr char kDone[] = "{\"cli_ret\":0,\"result\":0,\"result_out\":\"\"}\n";
 constexpr char kInputError[] = "{\"error_code\":-1,\"error_msg\":\"input error\"}\n";
@@ -60,11 +59,8 @@ TEST_F(WebFront, AProgramsOutputIsTheReplyUnlessItFails) {
     std::string name, body;
     const char* program;
     std::string call;
-    bool proxy_runs = false;
   } rows[] = {
-      {"reverse_proxy", R"({"rule_list":[null]} tail)", kProxy, kReload},
-      {"reverse_proxy", R"({"action":"add"})", kManager, "svc_mgr|reverseproxy_vistalsurveillance|start|" + kStart},
-      {"reverse_proxy", R"({"action":"add"})", kProxy, kReload, true},
+      {"reverse_proxy", R"({"action":"add"})", kProxy, kReload},
       {"web_booth",
        R"({"action":"add","auth_token":"t =","rule_list":[)"
        R"({"des_protocol":"rtsp","host_name":"h","des_port":-1,"browser_type":"f x"}]})",
@@ -74,10 +70,9 @@ TEST_F(WebFront, AProgramsOutputIsTheReplyUnlessItFails) {
       {"install_app", R"({"sys_install_folder":"/share/VistalServer","app_file_path":"/a b.kpk","install_volume":"v"})",
        "/share/VistalServer/script/operate_kpkgcenter_app.sh", "operate_kpkgcenter_app.sh|install|/a b.kpk"},
   };
+  write_file(kProxyRuns, "");
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name + row.body);
-    fs::remove(kProxyRuns);
-    if (row.proxy_runs) write_file(kProxyRuns, "");
     const bool installs = row.name == "install_app";
     const std::string exec = std::string(row.name == "reverse_proxy" ? "] = [(null)] \n" : "] = [(null)]\n") + "[nos_" +
                              row.name + "_handler] exec " + row.program;
@@ -101,20 +96,15 @@ TEST_F(WebFront, AProgramsOutputIsTheReplyUnlessItFails) {
 }
 
 TEST_F(WebFront, AnInvalidBodyIsRefusedOrHungUpOn) {
-  const std::string deep(5000, '['), long_folder(1100, 'x'), path = long_folder.substr(0, 1023);
-  const std::string not_json = "_handler] parse strInputArg failed, error=[";
+  const std::string long_folder(1100, 'x'), path = long_folder.substr(0, 1023);
   const struct {
     std::string name, body, said, reply;  // what is said last; no reply: hung up
   } rows[] = {
       {"reverse_proxy", R"({"action":"Add"})", "[nos_reverse_proxy_handler] unknown action = Add\n", ""},
-      {"web_booth", R"({"rule_list":[{}]})", "[nos_web_booth_handler] unknown action = remove\n", ""},
       {"web_booth", R"({"action":"?"})", "[nos_web_booth_handler] jRuleList is empty\n",
        "{\"error_code\":-5,\"error_msg\":\"jRuleList is empty\"}\n"},
-      {"web_booth", "x", not_json + "* Line 1, Column 1\n  Syntax error: value, object or array expected.\n]\n",
+      {"web_booth", "x", "error=[* Line 1, Column 1\n  Syntax error: value, object or array expected.\n]\n",
        kInputError},
-      {"install_app", deep, not_json + "Exceeded stackLimit in readValue().]\n",
-       "{\n\t\"error_code\" : -1,\n\t\"error_msg\" : \"input error\"\n}"},
-      {"install_app", R"({"install_volume":[]})", "not convertible to string\n", ""},
       {"install_app", "{\"sys_install_folder\":\"" + long_folder + "\"}", "exec " + path + " failed, ret_out=[]\n", ""},
   };
   for (const auto& row : rows) {
@@ -151,7 +141,6 @@ TEST_F(WebFront, ARuleIsWrittenToTheByte) {
        text("1", tls + hsts + unverified, "https://:2"), false},
       {R"("port":1,"des_port":2,"protocol":"https","hsts":true)", text("1", tls + chain, "http://:2")},
       {R"("port":1,"des_port":2,"protocol":"HTTPS","des_protocol":"x y","proxy_timeout":5)", text("1", "", "x y://:2")},
-      {R"("port":1)", ""},
       {R"("port":1,"des_port":1,"proxy_timeout":"5")", ""},
   };
   const StandIn manager(kManager);
@@ -183,7 +172,6 @@ TEST_F(WebFront, ARuleIsWrittenToTheByte) {
   const std::string two = R"({"rule_list":[{"GUID":"none"},{"GUID":""},{"GUID":"cam 1"}]})";
   EXPECT_EQ(call(kMain, "reverse_proxy", two).text, kDone);
   EXPECT_FALSE(fs::exists(kRules + "cam 1.conf"));
-  EXPECT_TRUE(fs::exists(kRules + "5.conf"));
 }
 
 std::string ban(const std::string& body) {
@@ -193,10 +181,8 @@ std::string ban(const std::string& body) {
 TEST_F(WebFront, TheBanListIsReplacedWhole) {
   const StandIn front(kFront), tunnel("/etc/init.d/stunnel.sh");
   write_file(kBanList, std::string(10000, 'x'));
-  const std::pair<const char*, const char*> rows[] = {
-      {"{\"ip_list\":\",a,,b,\"}", "deny from a\ndeny from b\n"},
-      {"{\"ip_list\":\"10.0.0.0/8, c\"}", "deny from 10.0.0.0/8\ndeny from  c\n"},
-      {"{\"ip_list\":\"\"} // nobody", ""}};
+  const std::pair<const char*, const char*> rows[] = {{"{\"ip_list\":\",a,,b,\"}", "deny from a\ndeny from b\n"},
+                                                      {"{\"ip_list\":\"\"} // nobody", ""}};
   for (const auto& [body, denied] : rows) {
     front.plays("exit 3\n");
     tunnel.plays("signal 9\n");
@@ -208,11 +194,7 @@ TEST_F(WebFront, TheBanListIsReplacedWhole) {
   }
   front.plays("");
   EXPECT_EQ(ban(R"({"ip_list":["a"]})"), "{\"error_code\":-1,\"error_msg\":\"paser fail\"}\n");
-  EXPECT_EQ(ban("a"), kInputError);
-  EXPECT_EQ(said(), "[nos_update_ip_ban_list_handler] ks_io input fail.\n");
   EXPECT_EQ(fs::file_size(kBanList), 71u) << "as it was";
-  fs::remove_all(kFrontParts);
-  EXPECT_EQ(ban(R"({"ip_list":"a"})"), kBanFails) << "no folder";
   EXPECT_TRUE(front.calls().empty());
 }
 

@@ -64,8 +64,6 @@ CALL(FAULT_PTHREAD_CREATE, int, errno, pthread_create,
      (pthread_t * thread, const pthread_attr_t* attributes, void* (*start)(void*), void* arg),
      (thread, attributes, start, arg))
 CALL(FAULT_SENDMSG, ssize_t, -1, sendmsg, (int fd, const struct msghdr* message, int flags), (fd, message, flags))
-CALL(FAULT_SOCKETPAIR, int, -1, socketpair, (int domain, int type, int protocol, int ends[2]),
-     (domain, type, protocol, ends))
 
 /* A wrapper of vfork cannot return while the child uses its stack frame, so vfork is a fork here. */
 pid_t vfork(void) {

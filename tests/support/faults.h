@@ -12,7 +12,6 @@ enum fault_kind { /* opening includes streams and templates; forking includes vf
                   FAULT_OPEN,
                   FAULT_PTHREAD_CREATE,
                   FAULT_SENDMSG,
-                  FAULT_SOCKETPAIR,
                   FAULT_KINDS
 };
 

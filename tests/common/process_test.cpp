@@ -116,12 +116,20 @@ TEST_F(ProcessTest, NoSignalHandlerOfOursRunsInAStartingProgram) {
 
 // If a program inherited another program's pipe, that pipe's reader would wait for ever.
 TEST_F(ProcessTest, KeepsConcurrentPipesApart) {
-  FILE* const first = popen_cmd_args(nullptr, out_.c_str(), nullptr, "w", "/bin/cat", nullptr);
-  FILE* const second = popen_cmd_args(nullptr, nullptr, nullptr, "w", "/bin/cat", nullptr);
-  std::fputs("text", first);
-  EXPECT_EQ(pclose_cmd(first), 0);
-  EXPECT_EQ(read_file(out_), "text");
-  EXPECT_EQ(pclose_cmd(second), 0);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([path = in_dir(std::to_string(i))] {
+      for (int round = 0; round < 25; ++round) {
+        FILE* const first = popen_cmd_args(nullptr, path.c_str(), nullptr, "w", "/bin/cat", nullptr);
+        FILE* const second = popen_cmd_args(nullptr, nullptr, nullptr, "w", "/bin/cat", nullptr);
+        std::fputs(path.c_str(), first);
+        ASSERT_EQ(pclose_cmd(first), 0);
+        ASSERT_EQ(read_file(path), path);
+        ASSERT_EQ(pclose_cmd(second), 0);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
 }
 
 // With standard streams closed, the daemon gets their numbers for the files of the call, in the wrong order

@@ -252,6 +252,17 @@ TEST_F(Commands, TheOutputOfCloudToolsIsReturnedWithoutALogLine) {
   EXPECT_EQ(new_log(), "") << "file names, arguments and tokens must not be in the log";
 }
 
+TEST_F(Commands, EntriesForTheLogsAreLoggedHereToo) {
+  const StandIn connections(kConnections);
+  connections.plays("exit 1\n");
+  answer("system_call_evrec_tool", R"({"log_mseg":"a b","log_type":4})");
+  answer("system_connrec_tool", body());
+  EXPECT_THAT(new_log(), testing::AllOf(testing::HasSubstr("] argv:2 , index:-t .\n"),
+                                        testing::HasSubstr("] argv:5 , index:a b .\n"),
+                                        testing::HasSubstr(" LogType:1 , ServiceType:-2, ActionType:3, LogMsg:m "),
+                                        testing::EndsWith("] fail .\n")));
+}
+
 TEST_F(Commands, APackageProgramThatFailsIsReportedWithItsStatus) {
   const StandIn viewer("/share/CayinMediaViewer/bin/rdconf"), agent(kAgent);
   viewer.plays("stdout a\\x00b\nbytes 1019\nstdout cd\nexit 3\n");

@@ -99,6 +99,10 @@ TEST_F(Mail, PlantedFilesInPlaceOfOutputAndRecordAreReplaced) {
          write_file(path, "");
          if (chown(path.c_str(), 65534, 65534) != 0) fs::remove(path);
        }},
+      {"a device that any user can make",
+       [](const std::string& path) {
+         if (mknod(path.c_str(), S_IFCHR | 0666, 0) == 0 && chown(path.c_str(), 65534, 65534) != 0) fs::remove(path);
+       }},
       {"file system in user space that does not answer",
        [](const std::string& path) {
          write_file(path, "");

@@ -125,4 +125,16 @@ TEST_F(Relay, RecordsOfOneSecondAreNumberedUpToAThousand) {
   EXPECT_THAT(lines.at(1001), testing::HasSubstr("\"-5000\""));
 }
 
+TEST_F(Relay, WithoutTheServiceEachMessageIsOneLogLine) {
+  const long event = 1;  // the type alone
+  post(kEventQueueKey, &event, 0);
+  EXPECT_TRUE(eventually([&] { return new_log().ends_with('\n'); }));
+  post_log(kEventLogType, 1);
+  post_log(kConnectionLogType, 1);
+  const std::string lines =
+      ".*notify_handler\\]\\[222\\] eventlog_handler fail\n.* \\[eventlog_handler\\]\\[286\\] "
+      "eventlog_handler fail\n.* \\[eventlog_handler\\]\\[321\\] eventlog_handler fail\n";
+  EXPECT_TRUE(eventually([&] { return testing::Matches(MatchesRegex(lines))(new_log()); })) << new_log();
+}
+
 }  // namespace

@@ -59,6 +59,12 @@ TEST_F(GuardedTest, EveryWriteToAMemoryFileAppends) {
          return std::fputc('r', UniqueStream(ks_io_freopen(io, "a", stream)).get()) == 'r';
        },
        "r"},
+      {"ks_io_get",
+       [&] {
+         ks_io_set(io, ~0ull);
+         return ks_io_get(io) == ~0ull;
+       },
+       ""},
   };
   std::string expected;
   for (const auto& row : rows) {

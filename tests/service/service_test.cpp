@@ -51,6 +51,31 @@ TEST_P(EveryMode, RequestsOfWorkersThatLeaveThemUnmappedAreUnmapped) {
   EXPECT_EQ(call(service.name(), "mapped", "body"), Reply(0, "0b"));
 }
 
+// The first descriptor that is left to a closer makes a process map the list of them.
+TEST_F(ServiceTest, ManyConformingClientsNeedNoCloser) {
+  const auto shared_mappings = [] {
+    std::ifstream maps("/proc/self/maps");
+    int count = 0;
+    for (std::string line; std::getline(maps, line);) count += line.find(" rw-s ") != std::string::npos ? 1 : 0;
+    return count;
+  };
+  const ChildOutcome outcome = in_child([&] {
+    const int before = shared_mappings();
+    Service service(path(), kThreads, 2);
+    service.start();
+    {
+      std::vector<std::jthread> clients;
+      for (int i = 0; i < 8; ++i) {
+        clients.emplace_back([&] {
+          for (int n = 0; n < 200; ++n) call(service.name(), "echo", "body");
+        });
+      }
+    }
+    if (shared_mappings() != before) _exit(1);
+  });
+  EXPECT_EQ(outcome.status, 0) << outcome.error;
+}
+
 TEST_F(ServiceTest, APausedOrFullServiceRefusesNewClientsAndServesTheWaitingInOrder) {
   Service service(path(), kThreads, 1);
   ks_pause(service.handle());
@@ -380,28 +405,6 @@ TEST_F(ServiceTest, AFailedCallReturnsItsStatusAndAnEmptyRecord) {
   while (backlog.size() < 10) backlog.emplace_back(path());
   EXPECT_EQ(ks_call(("@" + path()).c_str(), "request", io, 0, -1), KS_STATUS_CONNECT);
   ks_io_free(io);
-}
-
-TEST_F(ServiceTest, AReplyThatIsTruncatedWhileItIsCopiedIsShort) {
-  constexpr off_t kSize = 8 << 20;
-  constexpr int kCalls = 20;
-  const UniqueFd service = listen_at(path());
-  std::jthread hand([&] {
-    for (int i = 0; i < kCalls; ++i) {
-      Peer peer(accept(service.get(), nullptr, nullptr));
-      EXPECT_EQ(peer.record(KS_DIR_ASK).next(), KS_DIR_REQUEST);
-      const UniqueFd file(receive_descriptor(peer.fd(), steady_clock::now() + std::chrono::seconds(1)));
-      EXPECT_EQ(ftruncate(file.get(), kSize), 0);
-      peer.record(KS_DIR_DONE);
-      std::this_thread::sleep_for(std::chrono::microseconds(100 * i));  // somewhere in the copying
-      EXPECT_EQ(ftruncate(file.get(), 1), 0);
-    }
-  });
-  for (int i = 0; i < kCalls; ++i) {
-    const auto [status, reply] = call("@" + path(), "request");
-    EXPECT_EQ(status, KS_STATUS_OK);
-    EXPECT_LE(reply.size(), kSize);
-  }
 }
 
 }  // namespace

@@ -23,7 +23,9 @@ KIB, MIB = 1 << 10, 1 << 20
 PEERS, PROGRAM = sys.argv[1:3]
 QUICK = "--quick" in sys.argv
 # Seconds of a turn; number of turns; a column that has used this many seconds gets no further turns.
-TURN, TURNS, MOST = (0.02, 3, 0.3) if QUICK else (0.1, 6, 1.5)
+TURN, TURNS, MOST = (0.02, 3, 0.3) if QUICK else (0.1, 6, 2.5)
+# A turn with large bodies: several calls, because what a server does after its reply delays only the next call.
+LARGE, LONG_TURN = 16 * MIB, 0.5
 BODIES = [0, 200, 4 * KIB, 64 * KIB, MIB] + ([] if QUICK else [16 * MIB, 64 * MIB])
 SUMMARY = [200, 64 * KIB, MIB if QUICK else 16 * MIB]  # bodies in the first table
 PLACEMENTS = [(1, 1), (1, 2), (8, 2)]  # clients, cores
@@ -90,7 +92,7 @@ def compare(clients, contenders, size=0):
             if spent[contender] < MOST:
                 if size < MIB:  # warms the caches up; with a large body this makes no difference
                     turn(clients, contender, size)
-                each = turn(clients, contender, size, TURN)
+                each = turn(clients, contender, size, TURN if size < LARGE else LONG_TURN)
                 results[contender] += each
                 spent[contender] += sum(each) / len(clients)
     return results

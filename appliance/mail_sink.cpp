@@ -5,7 +5,7 @@
 // when a client is told that its mail is accepted, the mail is in FILE.
 //
 // It supports enough SMTP for the system's mail program. It accepts any sender, recipient, user and password, except
-// recipients that begin with "nobody" and the user "stranger".
+// recipients that begin with "refused" and the user "refused".
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <strings.h>
@@ -21,8 +21,8 @@
 
 namespace {
 
-constexpr char kRefusedRecipient[] = "RCPT TO:<nobody";
-constexpr char kRefusedUser[] = "c3RyYW5nZXI=";  // base64 of "stranger"
+constexpr char kRefusedRecipient[] = "RCPT TO:<refused";
+constexpr char kRefusedUser[] = "cmVmdXNlZA==";  // base64 of "refused"
 
 [[noreturn]] void fail(const char* what) {
   perror(what);

@@ -94,7 +94,7 @@ TEST_F(Mail, PlantedFilesInPlaceOfOutputAndRecordAreReplaced) {
       {"second name", [&](const std::string& path) { fs::create_hard_link(victim, path); }},
       {"pipe", [](const std::string& path) { ASSERT_EQ(mkfifo(path.c_str(), 0666), 0); }},
       {"folder", [](const std::string& path) { fs::create_directories(path + "/taken"); }},
-      {"stranger's",
+      {"another user's",
        [](const std::string& path) {
          write_file(path, "");
          if (chown(path.c_str(), 65534, 65534) != 0) fs::remove(path);

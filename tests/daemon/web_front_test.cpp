@@ -182,7 +182,7 @@ TEST_F(WebFront, TheBanListIsReplacedWhole) {
   const StandIn front(kFront), tunnel("/etc/init.d/stunnel.sh");
   write_file(kBanList, std::string(10000, 'x'));
   const std::pair<const char*, const char*> rows[] = {{"{\"ip_list\":\",a,,b,\"}", "deny from a\ndeny from b\n"},
-                                                      {"{\"ip_list\":\"\"} // nobody", ""}};
+                                                      {"{\"ip_list\":\"\"} // empty", ""}};
   for (const auto& [body, denied] : rows) {
     front.plays("exit 3\n");
     tunnel.plays("signal 9\n");

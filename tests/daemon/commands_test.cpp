@@ -132,6 +132,7 @@ TEST_F(Commands, TheOutputOfAProgramBecomesTheReply) {
   } rows[] = {
       {"get_vpd_channel", kHardware, "stdout a name = \\n A  B\\n \\n\n", channel("A  B")},
       {"get_vpd_channel", kHardware, "stdout n=v\\x00w=x\nstderr a=b=c\nexit 3\n", channel("v")},
+      {"get_vpd_channel", kHardware, "stdout n=v\nlinger 100\n", channel("v")},
       {"get_vpd_channel", kHardware, "stdout n=\nbytes 10485760\n", channel(std::string(10485760, '#'))},
       {"get_vpd_channel", kHardware, "stdout n=v=w\\n\n", failed_command("get_vpd_channel")},
       {"get_vpd_ext_area", kHardware, "stdout A B\\nC\\n\nexit 1\n", ok("vpd_ext_area", "ABC")},

@@ -80,6 +80,8 @@ TEST_F(Mail, ASentMailLeavesItsRecordAndNoStagedFiles) {
 }
 
 TEST_F(Mail, TheExitStatusOfTheMailProgramIsTheResult) {
+  program_.plays("bytes 10485760\nlinger 50\nexit 4\n");
+  EXPECT_EQ(send_mail("", ""), result(4));
   program_.plays("signal 9\n");
   EXPECT_EQ(send_mail("", ""), result(137));
   program_.remove();

@@ -57,6 +57,8 @@ constexpr std::chrono::minutes kLongRequest{1};
 
 // Enough for two services with 1000 waiting clients each and for the requests being served.
 constexpr unsigned long kWantedDescriptors = 4096;
+// Clients are hung up on only below this number; the kernel assigns the lowest free one.
+constexpr unsigned long kMostSearched = 65536;
 
 // The state of the process. Only the main thread uses it, except for terminate(), which the signal thread calls.
 class Daemon {
@@ -270,7 +272,8 @@ void hang_up_on_clients(ks_handle* service) {
   const char* const path = service->sockfile;
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
-  const auto end = std::max<rlim_t>(limit.rlim_cur, kWantedDescriptors);  // a library call may have lowered the limit
+  // A library call may have lowered the limit, and a container may have set one of a thousand million.
+  const auto end = std::clamp<rlim_t>(limit.rlim_cur, kWantedDescriptors, kMostSearched);
   for (int fd = STDERR_FILENO + 1; fd < static_cast<int>(end); ++fd) {
     int domain = 0;
     socklen_t size = sizeof(domain);

@@ -4,7 +4,8 @@ PEERS is the program of peers.cpp, PROGRAM one that exits at once. Runs in the s
 be started and a platform program replaced.
 
 Other load on the machine changes the times from minute to minute. The columns of one row therefore take turns in short
-slices: a disturbance affects all of them, and the ratios stay valid.
+slices: a disturbance affects all of them, and the ratios stay valid. Two starts of the same program differ by some 8 %,
+so each row consists of several rounds with new processes.
 """
 
 import array
@@ -22,8 +23,8 @@ import tempfile
 KIB, MIB = 1 << 10, 1 << 20
 PEERS, PROGRAM = sys.argv[1:3]
 QUICK = "--quick" in sys.argv
-# Seconds of a turn; number of turns; a column that has used this many seconds gets no further turns.
-TURN, TURNS, MOST = (0.02, 3, 0.3) if QUICK else (0.1, 6, 2.5)
+# Rounds; turns in a round; seconds of a turn; a column that has used this many seconds gets no further turns.
+ROUNDS, TURNS, TURN, MOST = (1, 3, 0.02, 0.3) if QUICK else (3, 6, 0.1, 0.8)
 # A turn with large bodies: several calls, because what a server does after its reply delays only the next call.
 LARGE, LONG_TURN = 16 * MIB, 0.5
 BODIES = [0, 200, 4 * KIB, 64 * KIB, MIB] + ([] if QUICK else [16 * MIB, 64 * MIB])
@@ -111,7 +112,8 @@ def medians(results):
 Row = collections.namedtuple("Row", "clients cores size median slowest rate")  # the last two of ks_call
 
 
-def measure_placement(clients, cores):
+def measure_round(clients):
+    """For each size of a body, the seconds of every call of each column."""
     with contextlib.ExitStack() as stack:
         directory = stack.enter_context(tempfile.TemporaryDirectory())
         bus = f"unix:path={directory}/daemon"
@@ -121,12 +123,18 @@ def measure_placement(clients, cores):
             stack.enter_context(process(PEERS, role, directory))
         callers = [stack.enter_context(process(PEERS, "client", directory)) for _ in range(clients)]
         turn(callers, "test")  # the daemon is up
-        for size in BODIES:
-            results = compare(callers, COLUMNS, size)
-            ours = results["ks_call"]
-            row = Row(clients, cores, size, medians(results), quantile(ours, 0.99), clients * len(ours) / sum(ours))
-            print(row_text(row), file=sys.stderr)
-            yield row
+        return {size: compare(callers, COLUMNS, size) for size in BODIES}
+
+
+def measure_placement(clients, cores):
+    rounds = []
+    for number in range(ROUNDS):
+        print(f"{clients} on {cores}, round {number + 1} of {ROUNDS}", file=sys.stderr)
+        rounds.append(measure_round(clients))
+    for size in BODIES:
+        results = {column: sum((each[size][column] for each in rounds), array.array("d")) for column in COLUMNS}
+        ours = results["ks_call"]
+        yield Row(clients, cores, size, medians(results), quantile(ours, 0.99), clients * len(ours) / sum(ours))
 
 
 def measure_calls():

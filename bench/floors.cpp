@@ -22,8 +22,8 @@ UniqueFd socket_at(const std::string& path, int (*attach)(int, const sockaddr*, 
   return sockfd;
 }
 
-// Waits for `size` bytes and returns the descriptor that comes with the last byte. One system call, which the framework
-// needs only if all has arrived already.
+// Waits for `size` bytes and returns the descriptor that comes with the last byte. One system call, unlike in the
+// framework, which reads a record and its descriptor separately and without waiting.
 UniqueFd receive(int sockfd, void* data, std::size_t size) {
   iovec payload{.iov_base = data, .iov_len = size};
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];

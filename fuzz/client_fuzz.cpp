@@ -62,7 +62,7 @@ void attack(Input& input, Client& client, ks_epoll* epoll) {
       break;
     }
     case 3:  // its request
-      if (int memfd; read_request(fd, &record, &memfd, {})) client.memory.reset(memfd);
+      if (read_directive(fd, &record)) client.memory.reset(receive_descriptor(fd, {}));
       break;
     case 4:
       if (ftruncate(client.memory.get(), static_cast<off_t>(input.flag()) << input.below(63)) != 0) break;

@@ -83,58 +83,14 @@ int take_first_descriptor(int sockfd, msghdr* header) {
   return -1;
 }
 
-// Receives what has arrived. Returns the number of bytes, or -1.
-ssize_t receive_now(int sockfd, int flags, msghdr* header) {
-  ssize_t got;
-  do {
-    got = recvmsg(sockfd, header, flags | MSG_DONTWAIT);
-  } while (got < 0 && errno == EINTR);
-  return got;
-}
-
-// Discards the descriptors that are attached to a record; false if there are too many.
-bool discard_attached(int sockfd, msghdr* header) {
-  std::size_t count = 0;
-  for_each_descriptor(header, [sockfd, &count](int fd) {
-    ks_discard(fd, ks_peer(sockfd).uid);
-    ++count;
-  });
-  return count <= kMostTaken;
-}
-
 int receive(int sockfd, int flags, const Clock::time_point* deadline) {
   char byte;
   Message message(&byte, sizeof(byte), sizeof(message.control));
   ssize_t got;
   do {
-    if (!wait_readable(sockfd, deadline)) return -1;
-    got = receive_now(sockfd, flags, &message.header);
-  } while (got < 0 && errno == EAGAIN);
+    got = recvmsg(sockfd, &message.header, flags | MSG_DONTWAIT);  // usually it has already arrived
+  } while (got < 0 && (errno == EINTR || (errno == EAGAIN && wait_readable(sockfd, deadline))));
   return got < 1 ? -1 : take_first_descriptor(sockfd, &message.header);
-}
-
-// Usually the record and the message behind it have both arrived, and one system call receives them. A descriptor that
-// is attached to the record is not taken for the one behind it: the kernel ends a receive at the first message that
-// carries any.
-bool read_with_descriptor(int sockfd, int flags, const Clock::time_point* deadline, ks_directive_type type,
-                          directive* record, int* fd) {
-  struct {
-    directive record;
-    char byte;
-  } bytes;
-  Message message(&bytes, sizeof(bytes), sizeof(message.control));
-  const ssize_t got = receive_now(sockfd, flags, &message.header);
-  *fd = -1;
-  if (got < 0) return false;
-  if (got == sizeof(bytes)) {
-    *fd = take_first_descriptor(sockfd, &message.header);
-  } else if (!discard_attached(sockfd, &message.header) || got != sizeof(directive)) {
-    return false;
-  } else if (bytes.record.type == type) {
-    *fd = receive(sockfd, flags, deadline);
-  }
-  *record = bytes.record;
-  return true;
 }
 
 }  // namespace
@@ -155,8 +111,17 @@ bool send_directive(int sockfd, ks_directive_type type) {
 
 bool read_directive(int sockfd, directive* record) {
   Message message(record, sizeof(*record), sizeof(message.control));
-  const ssize_t got = receive_now(sockfd, MSG_CMSG_CLOEXEC, &message.header);
-  return got >= 0 && discard_attached(sockfd, &message.header) && got == sizeof(*record);
+  ssize_t got;
+  do {
+    got = recvmsg(sockfd, &message.header, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+  } while (got < 0 && errno == EINTR);
+  if (got < 0) return false;
+  std::size_t count = 0;
+  for_each_descriptor(&message.header, [sockfd, &count](int fd) {
+    ks_discard(fd, ks_peer(sockfd).uid);
+    ++count;
+  });
+  return got == sizeof(*record) && count <= kMostTaken;
 }
 
 bool send_descriptor(int sockfd, int fd) {
@@ -179,10 +144,6 @@ int receive_descriptor(int sockfd, Clock::time_point deadline) {
   return receive(sockfd, MSG_CMSG_CLOEXEC, &deadline);
 }
 
-bool read_transfer(int sockfd, directive* record, int* fd) {
-  return read_with_descriptor(sockfd, 0, nullptr, KS_DIR_TRANSFER, record, fd);
-}
-
-bool read_request(int sockfd, directive* record, int* fd, Clock::time_point deadline) {
-  return read_with_descriptor(sockfd, MSG_CMSG_CLOEXEC, &deadline, KS_DIR_REQUEST, record, fd);
+int receive_connection(int sockfd) {
+  return receive(sockfd, 0, nullptr);
 }

@@ -43,16 +43,11 @@ bool send_descriptor(int sockfd, int fd);
 // Sends such a message without a descriptor. The receiver of the preceding record waits for a message.
 void send_no_descriptor(int sockfd);
 
-// Receives one descriptor-passing message, at the latest by `deadline`, and returns its first descriptor, which is
-// close-on-exec and belongs to the caller. Discards all others. Returns -1 when the message is empty, carries no
-// descriptor or more than two, or does not arrive in time.
-int receive_descriptor(int sockfd, std::chrono::steady_clock::time_point deadline);
-
-// Each reads a record as read_directive does and receives the descriptor-passing message that follows a transfer or a
-// request. *fd is then the descriptor, which belongs to the caller, or -1 as above.
+// Receives one descriptor-passing message and returns its first descriptor, which the caller then owns. Discards all
+// others. Returns -1 when the message is empty, carries no descriptor or more than two, or does not arrive in time.
 //
-// From the producer: the connection is inheritable, as all are, and the wait ends only when it arrives or the producer
-// is gone.
-bool read_transfer(int sockfd, directive* record, int* fd);
-// From a client: the memory file is close-on-exec, and the wait ends at `deadline`.
-bool read_request(int sockfd, directive* record, int* fd, std::chrono::steady_clock::time_point deadline);
+// From a client: the descriptor is close-on-exec, and the wait ends at `deadline`.
+int receive_descriptor(int sockfd, std::chrono::steady_clock::time_point deadline);
+// From the producer: the descriptor is inheritable, as all connections are, and the wait ends only when it arrives or
+// the producer is gone.
+int receive_connection(int sockfd);

@@ -87,15 +87,11 @@ void take_over_environment(pid_t peer) {
   std::free(text);
 }
 
-// Receives the record and the descriptors of a request and makes the request; null on failure.
-ks_io* receive_request(ks_worker* worker, received_fd* extra) {
+// Receives the descriptors that follow the request record and makes the request; null on failure.
+ks_io* receive_request(ks_worker* worker, const directive& record, received_fd* extra) {
   const auto deadline = Clock::now() + kHandoverTimeout;
-  directive record;
-  int fd;
-  const bool is_record = read_request(worker->client_fd, &record, &fd, deadline);
-  received_fd memfd(worker->client.uid, fd);
-  // Clients may send only requests. A transfer or quit record from a client is forged.
-  if (!is_record || record.type != KS_DIR_REQUEST || !memfd) return nullptr;
+  received_fd memfd(worker->client.uid, receive_descriptor(worker->client_fd, deadline));
+  if (!memfd) return nullptr;
   if ((record.flag & 1) != 0) {
     extra->reset(receive_descriptor(worker->client_fd, deadline));
     if (!*extra) return nullptr;
@@ -114,10 +110,9 @@ void set_credentials(const ks_worker* worker, ks_io* io) {
   if ((worker->type & KS_PROCESS_MODE) != 0) take_over_environment(io->peer_pid);
 }
 
-void serve_client(ks_worker* worker, std::uint32_t events) {
-  if (events == kPeerClosed) return drop_client(worker);
+void serve_request(ks_worker* worker, const directive& record) {
   received_fd extra(worker->client.uid);
-  ks_io* io = receive_request(worker, &extra);
+  ks_io* io = receive_request(worker, record, &extra);
   if (io == nullptr) {
     extra.reset();
     return drop_client(worker);
@@ -128,9 +123,9 @@ void serve_client(ks_worker* worker, std::uint32_t events) {
   worker->exec(io->request_name, io, extra.release());
 }
 
-// Takes over a client that came over the control socket, asks for its request and watches it.
-void accept_transfer(ks_worker* worker, const directive& record, int client) {
-  worker->client_fd = client;
+// Receives a client over the control socket, asks for its request and watches it.
+void accept_transfer(ks_worker* worker, const directive& record) {
+  worker->client_fd = receive_connection(worker->sockfd[0]);
   // Tells the producer that its copy is the last one, whose close could wait.
   if (worker->client_fd < 0) std::atomic_ref(worker->transfer_failed).store(1);
   // The echo tells the producer that its copy of the client is no longer needed.
@@ -150,16 +145,24 @@ void accept_transfer(ks_worker* worker, const directive& record, int client) {
 void serve_control(ks_worker* worker, std::uint32_t events) {
   directive record;
   if (events == kPeerClosed) return leave_loop(worker);
-  int client;
-  if (!read_transfer(worker->sockfd[0], &record, &client)) {
+  if (!read_directive(worker->sockfd[0], &record)) {
     // Nothing to read: the producer is gone, and its loss was reported with an error.
     if ((events & (EPOLLHUP | EPOLLERR)) != 0) leave_loop(worker);
   } else if (record.type == KS_DIR_TRANSFER) {
-    accept_transfer(worker, record, client);
+    accept_transfer(worker, record);
   } else {
     // Quit, or a record that no producer sends.
     leave_loop(worker);
   }
+}
+
+// Clients may send only requests. A transfer or quit record from a client is forged.
+void serve_client(ks_worker* worker, std::uint32_t events) {
+  directive record;
+  if (events == kPeerClosed || !read_directive(worker->client_fd, &record) || record.type != KS_DIR_REQUEST) {
+    return drop_client(worker);
+  }
+  serve_request(worker, record);
 }
 
 void report_silence(const ks_worker* worker) {

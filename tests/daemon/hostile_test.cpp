@@ -187,6 +187,8 @@ const struct {
     {"read-only file, empty", hands_over("/proc/self/fd/" + std::to_string(kEmptyFile.get()), O_RDONLY)},
     {"file on disk", hands_over("/usr/lib/odd", O_RDWR | O_CREAT)},
     {"file of another file system in memory", hands_over("/dev/shm/odd", O_RDWR | O_CREAT)},
+    {"the memory file attached to the request and a byte",
+     [](Peer& p) { p.message(record_of(KS_DIR_REQUEST, 0, "test") + "x", {kBody}); }},
     {"a socket that lingers, attached to the request",
      [](Peer& p) { p.message(record_of(KS_DIR_REQUEST, 0, "test"), {Lingering()}).fds({kBody}); }, End::served},
     {"a socket that lingers, with an urgent byte",

@@ -99,6 +99,10 @@ def compare(clients, contenders, size=0):
     return results
 
 
+def pool(rounds):
+    return {column: sum((each[column] for each in rounds), array.array("d")) for column in rounds[0]}
+
+
 def quantile(values, share):
     return sorted(values)[max(math.ceil(share * len(values)), 1) - 1]
 
@@ -132,7 +136,7 @@ def measure_placement(clients, cores):
         print(f"{clients} on {cores}, round {number + 1} of {ROUNDS}", file=sys.stderr)
         rounds.append(measure_round(clients))
     for size in BODIES:
-        results = {column: sum((each[size][column] for each in rounds), array.array("d")) for column in COLUMNS}
+        results = pool([each[size] for each in rounds])
         ours = results["ks_call"]
         yield Row(clients, cores, size, medians(results), quantile(ours, 0.99), clients * len(ours) / sum(ours))
 
@@ -159,7 +163,7 @@ def measure_costs():
         idle, own = resident(daemon.pid)
         requests = len(turn([client], "test", 200, 0.5 if QUICK else 10))
         after = resident(daemon.pid)[0]
-        return medians(compare([client], ["fork", "command"])), [
+        return medians(pool([compare([client], ["fork", "command"]) for _ in range(ROUNDS)])), [
             ("resident size, idle", f"{idle} KiB", f"of that its own: {own} KiB"),
             (f"resident size, after {requests} requests", f"{after} KiB", f"grown by {after - idle} KiB"),
         ]

@@ -85,8 +85,8 @@ def turn(clients, contender, size=0, seconds=0.0):
 
 
 def compare(clients, contenders, size=0):
-    """The seconds of every call of each contender."""
-    results = {contender: array.array("d") for contender in contenders}
+    """For each contender its turns, and for each turn the seconds of every call."""
+    results = {contender: [] for contender in contenders}
     spent = dict.fromkeys(contenders, 0.0)
     for _ in range(TURNS):
         for contender in contenders:
@@ -94,13 +94,13 @@ def compare(clients, contenders, size=0):
                 if size < MIB:  # warms the caches up; with a large body this makes no difference
                     turn(clients, contender, size)
                 each = turn(clients, contender, size, TURN if size < LARGE else LONG_TURN)
-                results[contender] += each
+                results[contender].append(each)
                 spent[contender] += sum(each) / len(clients)
     return results
 
 
 def pool(rounds):
-    return {column: sum((each[column] for each in rounds), array.array("d")) for column in rounds[0]}
+    return {column: [turn for each in rounds for turn in each[column]] for column in rounds[0]}
 
 
 def quantile(values, share):
@@ -108,7 +108,8 @@ def quantile(values, share):
 
 
 def medians(results):
-    return {contender: quantile(each, 0.5) for contender, each in results.items()}
+    """For each contender the median of its turns' medians: a fast turn with many calls counts no more than a slow one."""
+    return {contender: quantile([quantile(turn, 0.5) for turn in turns], 0.5) for contender, turns in results.items()}
 
 
 # ---- Measurements
@@ -117,7 +118,7 @@ Row = collections.namedtuple("Row", "clients cores size median slowest rate")  #
 
 
 def measure_round(clients):
-    """For each size of a body, the seconds of every call of each column."""
+    """For each size of a body, the turns of each column."""
     with contextlib.ExitStack() as stack:
         directory = stack.enter_context(tempfile.TemporaryDirectory())
         bus = f"unix:path={directory}/daemon"
@@ -137,7 +138,7 @@ def measure_placement(clients, cores):
         rounds.append(measure_round(clients))
     for size in BODIES:
         results = pool([each[size] for each in rounds])
-        ours = results["ks_call"]
+        ours = [seconds for turn in results["ks_call"] for seconds in turn]
         yield Row(clients, cores, size, medians(results), quantile(ours, 0.99), clients * len(ours) / sum(ours))
 
 

@@ -108,7 +108,7 @@ def quantile(values, share):
 
 
 def medians(results):
-    """For each contender the median of its turns' medians: a fast turn with many calls counts no more than a slow one."""
+    """For each contender the median of its turns' medians: a fast turn, with more calls, counts no more than others."""
     return {contender: quantile([quantile(turn, 0.5) for turn in turns], 0.5) for contender, turns in results.items()}
 
 

@@ -60,7 +60,7 @@ class Echo {
   }
 
  private:
-  std::unique_ptr<char[]> buffer_ = std::make_unique_for_overwrite<char[]>(kLargestBody);
+  std::unique_ptr<char[]> buffer_ = std::make_unique<char[]>(kLargestBody);
 };
 
 UniqueFd make_body(const std::string& body) {

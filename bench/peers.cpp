@@ -31,7 +31,7 @@ struct FreeBuffer {
 // ---- The echo by the framework
 
 void echo(const char*, ks_io* io, int) {
-  thread_local const auto buffer = std::make_unique_for_overwrite<char[]>(kLargestBody);
+  thread_local const auto buffer = std::make_unique<char[]>(kLargestBody);
   const ssize_t got = pread(ks_io_fd(io), buffer.get(), kLargestBody, 0);
   check(got >= 0, "echo reads");
   ks_io_realloc(io, 0);

@@ -10,6 +10,7 @@
 
 #include "common/unique_fd.h"
 
+// Servers fill their buffers of this size with zeros: otherwise the first large bodies would be slower.
 inline constexpr std::size_t kLargestBody = 64 << 20;
 
 // Unless `operation` succeeded, prints the error in errno and ends the process.

@@ -57,7 +57,7 @@ constexpr std::chrono::minutes kLongRequest{1};
 
 // Enough for two services with 1000 waiting clients each and for the requests being served.
 constexpr unsigned long kWantedDescriptors = 4096;
-// Clients are hung up on only below this number; the kernel assigns the lowest free one.
+// No client has a larger number: the kernel assigns the lowest free one, and far fewer descriptors are open.
 constexpr unsigned long kMostSearched = 65536;
 
 // The state of the process. Only the main thread uses it, except for terminate(), which the signal thread calls.

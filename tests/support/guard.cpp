@@ -49,8 +49,8 @@ std::map<int, std::string> open_descriptors(pid_t process) {
   for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/fd")) {
     std::error_code gone;
     const std::string target = std::filesystem::read_symlink(entry, gone).string();
-    // The directory that is being read shows itself.
-    if (target.rfind("/proc/", 0) != 0) found[std::stoi(entry.path().filename())] = target;
+    // The directory that is being read shows itself, and so does what a closer reads.
+    if (!gone && target.rfind("/proc/", 0) != 0) found[std::stoi(entry.path().filename())] = target;
   }
   return found;
 }

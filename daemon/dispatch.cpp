@@ -158,11 +158,12 @@ void run(const CommandRow& row, const Client& client, UniqueIo io) {
     return;
   }
   if (!join(thread, *call)) {
-    // The handler's thread owns the record now, but shutting its connection down is safe.
     call->request.end("left behind");
-    shutdown(call->io->sockfd, SHUT_RDWR);
+    // Counted first: the client may send its next request as soon as it is hung up on.
     g_abandoned_handlers->enter(client.uid);
     call->is_abandoned = true;
+    // The handler's thread owns the record now, but shutting its connection down is safe.
+    shutdown(call->io->sockfd, SHUT_RDWR);
   }
   release(call);
 }

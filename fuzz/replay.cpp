@@ -13,7 +13,6 @@ int main(int argc, char** argv) {
     std::fflush(stdout);  // the last one named is the one that fails
     std::ifstream file(entry.path(), std::ios::binary);
     const std::string input{std::istreambuf_iterator<char>(file), {}};
-    file.close();  // a fuzzer may count descriptors
     LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(input.data()), input.size());
     ++count;
   }

@@ -190,19 +190,20 @@ const struct {
     {"the memory file attached to the request and a byte",
      [](Peer& p) { p.message(record_of(KS_DIR_REQUEST, 0, "test") + "x", {kBody}); }},
     {"a socket that lingers, attached to the request",
-     [](Peer& p) { p.message(record_of(KS_DIR_REQUEST, 0, "test"), {Lingering()}).fds({kBody}); }, End::served},
+     [](Peer& p) { p.message(record_of(KS_DIR_REQUEST, 0, "test"), {Lingering()}).fds({kBody}); }, End::served, true},
     {"a socket that lingers, with an urgent byte",
-     [](Peer& p) { p.message("x", {Lingering()}, MSG_OOB).request("test").fds({kBody}); }},
+     [](Peer& p) { p.message("x", {Lingering()}, MSG_OOB).request("test").fds({kBody}); }, End::refused, true},
     {"sockets that linger, instead of a request",
      [](Peer& p) {
        const Lingering sockets[5];
        p.message("x", {std::begin(sockets), std::end(sockets)});
-     }},
+     },
+     End::refused, true},
     {"an unknown request, and a socket that lingers behind it",
      [](Peer& p) { p.request("no such command").fds({kBody}).fds({Lingering()}); }, End::either, true},
-    {"a socket that lingers", [](Peer& p) { p.request("test").fds({Lingering()}); }},
+    {"a socket that lingers", [](Peer& p) { p.request("test").fds({Lingering()}); }, End::refused, true},
     {"a socket that lingers, as standard output", [](Peer& p) { p.request("test", 1).fds({kBody}).fds({Lingering()}); },
-     End::served},
+     End::served, true},
     {"/dev/null", hands_over("/dev/null", O_RDWR)},
 };
 

@@ -16,7 +16,7 @@ namespace {
 constexpr int kGlimpseMs = 2;  // how long a client waits for a record that may not come
 constexpr int kMaxSteps = 16;
 constexpr std::size_t kMaxAttached = 4;
-constexpr int kMaxOpen = 48;  // the service's own descriptors, and clients that are just being released
+constexpr std::size_t kMaxOpen = 48;  // the service's own descriptors, and clients that are just being released
 const std::string name = "@/tmp/conversation_fuzz." + std::to_string(getpid());
 
 void echo(const char*, ks_io* io, int extra_fd) {
@@ -78,6 +78,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Input input(data, size);
   converse(input);
   require(call(name, "echo", "next") == Reply{KS_STATUS_OK, "next"}, "the next client");
-  require(lowest_free() < kMaxOpen, "descriptors pile up");
+  require(open_descriptors().size() < kMaxOpen, "descriptors pile up");
   return 0;
 }

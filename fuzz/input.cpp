@@ -1,7 +1,5 @@
 #include "fuzz/input.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -11,12 +9,6 @@ void require(bool condition, const char* what) {
   if (condition) return;
   std::fprintf(stderr, "does not hold: %s\n", what);
   std::abort();
-}
-
-int lowest_free() {
-  const int fd = dup(STDERR_FILENO);
-  close(fd);
-  return fd;
 }
 
 std::uint64_t Input::number(std::size_t bytes) {

@@ -7,9 +7,6 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
-// The lowest number that a descriptor can have now.
-int lowest_free();
-
 // Ends the process, naming `what`, unless the condition holds.
 void require(bool condition, const char* what);
 
